@@ -1,0 +1,31 @@
+#pragma once
+
+#include <expected>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+#include "platform/error.h"
+
+namespace norvik {
+
+// Writes `contents` to `target` so that a reader sees either the old file or the whole new one:
+// a temporary file beside the target (`temporaryName`, or the target's name with ".tmp"), fsync,
+// rename over the target, fsync of the directory. On any failure the old file is left as it was
+// and the temporary file is removed.
+[[nodiscard]] std::expected<void, Error> writeFileAtomically(const std::filesystem::path& target,
+                                                             std::string_view contents, mode_t mode = 0644,
+                                                             const std::string& temporaryName = {});
+
+// Reads a whole file. `maxBytes` guards against files that grew beyond reason.
+[[nodiscard]] std::expected<std::string, Error> readFile(const std::filesystem::path& path,
+                                                         std::size_t maxBytes = 64u << 20);
+
+// Creates `dir` and its parents; the last component gets `mode`.
+[[nodiscard]] std::expected<void, Error> makeDirectories(const std::filesystem::path& dir, mode_t mode = 0755);
+
+// An Error of domain "POSIX" for errno value `err`, naming the operation and the path.
+[[nodiscard]] Error posixError(int err, std::string_view operation, const std::filesystem::path& path);
+
+}  // namespace norvik

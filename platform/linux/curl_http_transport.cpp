@@ -1,0 +1,214 @@
+#include "platform/linux/curl_http_transport.h"
+
+#include <curl/curl.h>
+#include <mutex>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+
+#include <fmt/format.h>
+
+#include "platform/files.h"
+#include "platform/text.h"
+
+namespace norvik {
+
+struct CurlHttpTransport::Config {
+  std::string extraCaPem;  // empty: the system's store alone
+  std::size_t maxResponseBytes = 0;
+};
+
+namespace {
+
+void initialiseCurlOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+// Adds every certificate of `pem` to `store`; returns how many were added.
+int addCertificates(X509_STORE* store, std::string_view pem) {
+  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+  if (!bio) return 0;
+  int added = 0;
+  while (X509* cert = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr)) {
+    if (!store || X509_STORE_add_cert(store, cert) == 1) ++added;
+    X509_free(cert);
+  }
+  ERR_clear_error();  // the end of the PEM data reads as an error
+  BIO_free(bio);
+  return added;
+}
+
+CURLcode addExtraCa(CURL*, void* sslContext, void* userData) {
+  const auto* config = static_cast<const CurlHttpTransport::Config*>(userData);
+  X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
+  addCertificates(store, config->extraCaPem);
+  return CURLE_OK;
+}
+
+struct Transfer {
+  const CurlHttpTransport::Config* config;
+  HttpResponse response;
+  bool tooLarge = false;
+};
+
+size_t onBody(char* data, size_t size, size_t count, void* userData) {
+  auto* transfer = static_cast<Transfer*>(userData);
+  const size_t n = size * count;
+  if (transfer->response.body.size() + n > transfer->config->maxResponseBytes) {
+    transfer->tooLarge = true;
+    return 0;  // aborts the transfer
+  }
+  transfer->response.body.append(data, n);
+  return n;
+}
+
+size_t onHeader(char* data, size_t size, size_t count, void* userData) {
+  auto* transfer = static_cast<Transfer*>(userData);
+  const size_t n = size * count;
+  std::string_view line(data, n);
+  if (line.starts_with("HTTP/")) {
+    transfer->response.headers.clear();  // a new response (after a 100 Continue, say)
+  } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
+    transfer->response.headers.emplace_back(std::string(trimWhitespace(line.substr(0, colon))),
+                                            std::string(trimWhitespace(line.substr(colon + 1))));
+  }
+  return n;
+}
+
+// One easy handle per worker thread, reset between requests so that its connection cache stays.
+class ThreadHandle {
+ public:
+  ~ThreadHandle() {
+    if (handle_) curl_easy_cleanup(handle_);
+  }
+  CURL* get() {
+    if (!handle_) {
+      handle_ = curl_easy_init();
+    } else {
+      curl_easy_reset(handle_);
+    }
+    return handle_;
+  }
+
+ private:
+  CURL* handle_ = nullptr;
+};
+
+struct HeaderList {
+  curl_slist* list = nullptr;
+  ~HeaderList() { curl_slist_free_all(list); }
+  void add(const std::string& line) {
+    if (auto* next = curl_slist_append(list, line.c_str())) list = next;
+  }
+};
+
+NetworkError classify(CURL* curl, CURLcode code, const char* detail, bool tooLarge) {
+  NetworkError error;
+  error.osCode = static_cast<int>(code);
+  error.message = detail && *detail ? detail : curl_easy_strerror(code);
+  switch (code) {
+    case CURLE_OPERATION_TIMEDOUT: error.kind = NetworkErrorKind::timedOut; break;
+    case CURLE_COULDNT_CONNECT: error.kind = NetworkErrorKind::cannotConnect; break;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY: error.kind = NetworkErrorKind::hostNotFound; break;
+    case CURLE_PEER_FAILED_VERIFICATION: {
+      long verify = 0;
+      curl_easy_getinfo(curl, CURLINFO_SSL_VERIFYRESULT, &verify);
+      error.certificateOutOfDate = verify == X509_V_ERR_CERT_HAS_EXPIRED || verify == X509_V_ERR_CERT_NOT_YET_VALID;
+      error.kind = NetworkErrorKind::other;
+      break;
+    }
+    default: error.kind = NetworkErrorKind::other; break;
+  }
+  if (tooLarge) error.message = "response too large";
+  return error;
+}
+
+HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpRequest& request);
+
+}  // namespace
+
+std::expected<std::unique_ptr<CurlHttpTransport>, Error> CurlHttpTransport::create(EventLoop& loop, Options options) {
+  initialiseCurlOnce();
+  auto config = std::make_shared<Config>();
+  config->maxResponseBytes = options.maxResponseBytes;
+  if (options.extraCaFile) {
+    auto pem = readFile(*options.extraCaFile, 1u << 20);
+    if (!pem) return std::unexpected(pem.error());
+    if (addCertificates(nullptr, *pem) == 0) {
+      return std::unexpected(Error{"OpenSSL", 0, fmt::format("{}: no PEM certificate found", options.extraCaFile->string())});
+    }
+    config->extraCaPem = std::move(*pem);
+  }
+  return std::unique_ptr<CurlHttpTransport>(new CurlHttpTransport(loop, std::move(config)));
+}
+
+CurlHttpTransport::CurlHttpTransport(EventLoop& loop, std::shared_ptr<const Config> config)
+    : loop_(loop), config_(std::move(config)) {}
+
+void CurlHttpTransport::send(HttpRequest request, HttpCompletion completion) {
+  // The worker holds the configuration, not the transport: a request in flight survives it.
+  runBlockingThenReply(
+      loop_, [config = config_, request = std::move(request)] { return performRequest(*config, request); },
+      std::move(completion));
+}
+
+HttpResult CurlHttpTransport::perform(const HttpRequest& request) const { return performRequest(*config_, request); }
+
+namespace {
+
+HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpRequest& request) {
+  static thread_local ThreadHandle threadHandle;
+  CURL* curl = threadHandle.get();
+  if (!curl) return std::unexpected(NetworkError{NetworkErrorKind::other, "curl_easy_init failed", 0, false});
+
+  Transfer transfer{&config, {}, false};
+  char errorText[CURL_ERROR_SIZE] = {};
+  HeaderList headers;
+  for (const auto& [name, value] : request.headers) headers.add(name + ": " + value);
+  headers.add("Expect:");  // no 100-continue round trip for small bodies
+
+  curl_easy_setopt(curl, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
+  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (!config.extraCaPem.empty()) {
+    curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, &addExtraCa);
+    curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, const_cast<CurlHttpTransport::Config*>(&config));
+  }
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
+  const long timeoutMs = static_cast<long>(request.timeout.count());
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs);
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.list);
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &onBody);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &onHeader);
+  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &transfer);
+  if (request.method == "GET") {
+    curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+  } else {
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body.data());
+    if (request.method != "POST") curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+  }
+
+  const CURLcode code = curl_easy_perform(curl);
+  // The handle keeps pointers to this frame's buffers; drop them before the frame ends.
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
+  if (code != CURLE_OK) return std::unexpected(classify(curl, code, errorText, transfer.tooLarge));
+
+  long status = 0;
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+  transfer.response.status = static_cast<int>(status);
+  return std::move(transfer.response);
+}
+
+}  // namespace
+}  // namespace norvik

@@ -1,0 +1,73 @@
+#include "platform/linux/file_log.h"
+
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <fmt/chrono.h>
+
+#include "platform/files.h"
+
+namespace norvik {
+namespace {
+
+std::string timestamp() {
+  const auto now = std::chrono::system_clock::now();
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()) % 1000;
+  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(std::chrono::system_clock::to_time_t(now)),
+                     ms.count());
+}
+
+std::FILE* openAppend(const std::filesystem::path& path) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  if (fd < 0) return nullptr;
+  std::FILE* file = ::fdopen(fd, "a");
+  if (!file) ::close(fd);
+  return file;
+}
+
+}  // namespace
+
+std::expected<std::unique_ptr<FileLog>, Error> FileLog::open(Options options) {
+  std::FILE* file = nullptr;
+  if (options.file) {
+    if (auto made = makeDirectories(options.file->parent_path(), 0700); !made) return std::unexpected(made.error());
+    std::error_code ec;
+    if (std::filesystem::file_size(*options.file, ec) > options.rotateBytes && !ec) {
+      auto previous = *options.file;
+      previous += ".1";
+      std::filesystem::rename(*options.file, previous, ec);
+    }
+    file = openAppend(*options.file);
+    if (!file) return std::unexpected(posixError(errno, "open", *options.file));
+  }
+  return std::unique_ptr<FileLog>(new FileLog(file, options.toStderr));
+}
+
+FileLog::FileLog(std::FILE* file, bool toStderr) : file_(file), toStderr_(toStderr) {}
+
+FileLog::~FileLog() {
+  if (file_) std::fclose(file_);
+}
+
+void FileLog::write(std::string_view line) {
+  std::lock_guard lock(mutex_);
+  if (file_) {
+    fmt::print(file_, "{} {}\n", timestamp(), line);
+    std::fflush(file_);
+  }
+  if (toStderr_) {
+    fmt::print(stderr, "{}\n", line);
+  }
+}
+
+void FileAnalytics::record(std::string_view tag) {
+  std::lock_guard lock(mutex_);
+  if (std::FILE* file = openAppend(file_)) {
+    fmt::print(file, "{} {}\n", timestamp(), tag);
+    std::fclose(file);
+  }
+}
+
+}  // namespace norvik

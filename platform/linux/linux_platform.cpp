@@ -1,0 +1,42 @@
+#include "platform/linux/linux_platform.h"
+
+#include "platform/files.h"
+#include "platform/linux/curl_http_transport.h"
+#include "platform/linux/file_log.h"
+#include "platform/linux/file_secure_item_store.h"
+#include "platform/linux/openssl_crypto.h"
+#include "platform/linux/sqlite_defaults.h"
+#include "platform/linux/system_clock.h"
+
+namespace norvik {
+
+std::expected<Platform, Error> makeLinuxPlatform(EventLoop& loop, const LinuxPlatformOptions& options) {
+  const AppPaths& paths = options.paths;
+  if (auto made = makeDirectories(paths.home, 0700); !made) return std::unexpected(made.error());
+
+  Platform platform;
+  auto log = FileLog::open({paths.logs() / "norvik.log", options.logToStderr});
+  if (!log) return std::unexpected(log.error());
+  platform.log = std::move(*log);
+  platform.analytics = std::make_unique<FileAnalytics>(paths.logs() / "analytics.log");
+  platform.clock = std::make_unique<SystemClock>();
+  platform.crypto = std::make_unique<OpenSslCrypto>();
+
+  auto standard = SqliteDefaults::open(paths.standardDefaults(), *platform.log);
+  if (!standard) return std::unexpected(standard.error());
+  platform.standardDefaults = std::move(*standard);
+
+  if (auto made = makeDirectories(paths.groupContainer(), 0700); !made) return std::unexpected(made.error());
+  auto group = SqliteDefaults::open(paths.groupDefaults(), *platform.log);
+  if (!group) return std::unexpected(group.error());
+  platform.groupDefaults = std::move(*group);
+
+  platform.secureItems = std::make_unique<FileSecureItemStore>(paths.secureStore());
+
+  auto http = CurlHttpTransport::create(loop, {options.extraCaFile});
+  if (!http) return std::unexpected(http.error());
+  platform.http = std::move(*http);
+  return platform;
+}
+
+}  // namespace norvik

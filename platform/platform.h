@@ -1,0 +1,27 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/clock.h"
+#include "platform/crypto.h"
+#include "platform/defaults.h"
+#include "platform/http_transport.h"
+#include "platform/log.h"
+#include "platform/secure_item_store.h"
+
+namespace norvik {
+
+// The operating-system services of one process, chosen once at start-up (see
+// platform/linux/linux_platform.h) and lent to the product's objects by reference.
+struct Platform {
+  std::unique_ptr<Log> log;
+  std::unique_ptr<Analytics> analytics;
+  std::unique_ptr<Clock> clock;
+  std::unique_ptr<Crypto> crypto;
+  std::unique_ptr<Defaults> standardDefaults;
+  std::unique_ptr<Defaults> groupDefaults;
+  std::unique_ptr<SecureItemStore> secureItems;
+  std::unique_ptr<HttpTransport> http;
+};
+
+}  // namespace norvik
