@@ -166,7 +166,11 @@ std::size_t FakeSecureItemStore::itemCount() const {
 }
 
 std::expected<Bytes, Error> DeterministicCrypto::randomBytes(std::size_t count) {
-  if (failRandom_) return std::unexpected(Error{"Test", -1, "random source unavailable"});
+  int left = successesLeft_.load();
+  while (left >= 0) {
+    if (left == 0) return std::unexpected(Error{"Test", -1, "random source unavailable"});
+    if (successesLeft_.compare_exchange_weak(left, left - 1)) break;
+  }
   Bytes out(count);
   for (auto& b : out) b = next_++;
   return out;

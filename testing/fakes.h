@@ -117,7 +117,7 @@ class FakeSecureItemStore final : public SecureItemStore {
 };
 
 // OpenSSL crypto with a predictable random source (a counter), so that nonces and identifiers are
-// known in advance. failRandom(true) makes the random source fail.
+// known in advance; the random source can be made to fail.
 class DeterministicCrypto final : public Crypto {
  public:
   [[nodiscard]] Bytes hmacSha256(ByteView key, ByteView data) const override { return real_.hmacSha256(key, data); }
@@ -129,12 +129,14 @@ class DeterministicCrypto final : public Crypto {
   }
   [[nodiscard]] std::expected<Bytes, Error> randomBytes(std::size_t count) override;
 
-  void failRandom(bool fail) { failRandom_ = fail; }
+  void failRandom(bool fail) { successesLeft_ = fail ? 0 : -1; }
+  // The next `count` draws succeed, every later one fails.
+  void failRandomAfter(int count) { successesLeft_ = count; }
 
  private:
   OpenSslCrypto real_;
   std::atomic<std::uint8_t> next_{1};
-  std::atomic<bool> failRandom_{false};
+  std::atomic<int> successesLeft_{-1};  // -1: never fail
 };
 
 }  // namespace norvik::testing
