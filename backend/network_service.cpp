@@ -29,13 +29,15 @@ struct NetworkService::Exchange {
 };
 
 NetworkService::NetworkService(EventLoop& loop, HttpTransport& transport, SecurityManager& security,
-                               Defaults& standardDefaults, Log& log, NetworkServiceConfig config)
+                               Defaults& standardDefaults, Clock& clock, Log& log, NetworkServiceConfig config)
     : loop_(loop),
       transport_(transport),
       security_(security),
       defaults_(standardDefaults),
+      clock_(clock),
       log_(log),
-      config_(std::move(config)) {}
+      config_(std::move(config)),
+      netProfile_(standardDefaults, log) {}
 
 NetworkService::~NetworkService() = default;
 
@@ -136,6 +138,99 @@ void NetworkService::onAnswer(std::shared_ptr<Exchange> exchange, HttpResult res
     title = stringField(body, "title");
   }
   exchange->finish(std::unexpected(api_error::statusError(response.status, std::move(message), std::move(title))));
+}
+
+}  // namespace norvik
+
+namespace norvik {
+
+void NetworkService::loadMainConfiguration(APICompletion<MainResponse> completion) {
+  if (completion) mainWaiters_.push_back(std::move(completion));
+  if (isFetchingMainConfig_) return;  // this call joins the load that runs
+  isFetchingMainConfig_ = true;
+  isLoading_.set(true);
+  send(endpoints::kMain, nlohmann::json::object(), [weak = weakFactory_.weak()](BodyResult body) {
+    if (auto self = weak.lock()) self->onMainBody(std::move(body));
+  });
+}
+
+void NetworkService::onMainBody(BodyResult body) {
+  std::expected<MainResponse, APIError> outcome = std::unexpected(APIError{});
+  if (!body) {
+    outcome = std::unexpected(body.error());
+  } else {
+    log_.format("RAW JSON Response: {}", redactedForLog(*body));
+    auto decoded = decodeAPIResponse(*body);
+    if (!decoded) {
+      log_.format("Main config decoding error: {}", decoded.error());
+      outcome = std::unexpected(APIError{std::string(api_error::kDecodeError), "Failed to decode response"});
+    } else {
+      auto response = std::make_shared<const APIResponse>(std::move(*decoded));
+      // The whole document is kept as it came, so that nothing the client does not model is lost.
+      defaults_.setString(kCachedAPIResponseKey, std::move(*body));
+      defaults_.setDouble(kCachedAPIResponseAtKey, clock_.secondsSince1970());
+      saveDerivedValues(response->main);
+      netProfile_.update(response->netProfile);
+      hasLiveMainResponse_ = true;
+      outcome = response;
+    }
+  }
+
+  isFetchingMainConfig_ = false;
+  isLoading_.set(false);
+  if (outcome) {
+    lastError_.set(std::nullopt);
+    currentResponse_.set(*outcome);
+  } else {
+    lastError_.set(outcome.error());
+  }
+  auto waiters = std::exchange(mainWaiters_, {});
+  for (auto& waiter : waiters) waiter(outcome);
+}
+
+void NetworkService::saveDerivedValues(const MainConfig& main) {
+  if (main.mainDomain && !main.mainDomain->empty()) {
+    defaults_.setString(kCachedMainDomainKey, *main.mainDomain);
+    log_.format("[Domain] Main domain saved to UserDefaults: {}", *main.mainDomain);
+  }
+  if (main.linkSupport && !main.linkSupport->empty()) {
+    defaults_.setString(kCachedSupportURLKey, *main.linkSupport);
+    log_.format("[Support] Support URL saved to UserDefaults: {}", *main.linkSupport);
+  }
+  if (main.linkTelegram && !main.linkTelegram->empty()) {
+    defaults_.setString(kCachedTelegramURLKey, *main.linkTelegram);
+  }
+  if (main.linkShare && !main.linkShare->empty()) {
+    defaults_.setString(kCachedShareURLKey, *main.linkShare);
+    log_.format("[Share] Share URL saved to UserDefaults: {}", *main.linkShare);
+  }
+  if (main.showCompany) {
+    defaults_.setBool(kCachedShowCompanyKey, *main.showCompany);
+    log_.format("[About] Show company flag saved: {}", *main.showCompany);
+  }
+  if (main.moveButton) {
+    defaults_.setBool(kCachedMoveButtonKey, *main.moveButton);
+    log_.format("[Settings] Move button flag saved: {}", *main.moveButton);
+  }
+}
+
+NetworkService::MainResponse NetworkService::loadCachedMainConfiguration() {
+  auto text = defaults_.stringValue(kCachedAPIResponseKey);
+  if (!text) return nullptr;
+  auto decoded = decodeAPIResponse(*text);
+  if (!decoded) {
+    log_.format("Main config decoding error: {}", decoded.error());
+    return nullptr;
+  }
+  auto response = std::make_shared<const APIResponse>(std::move(*decoded));
+  currentResponse_.set(response);
+  return response;
+}
+
+std::string NetworkService::shareURL() {
+  if (auto saved = defaults_.stringValue(kCachedShareURLKey); saved && !saved->empty()) return *saved;
+  log_.format("[Share] Using default share URL: {}", config_.defaultShareURL);
+  return config_.defaultShareURL;
 }
 
 }  // namespace norvik

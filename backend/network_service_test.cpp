@@ -61,7 +61,7 @@ TEST_F(NetworkServiceOverTlsTest, TheServerVerifiesTheSignatureAndOpensTheIdenti
                                             testing::testAesKey());
     return ServerReply{200, R"({"result":1})"};
   });
-  NetworkService service(loop_, transport_, security_, defaults_, log_, config(server_.url("/api/")));
+  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(server_.url("/api/")));
 
   auto body = sendAndWait(service, endpoints::kGetKey, {{"extra", "значение"}});
   ASSERT_TRUE(body.has_value()) << body.error().message;
@@ -81,7 +81,7 @@ TEST_F(NetworkServiceOverTlsTest, TheServerVerifiesTheSignatureAndOpensTheIdenti
 
 TEST_F(NetworkServiceOverTlsTest, A503OnEveryAttemptOfMainMeansFourSendsTwoSecondsApart) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{503, R"({"message":"busy","title":"Перегрузка"})"}; });
-  NetworkService service(loop_, transport_, security_, defaults_, log_, config(server_.url("/api/")));
+  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(server_.url("/api/")));
 
   auto body = sendAndWait(service, endpoints::kMain);
   ASSERT_FALSE(body.has_value());
@@ -99,7 +99,7 @@ TEST_F(NetworkServiceOverTlsTest, A503OnEveryAttemptOfMainMeansFourSendsTwoSecon
 
 TEST_F(NetworkServiceOverTlsTest, AServerChangeIsSentExactlyOnceOn503) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{503, "overloaded"}; });
-  NetworkService service(loop_, transport_, security_, defaults_, log_, config(server_.url("/api/")));
+  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(server_.url("/api/")));
   auto body = sendAndWait(service, endpoints::kChangeServer);
   ASSERT_FALSE(body.has_value());
   EXPECT_EQ(body.error().code, "SERVER_OVERLOAD");
@@ -112,7 +112,7 @@ TEST_F(NetworkServiceOverTlsTest, AServerChangeIsSentExactlyOnceOn503) {
 TEST_F(NetworkServiceOverTlsTest, AnHttpBaseURLArrivesOverTls) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{200, "{}"}; });
   const std::string plain = "http://127.0.0.1:" + std::to_string(server_.port()) + "/api/";
-  NetworkService service(loop_, transport_, security_, defaults_, log_, config(plain));
+  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(plain));
   ASSERT_TRUE(sendAndWait(service, endpoints::kMain).has_value());
   ASSERT_EQ(transport_.sent().size(), 1u);
   EXPECT_TRUE(transport_.sent()[0].request.url.starts_with("https://"));
@@ -122,7 +122,7 @@ TEST_F(NetworkServiceOverTlsTest, AnHttpBaseURLArrivesOverTls) {
 TEST_F(NetworkServiceOverTlsTest, TheHostAnnouncedByTheLastMainResponseWins) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{200, "{}"}; });
   defaults_.setString(NetworkService::kCachedMainDomainKey, "127.0.0.1:" + std::to_string(server_.port()));
-  NetworkService service(loop_, transport_, security_, defaults_, log_, config("https://backend.invalid/api/"));
+  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config("https://backend.invalid/api/"));
   ASSERT_TRUE(sendAndWait(service, endpoints::kMain).has_value());
   ASSERT_EQ(server_.requests().size(), 1u);
   EXPECT_EQ(server_.requests()[0].path, "/api/main");
@@ -131,7 +131,7 @@ TEST_F(NetworkServiceOverTlsTest, TheHostAnnouncedByTheLastMainResponseWins) {
 class NetworkServiceScriptedTest : public NetworkServiceTest {
  protected:
   FakeHttpTransport transport_{loop_};
-  NetworkService service_{loop_, transport_, security_, defaults_, log_};
+  NetworkService service_{loop_, transport_, security_, defaults_, clock_, log_};
 };
 
 TEST_F(NetworkServiceScriptedTest, ALockedStoreWithoutMirrorSendsNothingAtAll) {
@@ -149,7 +149,7 @@ TEST_F(NetworkServiceScriptedTest, AnUnusableAesKeyIsAnEncryptionError) {
   auto p = testing::testProvisioning();
   p.aesEncryptionKey = "";
   SecurityManager noKey(p, store_, defaults_, crypto_, clock_, log_);
-  NetworkService service(loop_, transport_, noKey, defaults_, log_);
+  NetworkService service(loop_, transport_, noKey, defaults_, clock_, log_);
   auto body = sendAndWait(service, endpoints::kMain);
   EXPECT_EQ(body.error(), (APIError{"ENCRYPTION_FAILED", "Encryption Error"}));
   EXPECT_TRUE(transport_.sent().empty());
@@ -217,7 +217,7 @@ TEST_F(NetworkServiceScriptedTest, NoCompletionRunsOnceTheServiceIsGone) {
   transport_.setLatency(1s);
   bool called = false;
   {
-    NetworkService service(loop_, transport_, security_, defaults_, log_);
+    NetworkService service(loop_, transport_, security_, defaults_, clock_, log_);
     service.send(endpoints::kMain, nlohmann::json::object(), [&](NetworkService::BodyResult) { called = true; });
   }
   loop_.advance(10s);
