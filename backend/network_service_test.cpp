@@ -109,6 +109,28 @@ TEST_F(NetworkServiceOverTlsTest, AServerChangeIsSentExactlyOnceOn503) {
   EXPECT_EQ(server_.requests().size(), 1u);
 }
 
+TEST_F(NetworkServiceOverTlsTest, AServerChangeToAnUnreachableServerIsSentOnce) {
+  // Nothing listens on the discard port of loopback: the connection is refused at once.
+  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config("https://127.0.0.1:9/api/"));
+  auto body = sendAndWait(service, endpoints::kChangeServer);
+  ASSERT_FALSE(body.has_value());
+  EXPECT_EQ(body.error().code, "NETWORK_ERROR");
+  EXPECT_FALSE(body.error().timedOut);
+  loop_.advance(1h);
+  EXPECT_EQ(transport_.sent().size(), 1u);
+}
+
+TEST_F(NetworkServiceOverTlsTest, A200ThatIsNotTheEndpointsDocumentIsADecodeError) {
+  server_.setHandler([](const ServerRequest&) { return ServerReply{200, "<html>captive portal</html>", "text/html"}; });
+  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(server_.url("/api/")));
+  std::optional<std::expected<VPNKeyResponse, APIError>> key;
+  service.getKey([&](auto r) { key = std::move(r); });
+  ASSERT_TRUE(loop_.runUntil([&] { return key.has_value(); }));
+  ASSERT_FALSE(key->has_value());
+  EXPECT_EQ(key->error(), (APIError{"DECODE_ERROR", "Decoding error: the data is not valid JSON"}));
+  EXPECT_EQ(server_.requests().size(), 1u) << "a decoding error is not retried";
+}
+
 TEST_F(NetworkServiceOverTlsTest, AnHttpBaseURLArrivesOverTls) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{200, "{}"}; });
   const std::string plain = "http://127.0.0.1:" + std::to_string(server_.port()) + "/api/";

@@ -11,8 +11,10 @@ AsioEventLoop::AsioEventLoop(std::size_t workerThreads)
 
 AsioEventLoop::~AsioEventLoop() {
   // Workers may still post replies; they are dropped with the context once the workers are done.
-  workers_.join();
+  joinWorkers();
 }
+
+void AsioEventLoop::joinWorkers() { workers_.join(); }
 
 void AsioEventLoop::post(Task task) { asio::post(io_, std::move(task)); }
 

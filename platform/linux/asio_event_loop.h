@@ -26,6 +26,9 @@ class AsioEventLoop final : public EventLoop {
   void run();
   // Any thread.
   void stop();
+  // Waits for blocking work in flight. Call after run() returns and before destroying the objects
+  // that such work may still use.
+  void joinWorkers();
 
   asio::io_context& context() { return io_; }
 

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include "platform/files.h"
 
@@ -50,6 +51,8 @@ std::expected<std::unique_ptr<SqliteDefaults>, Error> SqliteDefaults::open(const
     sqlite3_close(db);
     return std::unexpected(error);
   }
+  // Settings are the user's own; the journal files SQLite creates next take the same mode.
+  ::chmod(file.c_str(), 0600);
   std::unique_ptr<SqliteDefaults> store(new SqliteDefaults(db, file, log));
   if (auto prepared = store->prepare(); !prepared) return std::unexpected(prepared.error());
   return store;
