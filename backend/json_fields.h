@@ -58,22 +58,14 @@ class Fields {
   // An array of objects; every element must decode.
   template <class T>
   void list(const char* key, std::optional<std::vector<T>>& out, T (*decode)(const Fields&)) const {
-    if (const auto* value = find(key)) {
-      if (!value->is_array()) fail(key, "an array", *value);
-      std::vector<T> items;
-      for (std::size_t i = 0; i < value->size(); ++i) {
-        const auto& element = (*value)[i];
-        const std::string path = childPath(key) + "[" + std::to_string(i) + "]";
-        if (!element.is_object()) failAt(path, "an object", element);
-        items.push_back(decode(Fields(element, path)));
-      }
-      out = std::move(items);
-    }
+    decodeList(key, out, decode, /*dropped=*/nullptr, /*lenient=*/false);
   }
   // An array of objects in which an element that fails to decode is dropped, the rest kept.
   template <class T>
   void lenientList(const char* key, std::optional<std::vector<T>>& out, T (*decode)(const Fields&),
-                   std::vector<std::string>* dropped = nullptr) const;
+                   std::vector<std::string>* dropped = nullptr) const {
+    decodeList(key, out, decode, dropped, /*lenient=*/true);
+  }
 
   // The value of `key`, or nothing when it is missing or null.
   [[nodiscard]] const nlohmann::json* find(const char* key) const;
@@ -86,6 +78,9 @@ class Fields {
 
  private:
   [[nodiscard]] std::string childPath(const char* key) const;
+  template <class T>
+  void decodeList(const char* key, std::optional<std::vector<T>>& out, T (*decode)(const Fields&),
+                  std::vector<std::string>* dropped, bool lenient) const;
 
   const nlohmann::json& object_;
   std::string path_;
@@ -110,23 +105,25 @@ std::expected<T, std::string> decodeDocument(std::string_view body, T (*decode)(
 }
 
 template <class T>
-void Fields::lenientList(const char* key, std::optional<std::vector<T>>& out, T (*decode)(const Fields&),
-                         std::vector<std::string>* dropped) const {
-  if (const auto* value = find(key)) {
-    if (!value->is_array()) fail(key, "an array", *value);
-    std::vector<T> items;
-    for (std::size_t i = 0; i < value->size(); ++i) {
-      const auto& element = (*value)[i];
-      const std::string path = childPath(key) + "[" + std::to_string(i) + "]";
-      try {
-        if (!element.is_object()) failAt(path, "an object", element);
-        items.push_back(decode(Fields(element, path)));
-      } catch (const DecodeFailure& failure) {
-        if (dropped) dropped->push_back(failure.message);
-      }
+void Fields::decodeList(const char* key, std::optional<std::vector<T>>& out, T (*decode)(const Fields&),
+                        std::vector<std::string>* dropped, bool lenient) const {
+  const auto* value = find(key);
+  if (!value) return;
+  if (!value->is_array()) fail(key, "an array", *value);
+  std::vector<T> items;
+  items.reserve(value->size());
+  for (std::size_t i = 0; i < value->size(); ++i) {
+    const auto& element = (*value)[i];
+    const std::string path = childPath(key) + "[" + std::to_string(i) + "]";
+    try {
+      if (!element.is_object()) failAt(path, "an object", element);
+      items.push_back(decode(Fields(element, path)));
+    } catch (const DecodeFailure& failure) {
+      if (!lenient) throw;
+      if (dropped) dropped->push_back(failure.message);
     }
-    out = std::move(items);
   }
+  out = std::move(items);
 }
 
 }  // namespace norvik::json_fields

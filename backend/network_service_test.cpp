@@ -5,7 +5,7 @@
 
 #include "platform/linux/curl_http_transport.h"
 #include "testing/backend_verifier.h"
-#include "testing/fakes.h"
+#include "testing/backend_environment.h"
 #include "testing/http_fakes.h"
 #include "testing/loopback_https_server.h"
 #include "testing/test_provisioning.h"
@@ -19,23 +19,15 @@ using testing::ServerReply;
 using testing::ServerRequest;
 
 // What a test needs around a NetworkService: identity, defaults, log and a virtual loop.
-class NetworkServiceTest : public ::testing::Test {
+class NetworkServiceTest : public ::testing::Test, protected testing::BackendEnvironment {
  protected:
   NetworkService::BodyResult sendAndWait(NetworkService& service, const Endpoint& endpoint,
                                          nlohmann::json params = nlohmann::json::object()) {
     std::optional<NetworkService::BodyResult> result;
     service.send(endpoint, params, [&](NetworkService::BodyResult r) { result = std::move(r); });
-    EXPECT_TRUE(loop_.runUntil([&] { return result.has_value(); }));
+    EXPECT_TRUE(loop.runUntil([&] { return result.has_value(); }));
     return result ? std::move(*result) : std::unexpected(APIError{"TEST", "no result"});
   }
-
-  testing::VirtualEventLoop loop_;
-  testing::VirtualClock clock_{loop_};
-  testing::FakeSecureItemStore store_;
-  testing::MemoryDefaults defaults_;
-  testing::DeterministicCrypto crypto_;
-  testing::CapturingLog log_;
-  SecurityManager security_{testing::testProvisioning(), store_, defaults_, crypto_, clock_, log_};
 };
 
 // Against a real TLS server on loopback through the real libcurl transport.
@@ -48,8 +40,8 @@ class NetworkServiceOverTlsTest : public NetworkServiceTest {
   }
 
   testing::LoopbackHttpsServer server_;
-  std::unique_ptr<CurlHttpTransport> curl_ = CurlHttpTransport::create(loop_, {server_.caFile()}).value();
-  testing::RecordingHttpTransport transport_{loop_, *curl_};
+  std::unique_ptr<CurlHttpTransport> curl_ = CurlHttpTransport::create(loop, {server_.caFile()}).value();
+  testing::RecordingHttpTransport transport_{loop, *curl_};
 };
 
 TEST_F(NetworkServiceOverTlsTest, TheServerVerifiesTheSignatureAndOpensTheIdentity) {
@@ -61,7 +53,7 @@ TEST_F(NetworkServiceOverTlsTest, TheServerVerifiesTheSignatureAndOpensTheIdenti
                                             testing::testAesKey());
     return ServerReply{200, R"({"result":1})"};
   });
-  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(server_.url("/api/")));
+  NetworkService service(loop, transport_, security, defaults, clock, log, config(server_.url("/api/")));
 
   auto body = sendAndWait(service, endpoints::kGetKey, {{"extra", "значение"}});
   ASSERT_TRUE(body.has_value()) << body.error().message;
@@ -69,19 +61,19 @@ TEST_F(NetworkServiceOverTlsTest, TheServerVerifiesTheSignatureAndOpensTheIdenti
 
   ASSERT_TRUE(verified.has_value());
   ASSERT_TRUE(verified->has_value()) << verified->error();
-  EXPECT_EQ((*verified)->vendorId, security_.vendorID().identifier);
+  EXPECT_EQ((*verified)->vendorId, security.vendorID().identifier);
   EXPECT_EQ((*verified)->body["version_info"], kAppVersion);
   EXPECT_EQ((*verified)->body["extra"], "значение");
   EXPECT_EQ(seen.method, "POST");
   EXPECT_EQ(seen.path, "/api/getkey");
   EXPECT_EQ(findHeader(seen.headers, "Content-Type"), "application/json");
   EXPECT_EQ(findHeader(seen.headers, "User-Agent"), "Norvik-macOS/1.0");
-  EXPECT_EQ(log_.count("[Request] Enhanced HMAC request (ts: "), 1u);
+  EXPECT_EQ(log.count("[Request] Enhanced HMAC request (ts: "), 1u);
 }
 
 TEST_F(NetworkServiceOverTlsTest, A503OnEveryAttemptOfMainMeansFourSendsTwoSecondsApart) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{503, R"({"message":"busy","title":"Перегрузка"})"}; });
-  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(server_.url("/api/")));
+  NetworkService service(loop, transport_, security, defaults, clock, log, config(server_.url("/api/")));
 
   auto body = sendAndWait(service, endpoints::kMain);
   ASSERT_FALSE(body.has_value());
@@ -93,39 +85,39 @@ TEST_F(NetworkServiceOverTlsTest, A503OnEveryAttemptOfMainMeansFourSendsTwoSecon
   ASSERT_EQ(sent.size(), 4u);
   EXPECT_EQ(server_.requests().size(), 4u);
   for (std::size_t i = 1; i < sent.size(); ++i) EXPECT_EQ(sent[i].at - sent[i - 1].at, 2s);
-  EXPECT_EQ(log_.count("Server overload (503), waiting 2s before retry..."), 3u);
-  EXPECT_TRUE(log_.hasLine("HTTP Status: 503 on attempt 3"));
+  EXPECT_EQ(log.count("Server overload (503), waiting 2s before retry..."), 3u);
+  EXPECT_TRUE(log.hasLine("HTTP Status: 503 on attempt 3"));
 }
 
 TEST_F(NetworkServiceOverTlsTest, AServerChangeIsSentExactlyOnceOn503) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{503, "overloaded"}; });
-  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(server_.url("/api/")));
+  NetworkService service(loop, transport_, security, defaults, clock, log, config(server_.url("/api/")));
   auto body = sendAndWait(service, endpoints::kChangeServer);
   ASSERT_FALSE(body.has_value());
   EXPECT_EQ(body.error().code, "SERVER_OVERLOAD");
   EXPECT_EQ(body.error().message, "Server returned status code 503");
   EXPECT_EQ(server_.requests().size(), 1u);
-  loop_.advance(1h);
+  loop.advance(1h);
   EXPECT_EQ(server_.requests().size(), 1u);
 }
 
 TEST_F(NetworkServiceOverTlsTest, AServerChangeToAnUnreachableServerIsSentOnce) {
   // Nothing listens on the discard port of loopback: the connection is refused at once.
-  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config("https://127.0.0.1:9/api/"));
+  NetworkService service(loop, transport_, security, defaults, clock, log, config("https://127.0.0.1:9/api/"));
   auto body = sendAndWait(service, endpoints::kChangeServer);
   ASSERT_FALSE(body.has_value());
   EXPECT_EQ(body.error().code, "NETWORK_ERROR");
   EXPECT_FALSE(body.error().timedOut);
-  loop_.advance(1h);
+  loop.advance(1h);
   EXPECT_EQ(transport_.sent().size(), 1u);
 }
 
 TEST_F(NetworkServiceOverTlsTest, A200ThatIsNotTheEndpointsDocumentIsADecodeError) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{200, "<html>captive portal</html>", "text/html"}; });
-  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(server_.url("/api/")));
+  NetworkService service(loop, transport_, security, defaults, clock, log, config(server_.url("/api/")));
   std::optional<std::expected<VPNKeyResponse, APIError>> key;
   service.getKey([&](auto r) { key = std::move(r); });
-  ASSERT_TRUE(loop_.runUntil([&] { return key.has_value(); }));
+  ASSERT_TRUE(loop.runUntil([&] { return key.has_value(); }));
   ASSERT_FALSE(key->has_value());
   EXPECT_EQ(key->error(), (APIError{"DECODE_ERROR", "Decoding error: the data is not valid JSON"}));
   EXPECT_EQ(server_.requests().size(), 1u) << "a decoding error is not retried";
@@ -134,7 +126,7 @@ TEST_F(NetworkServiceOverTlsTest, A200ThatIsNotTheEndpointsDocumentIsADecodeErro
 TEST_F(NetworkServiceOverTlsTest, AnHttpBaseURLArrivesOverTls) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{200, "{}"}; });
   const std::string plain = "http://127.0.0.1:" + std::to_string(server_.port()) + "/api/";
-  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config(plain));
+  NetworkService service(loop, transport_, security, defaults, clock, log, config(plain));
   ASSERT_TRUE(sendAndWait(service, endpoints::kMain).has_value());
   ASSERT_EQ(transport_.sent().size(), 1u);
   EXPECT_TRUE(transport_.sent()[0].request.url.starts_with("https://"));
@@ -143,8 +135,8 @@ TEST_F(NetworkServiceOverTlsTest, AnHttpBaseURLArrivesOverTls) {
 
 TEST_F(NetworkServiceOverTlsTest, TheHostAnnouncedByTheLastMainResponseWins) {
   server_.setHandler([](const ServerRequest&) { return ServerReply{200, "{}"}; });
-  defaults_.setString(NetworkService::kCachedMainDomainKey, "127.0.0.1:" + std::to_string(server_.port()));
-  NetworkService service(loop_, transport_, security_, defaults_, clock_, log_, config("https://backend.invalid/api/"));
+  defaults.setString(NetworkService::kCachedMainDomainKey, "127.0.0.1:" + std::to_string(server_.port()));
+  NetworkService service(loop, transport_, security, defaults, clock, log, config("https://backend.invalid/api/"));
   ASSERT_TRUE(sendAndWait(service, endpoints::kMain).has_value());
   ASSERT_EQ(server_.requests().size(), 1u);
   EXPECT_EQ(server_.requests()[0].path, "/api/main");
@@ -152,12 +144,12 @@ TEST_F(NetworkServiceOverTlsTest, TheHostAnnouncedByTheLastMainResponseWins) {
 
 class NetworkServiceScriptedTest : public NetworkServiceTest {
  protected:
-  FakeHttpTransport transport_{loop_};
-  NetworkService service_{loop_, transport_, security_, defaults_, clock_, log_};
+  FakeHttpTransport transport_{loop};
+  NetworkService service_{loop, transport_, security, defaults, clock, log};
 };
 
 TEST_F(NetworkServiceScriptedTest, ALockedStoreWithoutMirrorSendsNothingAtAll) {
-  store_.setLockedStatus(errSecInteractionNotAllowed);
+  store.setLockedStatus(errSecInteractionNotAllowed);
   for (const auto& endpoint : endpoints::kAll) {
     auto body = sendAndWait(service_, endpoint);
     ASSERT_FALSE(body.has_value());
@@ -170,16 +162,16 @@ TEST_F(NetworkServiceScriptedTest, ALockedStoreWithoutMirrorSendsNothingAtAll) {
 TEST_F(NetworkServiceScriptedTest, AnUnusableAesKeyIsAnEncryptionError) {
   auto p = testing::testProvisioning();
   p.aesEncryptionKey = "";
-  SecurityManager noKey(p, store_, defaults_, crypto_, clock_, log_);
-  NetworkService service(loop_, transport_, noKey, defaults_, clock_, log_);
+  SecurityManager noKey(p, store, defaults, crypto, clock, log);
+  NetworkService service(loop, transport_, noKey, defaults, clock, log);
   auto body = sendAndWait(service, endpoints::kMain);
   EXPECT_EQ(body.error(), (APIError{"ENCRYPTION_FAILED", "Encryption Error"}));
   EXPECT_TRUE(transport_.sent().empty());
 }
 
 TEST_F(NetworkServiceScriptedTest, ARandomSourceThatFailsForTheNonceIsASigningError) {
-  (void)security_.vendorID();  // the identifier exists before the random source breaks
-  crypto_.failRandomAfter(1);  // the encryption's nonce is drawn, the signature's is not
+  (void)security.vendorID();  // the identifier exists before the random source breaks
+  crypto.failRandomAfter(1);  // the encryption's nonce is drawn, the signature's is not
   auto body = sendAndWait(service_, endpoints::kMain);
   EXPECT_EQ(body.error(), (APIError{"NO_HMAC", "Failed to generate HMAC signature"}));
   EXPECT_TRUE(transport_.sent().empty());
@@ -194,10 +186,10 @@ TEST_F(NetworkServiceScriptedTest, AServerChangeIsNeverRepeatedAfterANetworkErro
     EXPECT_EQ(body.error().code, "NETWORK_ERROR");
     EXPECT_EQ(body.error().message, "Network request failed");
     EXPECT_EQ(body.error().timedOut, kind == NetworkErrorKind::timedOut);
-    loop_.advance(1h);
+    loop.advance(1h);
     EXPECT_EQ(transport_.sent().size(), before + 1);
   }
-  EXPECT_EQ(log_.count("Attempt 0 failed: scripted failure"), 2u);
+  EXPECT_EQ(log.count("Attempt 0 failed: scripted failure"), 2u);
 }
 
 TEST_F(NetworkServiceScriptedTest, NetworkErrorsAreRetriedWithinTheBudget) {
@@ -211,7 +203,7 @@ TEST_F(NetworkServiceScriptedTest, NetworkErrorsAreRetriedWithinTheBudget) {
   ASSERT_EQ(transport_.sent().size(), 3u);
   EXPECT_EQ(transport_.sent()[2].at - transport_.sent()[0].at, 4s);
   EXPECT_EQ(transport_.sent()[0].request.timeout, 15s);
-  EXPECT_TRUE(log_.hasLine("Attempt 1 failed: scripted failure"));
+  EXPECT_TRUE(log.hasLine("Attempt 1 failed: scripted failure"));
 }
 
 TEST_F(NetworkServiceScriptedTest, StatusErrorsCarryTheServersMessageAndTheStatusName) {
@@ -239,10 +231,10 @@ TEST_F(NetworkServiceScriptedTest, NoCompletionRunsOnceTheServiceIsGone) {
   transport_.setLatency(1s);
   bool called = false;
   {
-    NetworkService service(loop_, transport_, security_, defaults_, clock_, log_);
+    NetworkService service(loop, transport_, security, defaults, clock, log);
     service.send(endpoints::kMain, nlohmann::json::object(), [&](NetworkService::BodyResult) { called = true; });
   }
-  loop_.advance(10s);
+  loop.advance(10s);
   EXPECT_FALSE(called);
 }
 

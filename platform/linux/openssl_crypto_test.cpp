@@ -23,7 +23,7 @@ TEST(OpenSslCrypto, HmacSha256MatchesTheStandardVector) {
 
 TEST(OpenSslCrypto, AesGcmMatchesTheStandardVectorAndDetectsTampering) {
   OpenSslCrypto crypto;
-  // GCM specification, test case 14: zero key, zero nonce, 16 zero bytes.
+  // The published GCM test vectors, case 14: zero key, zero nonce, 16 zero bytes.
   const Bytes key(32, 0);
   const Bytes nonce(12, 0);
   auto sealed = crypto.aesGcmSeal(key, nonce, Bytes(16, 0));
