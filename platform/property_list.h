@@ -37,3 +37,16 @@ struct PropertyValue {
 };
 
 }  // namespace norvik
+
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+
+namespace norvik {
+
+// The JSON form of property-list values (for files that hold them). Integers and doubles keep
+// their kind; JSON null has no property-list form and reads as nothing.
+[[nodiscard]] nlohmann::json toJson(const PropertyValue& value);
+[[nodiscard]] nlohmann::json toJson(const PropertyDictionary& dictionary);
+[[nodiscard]] std::optional<PropertyValue> propertyFromJson(const nlohmann::json& json);
+
+}  // namespace norvik

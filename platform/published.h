@@ -99,4 +99,46 @@ class Published {
   std::shared_ptr<Observers> observers_;
 };
 
+// An event without a lasting value (the in-process notifications): every emit reaches every
+// subscriber, on the thread that emits (the main loop).
+template <class... Args>
+class Signal {
+ public:
+  using Observer = std::function<void(const Args&...)>;
+
+  Signal() : observers_(std::make_shared<Observers>()) {}
+  Signal(const Signal&) = delete;
+  Signal& operator=(const Signal&) = delete;
+
+  void emit(const Args&... args) {
+    auto keepAlive = observers_;
+    auto snapshot = keepAlive->entries;  // observers added during the round wait for the next
+    for (const auto& entry : snapshot) {
+      const bool stillSubscribed = std::any_of(keepAlive->entries.begin(), keepAlive->entries.end(),
+                                               [&](const auto& e) { return e.id == entry.id; });
+      if (stillSubscribed) (*entry.observer)(args...);
+    }
+  }
+
+  [[nodiscard]] Subscription subscribe(Observer observer) {
+    const std::uint64_t id = observers_->nextId++;
+    observers_->entries.push_back({id, std::make_shared<Observer>(std::move(observer))});
+    std::weak_ptr<Observers> weak = observers_;
+    return Subscription([weak, id] {
+      if (auto observers = weak.lock()) std::erase_if(observers->entries, [id](const auto& e) { return e.id == id; });
+    });
+  }
+
+ private:
+  struct Entry {
+    std::uint64_t id;
+    std::shared_ptr<Observer> observer;
+  };
+  struct Observers {
+    std::uint64_t nextId = 1;
+    std::vector<Entry> entries;
+  };
+  std::shared_ptr<Observers> observers_;
+};
+
 }  // namespace norvik

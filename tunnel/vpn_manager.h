@@ -1,0 +1,171 @@
+#pragma once
+
+#include <expected>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/defaults.h"
+#include "platform/event_loop.h"
+#include "platform/log.h"
+#include "platform/named_notifications.h"
+#include "platform/published.h"
+#include "platform/tunnel_service.h"
+#include "platform/weak_ptr_factory.h"
+#include "tunnel/system_extension_state.h"
+
+namespace norvik {
+
+// The one owner of the application's tunnel configuration. It turns the key text the backend
+// hands out into the system configuration, finds that configuration again among all the system
+// has, starts and stops the tunnel, keeps the on-demand rule in step with the user's setting,
+// watches the tunnel's status, and listens to the widget's and the tunnel program's requests.
+// Every other part that touches the tunnel goes through this class.
+//
+// Threading: a main-loop object. Completions of the tunnel service hold it weakly.
+class VPNManager {
+ public:
+  static constexpr std::string_view kConfigurationName = "Norvik";
+  static constexpr std::string_view kLegacyConfigurationName = "NorvikVPN Mac";
+  static constexpr std::string_view kProviderBundleIdentifier = "com.norvik.macos.tunnel";
+  static constexpr std::string_view kKeyTextKey = "wgQuickConfig";
+
+  static constexpr std::string_view kDisconnectNotification = "com.Quillon.disconnect.vpn";
+  static constexpr std::string_view kUserStopNotification = "com.norvik.macos.tunnel.userstop";
+
+  // Group-suite keys shared with the tunnel program and the widget.
+  static constexpr std::string_view kOnDemandEnabledKey = "routing.onDemandEnabled";
+  static constexpr std::string_view kUserInitiatedStopKey = "routing.userInitiatedStop";
+  static constexpr std::string_view kShouldDisconnectKey = "shouldDisconnectVPN";
+  static constexpr std::string_view kDisconnectRequestTimeKey = "disconnectRequestTime";
+
+  static constexpr std::chrono::milliseconds kAppStopGrace{5000};
+  static constexpr std::chrono::milliseconds kWidgetRequestPeriod{1000};
+  static constexpr std::chrono::milliseconds kWidgetRequestMaxAge{10000};
+  static constexpr std::chrono::milliseconds kInitialStateCheckDelay{500};
+  static constexpr int kRepairPasses = 8;
+
+  using Done = std::move_only_function<void(std::expected<void, Error>)>;
+
+  struct Dependencies {
+    EventLoop& loop;
+    TunnelService& tunnels;
+    NamedNotificationCenter& notifications;
+    Defaults& groupDefaults;
+    Defaults& standardDefaults;
+    Clock& clock;
+    Log& log;
+    Analytics& analytics;
+    // The extras merged into the provider configuration at every install (routing, GeoIP,
+    // feature flags, transport profile). May be empty.
+    std::function<PropertyDictionary()> extrasSnapshot{};
+  };
+
+  explicit VPNManager(Dependencies dependencies);
+  VPNManager(const VPNManager&) = delete;
+  VPNManager& operator=(const VPNManager&) = delete;
+  ~VPNManager();
+
+  // Loads the system's configurations, publishes the state, and starts listening to the widget's
+  // disconnect requests. Call once, at start-up.
+  void start();
+
+  // Installs or replaces the configuration from a key text.
+  void installKey(std::string keyText, Done completion);
+  // Makes sure the configuration is enabled and named, applies the on-demand setting and starts
+  // the tunnel. Completes when the start was accepted; the outcome follows in connectionState.
+  void connect(Done completion);
+  // Stops the tunnel as the application (not as the user from the system's controls).
+  void disconnect();
+  // Stops and starts the tunnel again when it runs, so that it takes a changed configuration.
+  void reconnectIfActive();
+  // Reloads the configurations and reports whether the application's exists.
+  void checkConfigurationExists(std::move_only_function<void(bool)> completion);
+
+  // The Russian text for a tunnel error.
+  [[nodiscard]] static std::string errorMessage(const Error& error);
+  // The application's configuration among `managers`: by name, else by a legacy name.
+  [[nodiscard]] static const TunnelConfiguration* findManager(const std::vector<TunnelConfiguration>& managers);
+
+  // --- Published state ---
+  [[nodiscard]] Published<TunnelStatus>& connectionState() { return connectionState_; }
+  [[nodiscard]] Published<bool>& isConfigured() { return isConfigured_; }
+  [[nodiscard]] Published<SystemExtensionState>& systemExtensionState() { return systemExtensionState_; }
+  // "VPNConnectionFailed": a Russian message for the connection screen.
+  [[nodiscard]] Signal<std::string>& connectionFailed() { return connectionFailed_; }
+  // "VPNExtensionCrashed": the tunnel program ended a session on its own.
+  [[nodiscard]] Signal<Error>& extensionCrashed() { return extensionCrashed_; }
+
+  [[nodiscard]] const std::optional<TunnelConfiguration>& tunnelManager() const { return tunnelManager_; }
+  [[nodiscard]] const std::optional<std::string>& lastServerIP() const { return lastServerIP_; }
+  [[nodiscard]] std::optional<Clock::TimePoint> connectionStartTime() const { return connectionStartTime_; }
+  [[nodiscard]] std::optional<Clock::TimePoint> lastApplicationStop() const { return lastApplicationStop_; }
+
+  // Set for the whole of a server change; repairs do not bring the old configuration back meanwhile.
+  bool isServerChangeInProgress = false;
+
+ private:
+  struct ConnectRun;
+  struct InstallRun;
+
+  // Connect, pass by pass.
+  void connectPass(std::shared_ptr<ConnectRun> run);
+  void onConnectLoaded(std::shared_ptr<ConnectRun> run, std::expected<std::vector<TunnelConfiguration>, Error> loaded);
+  void decideStart(std::shared_ptr<ConnectRun> run);
+  void startTunnel(std::shared_ptr<ConnectRun> run);
+  void finishConnect(const std::shared_ptr<ConnectRun>& run, std::expected<void, Error> result);
+
+  // Install, step by step.
+  void onInstallLoaded(std::shared_ptr<InstallRun> run, std::expected<std::vector<TunnelConfiguration>, Error> loaded);
+  void updateInPlace(std::shared_ptr<InstallRun> run, TunnelConfiguration configuration);
+  void afterFirstSave(std::shared_ptr<InstallRun> run, TunnelConfiguration saved);
+  [[nodiscard]] TunnelProviderProtocol makeProtocol(const InstallRun& run) const;
+
+  // Stops `configuration`'s session as the application: on-demand off first, so the system does
+  // not bring it back. `then` gets the configuration as stored afterwards.
+  void stopAsApplication(TunnelConfiguration configuration, std::move_only_function<void(TunnelConfiguration)> then);
+  void recordApplicationStop();
+  void save(TunnelConfiguration configuration, TunnelService::ConfigurationCompletion completion);
+
+  void onStatusChanged(const std::string& identifier, TunnelStatus status);
+  void onUserStopNotification();
+  void checkWidgetDisconnectRequest();
+  void adoptConfigurations(const std::vector<TunnelConfiguration>& managers);
+  [[nodiscard]] bool softDeleteGateHolds(const TunnelConfiguration& configuration) const;
+
+  EventLoop& loop_;
+  TunnelService& tunnels_;
+  NamedNotificationCenter& notifications_;
+  Defaults& group_;
+  Defaults& standard_;
+  Clock& clock_;
+  Log& log_;
+  Analytics& analytics_;
+  std::function<PropertyDictionary()> extrasSnapshot_;
+
+  Published<TunnelStatus> connectionState_{TunnelStatus::invalid};
+  Published<bool> isConfigured_{false};
+  Published<SystemExtensionState> systemExtensionState_;
+  Signal<std::string> connectionFailed_;
+  Signal<Error> extensionCrashed_;
+
+  std::optional<TunnelConfiguration> tunnelManager_;
+  std::optional<std::string> lastServerIP_;
+  std::optional<Clock::TimePoint> connectionStartTime_;
+  bool analyticsConnected_ = false;
+  std::optional<Clock::TimePoint> lastApplicationStop_;
+
+  RepeatingTimer appGroupsCheckTimer_;
+  OneShotTimer initialStateCheck_;
+  Subscription statusSubscription_;
+  Subscription widgetDisconnectObserver_;
+  Subscription userStopObserver_;
+  Subscription reconnectWatch_;
+
+  WeakPtrFactory<VPNManager> weakFactory_{this};
+};
+
+}  // namespace norvik
