@@ -20,6 +20,7 @@ struct NetworkService::Exchange {
   Endpoint endpoint;
   HttpRequest request;
   int attempt = 0;
+  Clock::TimePoint sentAt{};  // of the attempt in flight
   BodyCompletion completion;
   TaskHandle retry;
 
@@ -97,6 +98,7 @@ void NetworkService::send(const Endpoint& endpoint, const nlohmann::json& extraP
 }
 
 void NetworkService::attempt(std::shared_ptr<Exchange> exchange) {
+  exchange->sentAt = clock_.now();
   transport_.send(exchange->request, [weak = weakFactory_.weak(), exchange](HttpResult result) mutable {
     if (auto self = weak.lock()) self->onAnswer(std::move(exchange), std::move(result));
   });
@@ -111,7 +113,9 @@ void NetworkService::retryLater(std::shared_ptr<Exchange> exchange) {
 }
 
 void NetworkService::onAnswer(std::shared_ptr<Exchange> exchange, HttpResult result) {
+  answeringAttempt_ = exchange->attempt;
   const bool attemptsRemain = exchange->attempt < exchange->endpoint.retries;
+  if (responseObserver_) responseObserver_(result, ExchangeTiming{exchange->sentAt, clock_.now()});
 
   if (!result) {
     log_.format("Attempt {} failed: {}", exchange->attempt, result.error().message);
@@ -120,7 +124,6 @@ void NetworkService::onAnswer(std::shared_ptr<Exchange> exchange, HttpResult res
   }
 
   const HttpResponse& response = *result;
-  if (responseObserver_) responseObserver_(response);
 
   if (response.status == 200) return exchange->finish(std::move(result->body));
 

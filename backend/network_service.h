@@ -93,8 +93,13 @@ class NetworkService {
   void getKey(APICompletion<VPNKeyResponse> completion);
   void changeServer(APICompletion<VPNKeyResponse> completion);
   void checkAppVersion(APICompletion<AppVersionResponse> completion);
-  // The GeoIP list's body as received: plain text, or a JSON envelope.
-  void fetchGeoIP(APICompletion<std::string> completion);
+  // The GeoIP list's body as received (plain text, or a JSON envelope), with the attempt (from 0)
+  // that brought it.
+  struct GeoIPDownload {
+    std::string body;
+    int attempt = 0;
+  };
+  void fetchGeoIP(APICompletion<GeoIPDownload> completion);
   void fetchServiceLists(APICompletion<ServiceListsResponse> completion);
   void addPushToken(std::string token, APICompletion<PushTokenResponse> completion);
   void storeOpen(APICompletion<StoreOpenResponse> completion);
@@ -111,8 +116,15 @@ class NetworkService {
   // budget is spent.
   void send(const Endpoint& endpoint, const nlohmann::json& extraParams, BodyCompletion completion);
 
-  // Called with every HTTP answer of every attempt (the device clock check reads "Date").
-  void setResponseObserver(std::function<void(const HttpResponse&)> observer) { responseObserver_ = std::move(observer); }
+  // When one attempt left and when its outcome came back, on the wall clock.
+  struct ExchangeTiming {
+    Clock::TimePoint sentAt;
+    Clock::TimePoint receivedAt;
+  };
+  using ResponseObserver = std::function<void(const HttpResult&, const ExchangeTiming&)>;
+  // Called on the loop with the outcome of every attempt, answer or network failure, and its timing:
+  // the device clock check reads "Date" against the midpoint, and notices out-of-date certificates.
+  void setResponseObserver(ResponseObserver observer) { responseObserver_ = std::move(observer); }
 
   [[nodiscard]] SecurityManager& security() { return security_; }
   [[nodiscard]] const NetworkServiceConfig& config() const { return config_; }
@@ -139,7 +151,8 @@ class NetworkService {
   Clock& clock_;
   Log& log_;
   NetworkServiceConfig config_;
-  std::function<void(const HttpResponse&)> responseObserver_;
+  ResponseObserver responseObserver_;
+  int answeringAttempt_ = 0;  // the attempt whose answer the completion running now receives
   NetProfileStore netProfile_;
 
   Published<MainResponse> currentResponse_;

@@ -101,10 +101,15 @@ void NetworkService::checkAppVersion(APICompletion<AppVersionResponse> completio
                            &decodeAppVersionResponse, logVersion, std::move(completion));
 }
 
-void NetworkService::fetchGeoIP(APICompletion<std::string> completion) {
+void NetworkService::fetchGeoIP(APICompletion<GeoIPDownload> completion) {
   // The body is the list itself (or an envelope around it); its owner judges it.
   send(endpoints::kGeoIP, nlohmann::json::object(),
-       [completion = std::move(completion)](BodyResult body) mutable { completion(std::move(body)); });
+       [weak = weakFactory_.weak(), completion = std::move(completion)](BodyResult body) mutable {
+         auto* self = weak.lock();
+         if (!self) return;
+         if (!body) return completion(std::unexpected(std::move(body.error())));
+         completion(GeoIPDownload{std::move(*body), self->answeringAttempt_});
+       });
 }
 
 void NetworkService::fetchServiceLists(APICompletion<ServiceListsResponse> completion) {
