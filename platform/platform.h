@@ -3,10 +3,12 @@
 #include <memory>
 
 #include "platform/clock.h"
+#include "platform/clock_change_source.h"
 #include "platform/crypto.h"
 #include "platform/defaults.h"
 #include "platform/http_transport.h"
 #include "platform/log.h"
+#include "platform/physical_path_source.h"
 #include "platform/secure_item_store.h"
 
 namespace norvik {
@@ -22,6 +24,8 @@ struct Platform {
   std::unique_ptr<Defaults> groupDefaults;
   std::unique_ptr<SecureItemStore> secureItems;
   std::unique_ptr<HttpTransport> http;
+  std::unique_ptr<PhysicalPathSource> physicalPaths;
+  std::unique_ptr<ClockChangeSource> clockChanges;
 };
 
 }  // namespace norvik

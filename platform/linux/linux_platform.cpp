@@ -4,9 +4,11 @@
 #include "platform/linux/curl_http_transport.h"
 #include "platform/linux/file_log.h"
 #include "platform/linux/file_secure_item_store.h"
+#include "platform/linux/netlink_path_source.h"
 #include "platform/linux/openssl_crypto.h"
 #include "platform/linux/sqlite_defaults.h"
 #include "platform/linux/system_clock.h"
+#include "platform/linux/timerfd_clock_change_source.h"
 
 namespace norvik {
 
@@ -36,6 +38,8 @@ std::expected<Platform, Error> makeLinuxPlatform(EventLoop& loop, const LinuxPla
   auto http = CurlHttpTransport::create(loop, {options.extraCaFile});
   if (!http) return std::unexpected(http.error());
   platform.http = std::move(*http);
+  platform.physicalPaths = std::make_unique<NetlinkPathSource>(*platform.log);
+  platform.clockChanges = std::make_unique<TimerfdClockChangeSource>();
   return platform;
 }
 
