@@ -6,9 +6,11 @@
 #include "platform/clock_change_source.h"
 #include "platform/crypto.h"
 #include "platform/defaults.h"
+#include "platform/file_downloader.h"
 #include "platform/http_transport.h"
 #include "platform/log.h"
 #include "platform/physical_path_source.h"
+#include "platform/process_runner.h"
 #include "platform/secure_item_store.h"
 
 namespace norvik {
@@ -24,6 +26,8 @@ struct Platform {
   std::unique_ptr<Defaults> groupDefaults;
   std::unique_ptr<SecureItemStore> secureItems;
   std::unique_ptr<HttpTransport> http;
+  std::unique_ptr<FileDownloader> downloads;
+  std::unique_ptr<ProcessRunner> processes;
   std::unique_ptr<PhysicalPathSource> physicalPaths;
   std::unique_ptr<ClockChangeSource> clockChanges;
 };

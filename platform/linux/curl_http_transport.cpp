@@ -1,15 +1,11 @@
 #include "platform/linux/curl_http_transport.h"
 
 #include <curl/curl.h>
-#include <mutex>
-#include <openssl/err.h>
-#include <openssl/pem.h>
-#include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 
 #include <fmt/format.h>
 
-#include "platform/files.h"
+#include "platform/linux/curl_support.h"
 #include "platform/text.h"
 
 namespace norvik {
@@ -20,32 +16,6 @@ struct CurlHttpTransport::Config {
 };
 
 namespace {
-
-void initialiseCurlOnce() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
-// Adds every certificate of `pem` to `store`; returns how many were added.
-int addCertificates(X509_STORE* store, std::string_view pem) {
-  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
-  if (!bio) return 0;
-  int added = 0;
-  while (X509* cert = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr)) {
-    if (!store || X509_STORE_add_cert(store, cert) == 1) ++added;
-    X509_free(cert);
-  }
-  ERR_clear_error();  // the end of the PEM data reads as an error
-  BIO_free(bio);
-  return added;
-}
-
-CURLcode addExtraCa(CURL*, void* sslContext, void* userData) {
-  const auto* config = static_cast<const CurlHttpTransport::Config*>(userData);
-  X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
-  addCertificates(store, config->extraCaPem);
-  return CURLE_OK;
-}
 
 struct Transfer {
   const CurlHttpTransport::Config* config;
@@ -131,15 +101,12 @@ HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpReq
 }  // namespace
 
 std::expected<std::unique_ptr<CurlHttpTransport>, Error> CurlHttpTransport::create(EventLoop& loop, Options options) {
-  initialiseCurlOnce();
+  curl_support::initialiseOnce();
   auto config = std::make_shared<Config>();
   config->maxResponseBytes = options.maxResponseBytes;
   if (options.extraCaFile) {
-    auto pem = readFile(*options.extraCaFile, 1u << 20);
+    auto pem = curl_support::loadExtraCaPem(*options.extraCaFile);
     if (!pem) return std::unexpected(pem.error());
-    if (addCertificates(nullptr, *pem) == 0) {
-      return std::unexpected(Error{"OpenSSL", 0, fmt::format("{}: no PEM certificate found", options.extraCaFile->string())});
-    }
     config->extraCaPem = std::move(*pem);
   }
   return std::unique_ptr<CurlHttpTransport>(new CurlHttpTransport(loop, std::move(config)));
@@ -174,10 +141,7 @@ HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpReq
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
   curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-  if (!config.extraCaPem.empty()) {
-    curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, &addExtraCa);
-    curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, const_cast<CurlHttpTransport::Config*>(&config));
-  }
+  curl_support::trustExtraCa(curl, config.extraCaPem);
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");

@@ -1,11 +1,13 @@
 #include "platform/linux/linux_platform.h"
 
 #include "platform/files.h"
+#include "platform/linux/curl_file_downloader.h"
 #include "platform/linux/curl_http_transport.h"
 #include "platform/linux/file_log.h"
 #include "platform/linux/file_secure_item_store.h"
 #include "platform/linux/netlink_path_source.h"
 #include "platform/linux/openssl_crypto.h"
+#include "platform/linux/posix_process_runner.h"
 #include "platform/linux/sqlite_defaults.h"
 #include "platform/linux/system_clock.h"
 #include "platform/linux/timerfd_clock_change_source.h"
@@ -38,6 +40,11 @@ std::expected<Platform, Error> makeLinuxPlatform(EventLoop& loop, const LinuxPla
   auto http = CurlHttpTransport::create(loop, {options.extraCaFile});
   if (!http) return std::unexpected(http.error());
   platform.http = std::move(*http);
+
+  auto downloads = CurlFileDownloader::create(loop, {options.extraCaFile});
+  if (!downloads) return std::unexpected(downloads.error());
+  platform.downloads = std::move(*downloads);
+  platform.processes = std::make_unique<PosixProcessRunner>(loop);
   platform.physicalPaths = std::make_unique<NetlinkPathSource>(*platform.log);
   platform.clockChanges = std::make_unique<TimerfdClockChangeSource>();
   return platform;

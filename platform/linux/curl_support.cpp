@@ -1,0 +1,57 @@
+#include "platform/linux/curl_support.h"
+
+#include <mutex>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+
+#include <fmt/format.h>
+
+#include "platform/files.h"
+
+namespace norvik::curl_support {
+namespace {
+
+// Adds every certificate of `pem` to `store` (or only counts them when `store` is null).
+int addCertificates(X509_STORE* store, std::string_view pem) {
+  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+  if (!bio) return 0;
+  int added = 0;
+  while (X509* cert = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr)) {
+    if (!store || X509_STORE_add_cert(store, cert) == 1) ++added;
+    X509_free(cert);
+  }
+  ERR_clear_error();  // the end of the PEM data reads as an error
+  BIO_free(bio);
+  return added;
+}
+
+CURLcode addExtraCa(CURL*, void* sslContext, void* userData) {
+  const auto* pem = static_cast<const std::string*>(userData);
+  addCertificates(SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext)), *pem);
+  return CURLE_OK;
+}
+
+}  // namespace
+
+void initialiseOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+std::expected<std::string, Error> loadExtraCaPem(const std::filesystem::path& file) {
+  auto pem = readFile(file, 1u << 20);
+  if (!pem) return std::unexpected(pem.error());
+  if (addCertificates(nullptr, *pem) == 0) {
+    return std::unexpected(Error{"OpenSSL", 0, fmt::format("{}: no PEM certificate found", file.string())});
+  }
+  return pem;
+}
+
+void trustExtraCa(CURL* curl, const std::string& pem) {
+  if (pem.empty()) return;
+  curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, &addExtraCa);
+  curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, const_cast<std::string*>(&pem));
+}
+
+}  // namespace norvik::curl_support
