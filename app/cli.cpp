@@ -5,6 +5,7 @@
 
 #include "app/command.h"
 #include "app/debug_commands.h"
+#include "app/update_commands.h"
 #include "norvik/version.h"
 
 namespace norvik::cli {
@@ -24,6 +25,7 @@ int run(int argc, char** argv) {
 
   CommandResult result;
   addDebugCommands(app, global, result);
+  addUpdateCommands(app, global, result);
 
   try {
     app.parse(argc, argv);

@@ -5,7 +5,9 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "platform/crypto.h"
 #include "platform/files.h"
+#include "platform/text.h"
 
 namespace norvik {
 
@@ -43,6 +45,13 @@ std::expected<Provisioning, Error> loadProvisioning(const std::filesystem::path&
     if (it == json.end()) return fail(fmt::format("field \"{}\" is missing", name));
     if (!it->is_string()) return fail(fmt::format("field \"{}\" must be a string", name));
     *target = it->get<std::string>();
+  }
+  if (auto it = json.find("update_ed25519_public_key"); it != json.end()) {
+    constexpr const char* kKeyError = "field \"update_ed25519_public_key\" must be the Base64 of a 32-byte Ed25519 public key";
+    if (!it->is_string()) return fail(kKeyError);
+    const auto key = base64Decode(trimWhitespace(it->get_ref<const std::string&>()));
+    if (!key || key->size() != 32) return fail(kKeyError);
+    p.updateEd25519PublicKey = std::string(trimWhitespace(it->get_ref<const std::string&>()));
   }
   return p;
 }

@@ -23,9 +23,12 @@ struct Provisioning {
   std::string supportHmacSecret;
   std::string supportHmacMessage;
   std::string aesEncryptionKey;  // Base64; usable only when it decodes to exactly 32 bytes
+  // Optional: the Ed25519 public key that signs the update feed's disk images (Base64 of its 32
+  // bytes). Without it a signed download cannot be checked, and is refused.
+  std::optional<std::string> updateEd25519PublicKey{};
 };
 
-// Reads the provisioning file. Every field is a required string. The error names the file and the
+// Reads the provisioning file. Every field is a required string, except the optional update key. The error names the file and the
 // field, and never quotes a value.
 [[nodiscard]] std::expected<Provisioning, Error> loadProvisioning(const std::filesystem::path& file);
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fmt/format.h>
+
 #include "platform/files.h"
 #include "testing/temp_dir.h"
 
@@ -50,6 +52,23 @@ TEST_F(ProvisioningTest, ErrorsNameTheFileAndTheFieldButNeverAValue) {
   error = load(broken).error().message;
   EXPECT_NE(error.find("not valid JSON"), std::string::npos) << error;
   EXPECT_EQ(error.find("secret"), std::string::npos) << "the parser's snippet must not leak: " << error;
+}
+
+TEST_F(ProvisioningTest, TheUpdateKeyIsOptionalButMustBeAnEd25519Key) {
+  EXPECT_FALSE(load(kComplete)->updateEd25519PublicKey.has_value());
+
+  auto withKey = [](std::string_view value) {
+    std::string text = kComplete;
+    text.insert(text.rfind('}'), fmt::format(", \"update_ed25519_public_key\": {}", value));
+    return text;
+  };
+  const std::string key = "11qYAYKxCrfVS/7TyWQHOg7hcvPapiMlrwIaaPcHURo=";
+  EXPECT_EQ(load(withKey("\"" + key + "\"")).value().updateEd25519PublicKey, key);
+  for (std::string_view bad : {"\"c2hvcnQ=\"", "\"not base64\"", "42"}) {
+    auto error = load(withKey(bad)).error().message;
+    EXPECT_NE(error.find("\"update_ed25519_public_key\" must be the Base64 of a 32-byte Ed25519 public key"), std::string::npos)
+        << error;
+  }
 }
 
 TEST_F(ProvisioningTest, AMissingFileIsNamed) {

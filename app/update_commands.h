@@ -1,0 +1,13 @@
+#pragma once
+
+#include <CLI/App.hpp>
+
+#include "app/command.h"
+
+namespace norvik::cli {
+
+// `norvik update …`: what the update feed offers, and the in-app install with its progress. They
+// run in the command's own process.
+void addUpdateCommands(CLI::App& app, const GlobalOptions& global, CommandResult& result);
+
+}  // namespace norvik::cli
