@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "app/agent_commands.h"
 #include "app/command.h"
 #include "app/debug_commands.h"
 #include "app/update_commands.h"
@@ -24,6 +25,7 @@ int run(int argc, char** argv) {
   app.add_flag("-v,--verbose", global.verbose, "Print log lines on stderr");
 
   CommandResult result;
+  addAgentCommands(app, global, result);
   addDebugCommands(app, global, result);
   addUpdateCommands(app, global, result);
 

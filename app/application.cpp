@@ -1,0 +1,145 @@
+#include "app/application.h"
+
+#include <fmt/format.h>
+
+#include "app/wake_detector.h"
+#include "platform/linux/inotify_notification_center.h"
+#include "platform/linux/linux_platform.h"
+#include "platform/simulated_tunnel_service.h"
+#include "routing/routing_texts.h"
+
+namespace norvik {
+
+Application::Application(AsioEventLoop& loop, AppPaths paths) : loop_(loop), paths_(std::move(paths)) {}
+
+Application::~Application() { shutDown(); }
+
+std::expected<std::unique_ptr<Application>, cli::CommandError> Application::create(AsioEventLoop& loop,
+                                                                                   const ApplicationOptions& options) {
+  using cli::ExitCode;
+  using cli::failure;
+  std::unique_ptr<Application> app(new Application(loop, options.paths));
+
+  auto platform = makeLinuxPlatform(loop, {options.paths, options.caFile, options.logToStderr});
+  if (!platform) return failure(ExitCode::usage, platform.error().description());
+  app->platform_ = std::move(*platform);
+  Platform& p = app->platform_;
+
+  auto notifications = InotifyNotificationCenter::open(loop, options.paths.runtime() / "notify");
+  if (!notifications) return failure(ExitCode::usage, notifications.error().description());
+  app->notifications_ = std::move(*notifications);
+
+  auto provisioningFile = provisioningPath(options.provisioning);
+  if (!provisioningFile) {
+    return failure(ExitCode::usage, "no provisioning file: pass --provisioning FILE or set NORVIK_PROVISIONING");
+  }
+  auto provisioning = loadProvisioning(*provisioningFile);
+  if (!provisioning) return failure(ExitCode::usage, provisioning.error().message);
+
+  NetworkServiceConfig networkConfig;
+  if (options.backend) {
+    auto location = BackendLocation::fromURL(*options.backend);
+    if (!location) return failure(ExitCode::usage, fmt::format("--backend {}: {}", *options.backend, location.error()));
+    networkConfig.location = std::move(*location);
+  }
+  networkConfig.supportHmacSecret = provisioning->supportHmacSecret;
+  networkConfig.supportHmacMessage = provisioning->supportHmacMessage;
+
+  app->security_ = std::make_unique<SecurityManager>(*provisioning, *p.secureItems, *p.standardDefaults, *p.crypto,
+                                                     *p.clock, *p.log);
+  app->warmUp_ = std::make_unique<VendorIDWarmUp>(loop, *app->security_, *p.log);
+  app->wake_ = std::make_unique<WakeDetector>(loop, &WakeDetector::systemSleepOffset,
+                                              [raw = app.get()](std::chrono::seconds slept) {
+                                                raw->platform_.log->format("[Sleep] пробуждение после сна ({} с)",
+                                                                           slept.count());
+                                                raw->warmUp_->start();
+                                              });
+  app->network_ = std::make_unique<NetworkService>(loop, *p.http, *app->security_, *p.standardDefaults, *p.clock,
+                                                   *p.log, std::move(networkConfig));
+
+  SimulatedTunnelService::Options tunnelOptions;
+  tunnelOptions.storeFile = options.paths.home / "tunnel" / "preferences.json";
+  tunnelOptions.connectDelay = options.simulatedConnectDelay;
+  app->tunnels_ = std::make_unique<SimulatedTunnelService>(loop, *p.clock, *p.log, app->notifications_.get(),
+                                                           std::move(tunnelOptions));
+
+  // Everything that follows the main configuration exists before the first one is published.
+  const auto geodata = options.paths.groupContainer() / "geodata";
+  auto& responses = app->network_->currentResponse();
+  app->modes_ = std::make_unique<ModesStore>(loop, *p.groupDefaults, responses, *p.log);
+  app->sites_ = std::make_unique<ServiceCatalogStore>(loop, *p.groupDefaults, *app->network_, *app->modes_, geodata,
+                                                      *p.log, *p.analytics);
+  app->geoip_ = std::make_unique<GeoIPCache>(loop, *p.groupDefaults, *app->network_, geodata, *p.log);
+  app->flags_ = std::make_unique<IOSFixesCache>(*p.groupDefaults, responses, *p.log);
+  app->extras_ = std::make_unique<TunnelExtrasSnapshot>(*p.groupDefaults, app->geoip_->cacheFile(),
+                                                        [network = app->network_.get()] {
+                                                          return network->netProfile().keyValueText();
+                                                        });
+  app->vpn_ = std::make_unique<VPNManager>(VPNManager::Dependencies{
+      loop, *app->tunnels_, *app->notifications_, *p.groupDefaults, *p.standardDefaults, *p.clock, *p.log,
+      *p.analytics, [extras = app->extras_.get()] { return extras->snapshot(); }});
+  app->overlays_ = std::make_unique<OverlayQueue>(loop);
+  app->home_ = std::make_unique<VPNViewModel>(
+      VPNViewModel::Dependencies{loop, *app->network_, *app->vpn_, *app->overlays_, *p.log, *p.analytics});
+
+  app->pathMonitor_ = std::make_unique<PhysicalPathMonitor>(*p.physicalPaths, *p.log);
+  app->healthPolicy_ =
+      std::make_unique<SmartStatusPolicyStore>(*p.log, *p.standardDefaults, *p.clock, app->pathMonitor_.get());
+  app->healthPolicy_->follow(responses);
+  app->clockCheck_ = std::make_unique<DeviceClockCheck>(loop, *p.log);
+  app->clockCheck_->feedFrom(*app->network_);
+  // The in-app install of a forced update needs the update feed, which runs on request
+  // (norvik update); the agent leaves the prompt's link to the browser.
+  app->versionChecker_ = std::make_unique<AppVersionChecker>(
+      loop, *app->network_, *p.standardDefaults, *p.clock, *p.log, *p.analytics,
+      AppVersionChecker::Hooks{nullptr, [log = p.log.get()](const std::string& url) {
+                                 log->format("[Version] открываем страницу обновления: {}", url);
+                               }});
+  return app;
+}
+
+void Application::start() {
+  Platform& p = platform_;
+  // The identity is read once at start, under its lock; requests read it again as they go.
+  const VendorID id = security_->vendorID();
+  p.log->format("[VendorID] запуск: trusted={} id={}…", id.trusted, id.identifier.substr(0, 8));
+  wake_->start();
+  clockCheck_->watchSystemClock(*p.clockChanges);
+
+  vpn_->start();
+
+  // A mode change reaches the tunnel with its next configuration: the installed key is saved
+  // again with fresh extras, and a running tunnel is restarted to take them.
+  modes_->setModeChangeHandler([this](VPNRoutingMode from, VPNRoutingMode to) {
+    platform_.log->format("[Routing] режим {} → {}", rawText(from), rawText(to));
+    const auto& manager = vpn_->tunnelManager();
+    if (!manager || !manager->protocolConfiguration || modes_->liveSwitchEnabled()) return;
+    const auto& provider = manager->protocolConfiguration->providerConfiguration;
+    auto key = provider.find(VPNManager::kKeyTextKey);
+    if (key == provider.end() || !key->second.string()) return;
+    const TunnelStatus state = vpn_->connectionState().get();
+    const bool wasUp = state == TunnelStatus::connected || state == TunnelStatus::connecting;
+    vpn_->installKey(*key->second.string(), [this, wasUp](std::expected<void, Error> installed) {
+      if (installed && wasUp) vpn_->connect([](std::expected<void, Error>) {});
+    });
+  });
+  smartNotice_ = sites_->pendingSmartNotice().subscribe([this](const bool& pending) {
+    if (!pending) return;
+    overlays_->showToast(std::string(routing_texts::kAutoSmartNoticeIdentifier),
+                         std::string(routing_texts::kAutoSmartNoticeText));
+    sites_->acknowledgeSmartNotice();
+  });
+
+  // The last known configuration first, then the network's.
+  network_->loadCachedMainConfiguration();
+  network_->loadMainConfiguration();
+  versionChecker_->check();
+}
+
+void Application::shutDown() {
+  if (wake_) wake_->stop();
+  if (clockCheck_) clockCheck_->stopWatchingSystemClock();
+  if (pathMonitor_) pathMonitor_->stop();
+}
+
+}  // namespace norvik

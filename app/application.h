@@ -1,0 +1,110 @@
+#pragma once
+
+#include <chrono>
+#include <expected>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "app/command.h"
+#include "backend/network_service.h"
+#include "backend/security_manager.h"
+#include "connection/overlay_queue.h"
+#include "connection/vpn_view_model.h"
+#include "health/device_clock_check.h"
+#include "health/physical_path_monitor.h"
+#include "health/smart_status_policy_store.h"
+#include "platform/app_paths.h"
+#include "platform/linux/asio_event_loop.h"
+#include "platform/named_notifications.h"
+#include "platform/platform.h"
+#include "platform/tunnel_service.h"
+#include "routing/geoip_cache.h"
+#include "routing/ios_fixes.h"
+#include "routing/modes_store.h"
+#include "routing/service_catalog_store.h"
+#include "routing/tunnel_extras_snapshot.h"
+#include "tunnel/vpn_manager.h"
+#include "update/app_version_checker.h"
+
+namespace norvik {
+
+class WakeDetector;
+
+struct ApplicationOptions {
+  AppPaths paths;
+  std::optional<std::string> backend;                 // base URL instead of the built-in one
+  std::optional<std::filesystem::path> caFile;        // an extra trusted CA
+  std::optional<std::filesystem::path> provisioning;  // the deployment's keys
+  bool logToStderr = true;
+  // How long the simulated tunnel takes to connect.
+  std::chrono::milliseconds simulatedConnectDelay{300};
+};
+
+// The application: every part of the client, wired in the order the product starts. It owns
+// them all and lends them to one another; the main loop it is given runs them.
+//
+// Start-up: the device identity is read once (and again after a wake from sleep), the tunnel
+// manager loads the system's configurations and publishes its state, the last main
+// configuration is published from the cache, and the network's is asked for. Every part that
+// follows the main configuration subscribes before the first one is published.
+//
+// Threading: the main loop's thread.
+class Application {
+ public:
+  [[nodiscard]] static std::expected<std::unique_ptr<Application>, cli::CommandError> create(
+      AsioEventLoop& loop, const ApplicationOptions& options);
+  Application(const Application&) = delete;
+  Application& operator=(const Application&) = delete;
+  ~Application();
+
+  void start();
+  // Stops timers and watchers; the loop can then end.
+  void shutDown();
+
+  [[nodiscard]] AsioEventLoop& loop() { return loop_; }
+  [[nodiscard]] const AppPaths& paths() const { return paths_; }
+  [[nodiscard]] Platform& platform() { return platform_; }
+  [[nodiscard]] NetworkService& network() { return *network_; }
+  [[nodiscard]] VPNManager& vpn() { return *vpn_; }
+  [[nodiscard]] VPNViewModel& home() { return *home_; }
+  [[nodiscard]] OverlayQueue& overlays() { return *overlays_; }
+  [[nodiscard]] ModesStore& modes() { return *modes_; }
+  [[nodiscard]] ServiceCatalogStore& sites() { return *sites_; }
+  [[nodiscard]] SmartStatusPolicyStore& healthPolicy() { return *healthPolicy_; }
+  [[nodiscard]] DeviceClockCheck& clockCheck() { return *clockCheck_; }
+  [[nodiscard]] NamedNotificationCenter& notifications() { return *notifications_; }
+  [[nodiscard]] TunnelService& tunnelService() { return *tunnels_; }
+  [[nodiscard]] std::string_view tunnelServiceName() const { return "simulated"; }
+  [[nodiscard]] SecurityManager& security() { return *security_; }
+
+ private:
+  Application(AsioEventLoop& loop, AppPaths paths);
+
+  AsioEventLoop& loop_;
+  AppPaths paths_;
+  Platform platform_;
+  std::unique_ptr<NamedNotificationCenter> notifications_;
+  std::unique_ptr<SecurityManager> security_;
+  std::unique_ptr<VendorIDWarmUp> warmUp_;
+  std::unique_ptr<WakeDetector> wake_;
+  std::unique_ptr<NetworkService> network_;
+  std::unique_ptr<TunnelService> tunnels_;
+  std::unique_ptr<ModesStore> modes_;
+  std::unique_ptr<ServiceCatalogStore> sites_;
+  std::unique_ptr<GeoIPCache> geoip_;
+  std::unique_ptr<IOSFixesCache> flags_;
+  std::unique_ptr<TunnelExtrasSnapshot> extras_;
+  std::unique_ptr<VPNManager> vpn_;
+  std::unique_ptr<OverlayQueue> overlays_;
+  std::unique_ptr<VPNViewModel> home_;
+  std::unique_ptr<PhysicalPathMonitor> pathMonitor_;
+  std::unique_ptr<SmartStatusPolicyStore> healthPolicy_;
+  std::unique_ptr<DeviceClockCheck> clockCheck_;
+  std::unique_ptr<AppVersionChecker> versionChecker_;
+  Subscription modeNotice_;
+  Subscription smartNotice_;
+};
+
+}  // namespace norvik

@@ -1,0 +1,326 @@
+#include "app/control_commands.h"
+
+#include <algorithm>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include "routing/routing_texts.h"
+
+namespace norvik {
+namespace {
+
+using Json = nlohmann::json;
+
+// The tunnel states as the menu bar words them.
+std::string_view tunnelText(TunnelStatus status) {
+  switch (status) {
+    case TunnelStatus::connected: return "Защищено";
+    case TunnelStatus::connecting:
+    case TunnelStatus::reasserting: return "Подключение...";
+    case TunnelStatus::disconnecting: return "Отключение...";
+    default: return "Отключено";
+  }
+}
+
+bool isUp(TunnelStatus s) {
+  return s == TunnelStatus::connected || s == TunnelStatus::connecting || s == TunnelStatus::reasserting;
+}
+
+std::string isoTime(Clock::TimePoint moment) {
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(moment.time_since_epoch()) % 1000;
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(moment)), ms.count());
+}
+
+std::optional<VPNRoutingMode> modeNamed(std::string_view name) {
+  for (auto mode : {VPNRoutingMode::full, VPNRoutingMode::smart, VPNRoutingMode::services}) {
+    if (rawText(mode) == name) return mode;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+// One request waiting for the application to reach an outcome: it watches published values,
+// answers at most once, and ends with its time limit or when the client hangs up.
+class ControlCommands::Wait {
+ public:
+  Wait(EventLoop& loop, ControlReply reply, std::chrono::seconds limit, std::function<void(const ControlReply&)> onTimeout)
+      : reply_(std::move(reply)) {
+    timer_.start(loop, limit, [this, onTimeout = std::move(onTimeout)] {
+      if (!done_) {
+        done_ = true;
+        onTimeout(reply_);
+      }
+      subscriptions_.clear();
+    });
+    reply_.onClosed([this] { end(); });
+  }
+
+  // Runs `decide` on every change; it answers (and returns true) when the outcome is known.
+  template <class T>
+  void watch(Published<T>& value, std::function<bool(const T&)> decide) {
+    subscriptions_.push_back(value.subscribe([this, decide = std::move(decide)](const T& v) {
+      if (!done_ && decide(v)) end();
+    }));
+  }
+  template <class... Args>
+  void listen(Signal<Args...>& signal, std::type_identity_t<std::function<bool(const Args&...)>> decide) {
+    subscriptions_.push_back(signal.subscribe([this, decide = std::move(decide)](const Args&... args) {
+      if (!done_ && decide(args...)) end();
+    }));
+  }
+
+  [[nodiscard]] bool finished() const { return done_; }
+  [[nodiscard]] const ControlReply& reply() const { return reply_; }
+  void end() {
+    done_ = true;
+    timer_.stop();
+  }
+
+ private:
+  ControlReply reply_;
+  bool done_ = false;
+  std::vector<Subscription> subscriptions_;
+  OneShotTimer timer_;
+};
+
+ControlCommands::ControlCommands(Application& app) : app_(app) {}
+ControlCommands::~ControlCommands() = default;
+
+void ControlCommands::track(std::unique_ptr<Wait> wait) {
+  std::erase_if(waits_, [](const auto& w) { return w->finished(); });
+  waits_.push_back(std::move(wait));
+}
+
+Json ControlCommands::status() {
+  VPNManager& vpn = app_.vpn();
+  VPNViewModel& home = app_.home();
+  const TunnelStatus state = vpn.connectionState().get();
+  const auto& manager = vpn.tunnelManager();
+  const VPNRoutingMode mode = app_.modes().currentMode().get();
+
+  Json out = {{"tunnel", toString(state)},
+              {"tunnelText", tunnelText(state)},
+              {"tunnelService", app_.tunnelServiceName()},
+              {"configured", vpn.isConfigured().get()},
+              {"mode", rawText(mode)},
+              {"modeLabel", routing_texts::label(mode)},
+              {"extension", toString(vpn.systemExtensionState().get().kind)},
+              {"switchLocked", home.switchBlock().get().locked}};
+  out["server"] = manager && manager->protocolConfiguration && manager->protocolConfiguration->serverAddress
+                      ? Json(*manager->protocolConfiguration->serverAddress)
+                      : Json(nullptr);
+  out["connectedSince"] = vpn.connectionStartTime() ? Json(isoTime(*vpn.connectionStartTime())) : Json(nullptr);
+  out["busy"] = home.busyText().get() ? Json(home.busyText().get()->text) : Json(nullptr);
+  out["health"] = nullptr;
+  if (const auto& error = home.lastError().get()) {
+    out["lastError"] = {{"title", error->title}, {"message", error->message}};
+  } else {
+    out["lastError"] = nullptr;
+  }
+  if (auto notice = app_.modes().modeControlNotice()) {
+    out["modeNotice"] = std::string(*notice);
+  } else {
+    out["modeNotice"] = nullptr;
+  }
+  if (const auto& overlay = app_.overlays().current().get()) {
+    out["overlay"] = {{"identifier", overlay->identifier}, {"title", overlay->title}, {"message", overlay->message}};
+  } else {
+    out["overlay"] = nullptr;
+  }
+  return out;
+}
+
+void ControlCommands::finishOk(const ControlReply& reply, std::string message) {
+  Json line = {{"ok", true}, {"status", status()}};
+  if (!message.empty()) line["message"] = std::move(message);
+  reply.finish(std::move(line));
+}
+
+void ControlCommands::finishError(const ControlReply& reply, std::string_view code, std::string title,
+                                  std::string message) {
+  reply.finish(Json{{"ok", false},
+                    {"code", code},
+                    {"error", {{"title", std::move(title)}, {"message", std::move(message)}}},
+                    {"status", status()}});
+}
+
+void ControlCommands::handle(const Json& request, ControlReply reply) {
+  const std::string command = request["command"].get<std::string>();
+  if (command == "status") return finishOk(reply);
+  if (command == "connect") return connect(std::move(reply));
+  if (command == "disconnect") return disconnect(std::move(reply));
+  if (command == "toggle") {
+    return isUp(app_.vpn().connectionState().get()) ? disconnect(std::move(reply)) : connect(std::move(reply));
+  }
+  if (command == "change-server") return changeServer(std::move(reply));
+  if (command == "mode") return mode(request, std::move(reply));
+  if (command == "sites") return sites(request, std::move(reply));
+  if (command == "watch") return watch(std::move(reply));
+  finishError(reply, "usage", "", fmt::format("unknown command \"{}\"", command));
+}
+
+void ControlCommands::connect(ControlReply reply) {
+  VPNManager& vpn = app_.vpn();
+  VPNViewModel& home = app_.home();
+  if (vpn.connectionState().get() == TunnelStatus::connected) return finishOk(reply, "VPN уже подключён");
+
+  auto wait = std::make_unique<Wait>(app_.loop(), reply, kConnectLimit, [this](const ControlReply& r) {
+                                       finishError(r, "failed", "Ошибка подключения",
+                                                   "Не удалось подключиться к VPN. Попробуйте снова или смените сервер.");
+                                     });
+  Wait* w = wait.get();
+  w->watch<std::optional<BusyText>>(home.busyText(), [w](const std::optional<BusyText>& busy) {
+    if (busy) w->reply().event(Json{{"event", "progress"}, {"busy", busy->text}});
+    return false;
+  });
+  w->watch<TunnelStatus>(vpn.connectionState(), [this, w](const TunnelStatus& s) {
+    if (s != TunnelStatus::connected) return false;
+    finishOk(w->reply());
+    return true;
+  });
+  // Every error the user would see comes with an outcome, also when it repeats the last one.
+  w->listen(home.finished(), [this, w](const VPNViewModel::Outcome& outcome) {
+    if (outcome.ok) return false;  // a key installed or a start accepted: the tunnel decides
+    if (outcome.error) {
+      finishError(w->reply(), "failed", outcome.error->title, outcome.error->message);
+    } else {
+      finishError(w->reply(), "failed", "", "VPN занят, попробуйте ещё раз через несколько секунд");
+    }
+    return true;
+  });
+  track(std::move(wait));
+  // The toggle is the user's connect path: it fetches a key first when none is installed.
+  if (!isUp(vpn.connectionState().get())) home.toggleVPN();
+}
+
+void ControlCommands::disconnect(ControlReply reply) {
+  VPNManager& vpn = app_.vpn();
+  const TunnelStatus state = vpn.connectionState().get();
+  if (state == TunnelStatus::disconnected || state == TunnelStatus::invalid) return finishOk(reply, "VPN уже отключён");
+
+  auto wait = std::make_unique<Wait>(app_.loop(), reply, kDisconnectLimit, [this](const ControlReply& r) {
+    finishError(r, "failed", "", "Не удалось отключить VPN. Попробуйте ещё раз.");
+  });
+  Wait* w = wait.get();
+  w->watch<TunnelStatus>(vpn.connectionState(), [this, w](const TunnelStatus& s) {
+    if (s != TunnelStatus::disconnected) return false;
+    finishOk(w->reply());
+    return true;
+  });
+  track(std::move(wait));
+  vpn.disconnect();
+}
+
+void ControlCommands::changeServer(ControlReply reply) {
+  VPNViewModel& home = app_.home();
+  auto wait = std::make_unique<Wait>(app_.loop(), reply, kChangeServerLimit, [this](const ControlReply& r) {
+    finishError(r, "failed", "Смена сервера", "Не удалось сменить сервер. Попробуйте позже.");
+  });
+  Wait* w = wait.get();
+  w->watch<std::optional<BusyText>>(home.busyText(), [w](const std::optional<BusyText>& busy) {
+    if (busy) w->reply().event(Json{{"event", "progress"}, {"busy", busy->text}});
+    return false;
+  });
+  w->listen(home.finished(), [this, w](const VPNViewModel::Outcome& outcome) {
+    if (outcome.action != VPNViewModel::Action::changeServer) return false;
+    if (outcome.ok) {
+      finishOk(w->reply(), "Сервер сменён");
+    } else {
+      const auto error = outcome.error.value_or(VPNViewModel::ShownError{"", "Не удалось сменить сервер. Попробуйте позже."});
+      finishError(w->reply(), "failed", error.title, error.message);
+    }
+    return true;
+  });
+  track(std::move(wait));
+  home.changeServerAction();
+}
+
+void ControlCommands::mode(const Json& request, ControlReply reply) {
+  ModesStore& modes = app_.modes();
+  if (!request.contains("set")) {
+    Json allowed = Json::array();
+    for (auto m : modes.allowedModes()) allowed.push_back(rawText(m));
+    Json line = {{"ok", true}, {"status", status()}, {"allowed", allowed}};
+    return reply.finish(std::move(line));
+  }
+  const auto wanted = request["set"].is_string() ? modeNamed(request["set"].get<std::string>()) : std::nullopt;
+  if (!wanted) return finishError(reply, "usage", "", "режим: full, smart или services");
+  const bool confirmed = request.value("confirmed", false);
+  if (*wanted == VPNRoutingMode::full && !confirmed && modes.currentMode().get() != VPNRoutingMode::full) {
+    const FullModeConfirmation dialog = modes.fullModeConfirmation();
+    return reply.finish(Json{{"ok", false},
+                             {"code", "confirm"},
+                             {"confirm",
+                              {{"identifier", dialog.identifier},
+                               {"title", dialog.title},
+                               {"message", dialog.message},
+                               {"confirm", dialog.confirm},
+                               {"cancel", dialog.cancel}}},
+                             {"status", status()}});
+  }
+  modes.select(*wanted);
+  const VPNRoutingMode now = modes.currentMode().get();
+  if (now != *wanted) {
+    // The choice is kept for when the backend allows it again; the mode in force stays.
+    const std::string why = modes.modeControlNotice()
+                                ? std::string(*modes.modeControlNotice())
+                                : fmt::format("Режим «{}» сейчас недоступен", routing_texts::label(*wanted));
+    return finishError(reply, "failed", std::string(routing_texts::label(*wanted)), why);
+  }
+  finishOk(reply, std::string(routing_texts::label(now)));
+}
+
+void ControlCommands::sites(const Json& request, ControlReply reply) {
+  ServiceCatalogStore& sites = app_.sites();
+  const std::string action = request.value("action", std::string("list"));
+  const std::string value = request.value("value", std::string());
+  auto listing = [&] {
+    Json services = Json::array();
+    for (const auto& item : sites.catalog()) {
+      services.push_back({{"key", item.key}, {"title", item.title}, {"on", sites.selectedServices().get().contains(item.key)}});
+    }
+    Json domains = Json::array();
+    const auto& disabled = sites.disabledDomains().get();
+    for (const auto& domain : sites.customDomains().get()) {
+      domains.push_back({{"domain", domain}, {"on", std::ranges::find(disabled, domain) == disabled.end()}});
+    }
+    return Json{{"ok", true}, {"services", services}, {"domains", domains}, {"status", status()}};
+  };
+  auto known = [&](std::string_view key) {
+    return std::ranges::any_of(sites.catalog(), [&](const auto& item) { return item.key == key; });
+  };
+
+  if (action == "list") return reply.finish(listing());
+  if (value.empty()) return finishError(reply, "usage", "", "укажите сайт или сервис");
+  if (action == "on" || action == "off") {
+    if (!known(value)) return finishError(reply, "usage", "", fmt::format("нет такого сервиса: {}", value));
+    sites.toggle(value, action == "on");
+  } else if (action == "add") {
+    auto added = sites.addCustomDomain(value);
+    if (!added) return finishError(reply, "failed", "Свои сайты", added.error());
+  } else if (action == "remove") {
+    sites.removeCustomDomain(value);
+  } else if (action == "enable" || action == "disable") {
+    sites.setCustomDomainEnabled(value, action == "enable");
+  } else {
+    return finishError(reply, "usage", "", fmt::format("unknown sites action \"{}\"", action));
+  }
+  reply.finish(listing());
+}
+
+void ControlCommands::watch(ControlReply reply) {
+  // Never finishes: the client ends it by hanging up.
+  auto wait = std::make_unique<Wait>(app_.loop(), reply, std::chrono::hours(24 * 365), [](const ControlReply&) {});
+  Wait* w = wait.get();
+  auto send = [this, w] { w->reply().event(Json{{"event", "status"}, {"status", status()}}); };
+  send();
+  w->watch<TunnelStatus>(app_.vpn().connectionState(), [send](const TunnelStatus&) { send(); return false; });
+  w->watch<std::optional<BusyText>>(app_.home().busyText(), [send](const auto&) { send(); return false; });
+  w->watch<std::optional<VPNViewModel::ShownError>>(app_.home().lastError(), [send](const auto&) { send(); return false; });
+  w->watch<VPNRoutingMode>(app_.modes().currentMode(), [send](const VPNRoutingMode&) { send(); return false; });
+  track(std::move(wait));
+}
+
+}  // namespace norvik
