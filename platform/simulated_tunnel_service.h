@@ -59,6 +59,8 @@ class SimulatedTunnelService final : public TunnelService {
   // The user stops the session from the system's own controls.
   void stopFromSystemControls(const std::string& identifier);
   void setConnectDelay(EventLoop::Duration delay) { options_.connectDelay = delay; }
+  // How long a stop takes; a long one is a tunnel program slow to go down.
+  void setDisconnectDelay(EventLoop::Duration delay) { options_.disconnectDelay = delay; }
   // A start that never reaches connected (a tunnel program that hangs).
   void setConnectHangs(bool hangs) { connectHangs_ = hangs; }
 

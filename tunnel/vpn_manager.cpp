@@ -61,6 +61,7 @@ void VPNManager::start() {
       return;
     }
     self->adoptConfigurations(*loaded);
+    if (self->tunnelManager_) self->normalizeLeftoverMarker(*self->tunnelManager_);
   });
   initialStateCheck_.start(loop_, kInitialStateCheckDelay, [this] {
     log_.format("[VPNManager] Checking initial VPN state: {}", toString(connectionState_.get()));
@@ -129,10 +130,18 @@ bool VPNManager::softDeleteGateHolds(const TunnelConfiguration& configuration) c
 // --- Installing a key ---
 
 void VPNManager::installKey(std::string keyText, Done completion) {
+  resetRepairToken();
   auto run = std::make_shared<InstallRun>();
   run->keyText = normalizeKeyText(keyText);
   run->serverAddress = extractServerAddress(run->keyText);
   run->completion = std::move(completion);
+  if (softDeleteWatched()) {
+    // The first installs after a soft removal are counted; enough failures replace the configuration.
+    run->completion = [weak = weakFactory_.weak(), keyText = run->keyText, done = std::move(run->completion)](
+                          std::expected<void, Error> result) mutable {
+      if (auto self = weak.lock()) self->noteInstallResult(std::move(result), std::move(keyText), std::move(done));
+    };
+  }
   if (run->serverAddress) {
     log_.format("Extracted server address: {}", *run->serverAddress);
     lastServerIP_ = run->serverAddress;
@@ -241,6 +250,12 @@ void VPNManager::afterFirstSave(std::shared_ptr<InstallRun> run, TunnelConfigura
 // --- Connecting ---
 
 void VPNManager::connect(Done completion) {
+  standard_.setBool(kUserIntentOnKey, true);
+  resetRepairToken();
+  connectWithoutUserAction(std::move(completion));
+}
+
+void VPNManager::connectWithoutUserAction(Done completion) {
   auto run = std::make_shared<ConnectRun>();
   run->completion = std::move(completion);
   connectPass(std::move(run));
@@ -264,6 +279,11 @@ void VPNManager::onConnectLoaded(std::shared_ptr<ConnectRun> run,
   if (!found) return finishConnect(run, std::unexpected(notFound()));
   if (softDeleteGateHolds(*found)) {
     analytics_.record("connect_blocked");
+    return finishConnect(run, std::unexpected(notFound()));
+  }
+  if (carriesSoftRemoveMarker(*found)) {
+    // Soft removal was switched off while a marker remained: it holds no key, so it goes.
+    normalizeLeftoverMarker(*found);
     return finishConnect(run, std::unexpected(notFound()));
   }
   tunnelManager_ = *found;
@@ -357,6 +377,7 @@ void VPNManager::stopAsApplication(TunnelConfiguration configuration,
 }
 
 void VPNManager::disconnect() {
+  resetRepairToken();
   recordApplicationStop();
   if (tunnelManager_) stopAsApplication(*tunnelManager_, [](TunnelConfiguration) {});
   // With self-heal on, a stop by the user means the user no longer wants the tunnel.
@@ -393,6 +414,8 @@ void VPNManager::save(TunnelConfiguration configuration, TunnelService::Configur
 void VPNManager::onStatusChanged(const std::string& identifier, TunnelStatus status) {
   if (!tunnelManager_ || tunnelManager_->identifier != identifier) return;
   log_.format("[VPNManager] System VPN status changed: {}", toString(status));
+  // A silent restart keeps the screens on the state they had and publishes the real one at its end.
+  if (silentRestart_) return;
   connectionState_.set(status);
   if (status == TunnelStatus::connected) {
     connectionStartTime_ = tunnels_.connectedDate(identifier).value_or(clock_.now());
@@ -407,6 +430,14 @@ void VPNManager::onStatusChanged(const std::string& identifier, TunnelStatus sta
       log_.format("[VPNManager] Расширение завершило сессию: {}", error->description());
       extensionCrashed_.emit(*error);
     }
+    // One turn later, so that the tunnel program's stop notification, which comes with the
+    // status change, is heard first.
+    loop_.post([weak = weakFactory_.weak()] {
+      auto self = weak.lock();
+      if (self && self->connectionState_.get() == TunnelStatus::disconnected) {
+        self->selfHealIfNeeded(TunnelStatus::disconnected);
+      }
+    });
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <expected>
 #include <functional>
 #include <memory>
@@ -107,6 +108,75 @@ class VPNManager {
   // Set for the whole of a server change; repairs do not bring the old configuration back meanwhile.
   bool isServerChangeInProgress = false;
 
+  // --- Keeping the configuration alive: soft removal, self-heal, silent restart ---
+  // (vpn_manager_resilience.cpp; the rules are in docs/tunnel.md.)
+
+  // Standard-suite keys.
+  static constexpr std::string_view kSoftDeleteArmedKey = "app.keySoftDelete.armed";
+  static constexpr std::string_view kSoftDeleteFailsKey = "app.keySoftDelete.fails";
+  static constexpr std::string_view kUserIntentOnKey = "app.userIntentOn";
+  static constexpr std::string_view kSelfHealLastTsKey = "app.selfHealLastTs";
+  static constexpr std::string_view kSelfHealCountKey = "app.selfHealCount";
+  static constexpr std::string_view kSelfHealDayKey = "app.selfHealDay";
+  // Feature flags, as the routing module caches them in the group suite.
+  static constexpr std::string_view kKeySoftDeleteFlag = "iosFixes.keySoftDelete";
+  static constexpr std::string_view kKeySoftDeleteDebugFlag = "iosFixes.keySoftDeleteDebug";
+  static constexpr std::string_view kSelfHealMaxPerDayFlag = "iosFixes.selfHealMaxPerDay";
+  static constexpr std::string_view kHealthCheckModeFlag = "iosFixes.healthCheckMode";
+  static constexpr std::string_view kReconnectWaitMsFlag = "iosFixes.reconnectWaitMs";
+
+  static constexpr double kSelfHealSpacingSeconds = 60.0;
+  static constexpr std::chrono::milliseconds kReconnectCheckDefault{10000};
+  static constexpr std::chrono::milliseconds kRestartPollInterval{100};
+  static constexpr std::chrono::milliseconds kRestartDisconnectLimit{3000};
+
+  enum class SoftRemoveOutcome {
+    markerSaved,      // the configuration stays, emptied and disabled; consent is kept
+    removedInstead,   // the marker could not be saved, so the configuration was removed
+    noConfiguration,  // nothing named "Norvik": the caller removes the old way (removeConfiguration)
+    refused,          // another soft removal is running
+    failed,           // neither the marker nor the removal could be saved; the key stays
+  };
+  using SoftRemoveDone = std::move_only_function<void(SoftRemoveOutcome)>;
+
+  // Removes the key but keeps the configuration, emptied and disabled, so that the next install
+  // does not ask the user for permission again. For use while "iosFixes.keySoftDelete" is above 0;
+  // otherwise removeConfiguration(). `intent` says why, for the log.
+  void softRemove(std::string intent, SoftRemoveDone completion = {});
+  // Removes the configuration outright (the application's, or one with the legacy name).
+  void removeConfiguration(Done completion);
+  // Called by the install path while a soft removal is being watched: counts failed installs and,
+  // at the threshold, removes the configuration and installs `keyText` cleanly. `completion` gets
+  // what the install's caller should hear (the clean install's result after an escalation).
+  void noteInstallResult(std::expected<void, Error> result, std::string keyText, Done completion);
+  // The escalation threshold for a "iosFixes.keySoftDelete" value (2 below 3, else at most 9).
+  [[nodiscard]] static std::int64_t escalationThreshold(std::int64_t keySoftDelete);
+
+  // Brings a tunnel that dropped back up while the user wants it, a few times a day at most.
+  // Runs on each change to disconnected.
+  void selfHealIfNeeded(TunnelStatus status);
+
+  // A repair captures the token when it begins; every user action (connect, disconnect, install,
+  // removal) moves it on, and a repair holding an older token stops instead of acting.
+  using RepairToken = std::uint64_t;
+  [[nodiscard]] RepairToken repairToken() const { return repairToken_; }
+
+  struct SilentRestartResult {
+    bool ok = false;
+    std::string failStep;  // "precondition", "disconnect" or "connect"; empty when ok
+    std::string reason;
+    bool operator==(const SilentRestartResult&) const = default;
+  };
+  using SilentRestartDone = std::move_only_function<void(SilentRestartResult)>;
+  // The health engine's repair step: stop the tunnel, wait `delayMs`, start it again and wait up
+  // to `connectTimeoutMs` for connected. The screens keep the state they had meanwhile; the real
+  // status is published at the end. Never fails otherwise than through the result.
+  void silentTunnelRestart(RepairToken token, std::int64_t delayMs, std::int64_t connectTimeoutMs,
+                           SilentRestartDone completion);
+  // The same, for a repair that begins here.
+  void silentTunnelRestart(std::int64_t delayMs, std::int64_t connectTimeoutMs, SilentRestartDone completion);
+  [[nodiscard]] bool isSilentRestartRunning() const { return silentRestart_ != nullptr; }
+
  private:
   struct ConnectRun;
   struct InstallRun;
@@ -136,6 +206,30 @@ class VPNManager {
   void adoptConfigurations(const std::vector<TunnelConfiguration>& managers);
   [[nodiscard]] bool softDeleteGateHolds(const TunnelConfiguration& configuration) const;
 
+  // Resilience (vpn_manager_resilience.cpp).
+  struct SoftRemoveRun;
+  struct SilentRestart;
+  // The connect path without the user's marks (intent, repair token): for self-heal and repairs.
+  void connectWithoutUserAction(Done completion);
+  void resetRepairToken() { ++repairToken_; }
+  [[nodiscard]] bool softDeleteEnabled() const;
+  [[nodiscard]] bool softDeleteWatched() const;
+  void onSoftRemoveLoaded(std::shared_ptr<SoftRemoveRun> run,
+                          std::expected<std::vector<TunnelConfiguration>, Error> loaded);
+  void saveSoftRemoveMarker(std::shared_ptr<SoftRemoveRun> run, const TunnelConfiguration& base, bool staleRetry);
+  void softRemoveFallback(std::shared_ptr<SoftRemoveRun> run, std::string identifier);
+  void finishSoftRemove(const std::shared_ptr<SoftRemoveRun>& run, SoftRemoveOutcome outcome);
+  void escalate(std::int64_t fails, std::expected<void, Error> result, std::string keyText, Done completion);
+  // Removes a marker left behind once soft removal was switched off.
+  void normalizeLeftoverMarker(const TunnelConfiguration& configuration);
+  void forgetConfiguration(const std::string& identifier);
+  void scheduleReconnectCheck();
+  [[nodiscard]] std::optional<std::string> restartBlockedBy(RepairToken token) const;
+  void restartConnectStep();
+  void pollRestart(TunnelStatus wanted, EventLoop::TimePoint deadline, std::move_only_function<void(bool)> then);
+  void finishRestart(std::string_view failStep, std::string reason);
+  void applyRealStatus();
+
   EventLoop& loop_;
   TunnelService& tunnels_;
   NamedNotificationCenter& notifications_;
@@ -164,6 +258,13 @@ class VPNManager {
   Subscription widgetDisconnectObserver_;
   Subscription userStopObserver_;
   Subscription reconnectWatch_;
+
+  // The intent of the soft removal now running.
+  std::optional<std::string> softRemoveInFlight_;
+  bool gateOffNormalizeInFlight_ = false;
+  RepairToken repairToken_ = 0;
+  std::shared_ptr<SilentRestart> silentRestart_;
+  OneShotTimer reconnectCheck_;
 
   WeakPtrFactory<VPNManager> weakFactory_{this};
 };
