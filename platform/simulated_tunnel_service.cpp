@@ -231,6 +231,7 @@ void SimulatedTunnelService::beginStop(const std::string& identifier, bool postU
 void SimulatedTunnelService::finishStop(const std::string& identifier, bool postUserStop, std::optional<Error> error) {
   Session& session = sessions_[identifier];
   session.connectedAt.reset();
+  session.stalledAt.reset();
   session.disconnectError = std::move(error);
   setStatus(identifier, TunnelStatus::disconnected);
   if (postUserStop && notifications_) notifications_->post(kUserStopNotification);
@@ -265,6 +266,30 @@ std::optional<Clock::TimePoint> SimulatedTunnelService::connectedDate(const std:
 std::optional<Error> SimulatedTunnelService::lastDisconnectError(const std::string& identifier) const {
   auto it = sessions_.find(identifier);
   return it == sessions_.end() ? std::nullopt : it->second.disconnectError;
+}
+
+void SimulatedTunnelService::fetchTelemetry(const std::string& identifier, TelemetryCompletion completion) {
+  using Result = std::expected<TunnelTelemetry, Error>;
+  auto it = sessions_.find(identifier);
+  if (it == sessions_.end() || it->second.status != TunnelStatus::connected || !it->second.connectedAt) {
+    return answer(std::move(completion), Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::connectionFailed,
+                                                                               "no running session"))));
+  }
+  Session& session = it->second;
+  const Clock::TimePoint now = clock_.now();
+  if (!trafficFlows_ && !session.stalledAt) session.stalledAt = now;
+  if (trafficFlows_) session.stalledAt.reset();
+  // Up to the stall the session behaves like a healthy one: a handshake at connect and every two
+  // minutes after, and a steady stream of bytes.
+  const Clock::TimePoint until = session.stalledAt.value_or(now);
+  const auto flowing = std::chrono::duration_cast<std::chrono::seconds>(until - *session.connectedAt);
+  constexpr auto kRekey = std::chrono::seconds(120);
+  TunnelTelemetry telemetry;
+  telemetry.lastHandshake = *session.connectedAt + (flowing / kRekey) * kRekey;
+  telemetry.receivedBytes = static_cast<std::uint64_t>(std::max<std::int64_t>(flowing.count(), 0)) * bytesPerSecond_ + 148;
+  telemetry.sentBytes = telemetry.receivedBytes / 4 + 148;
+  telemetry.interfaceName = "norvik0";
+  answer(std::move(completion), Result(telemetry));
 }
 
 Subscription SimulatedTunnelService::observeStatus(StatusObserver observer) {

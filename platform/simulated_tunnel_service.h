@@ -46,6 +46,7 @@ class SimulatedTunnelService final : public TunnelService {
   [[nodiscard]] TunnelStatus status(const std::string& identifier) const override;
   [[nodiscard]] std::optional<Clock::TimePoint> connectedDate(const std::string& identifier) const override;
   [[nodiscard]] std::optional<Error> lastDisconnectError(const std::string& identifier) const override;
+  void fetchTelemetry(const std::string& identifier, TelemetryCompletion completion) override;
   [[nodiscard]] Subscription observeStatus(StatusObserver observer) override;
 
   // --- Failure injection ---
@@ -63,6 +64,11 @@ class SimulatedTunnelService final : public TunnelService {
   void setDisconnectDelay(EventLoop::Duration delay) { options_.disconnectDelay = delay; }
   // A start that never reaches connected (a tunnel program that hangs).
   void setConnectHangs(bool hangs) { connectHangs_ = hangs; }
+  // Traffic flows through a connected session by default: handshakes renew every two minutes and
+  // bytes arrive at `bytesPerSecond`. Switched off, the session stays "connected" with its last
+  // handshake ageing and no bytes arriving — a tunnel that is up but carries nothing.
+  void setTrafficFlows(bool flows) { trafficFlows_ = flows; }
+  void setBytesPerSecond(std::uint64_t rate) { bytesPerSecond_ = rate; }
 
   // --- What tests look at ---
   [[nodiscard]] const std::vector<TunnelConfiguration>& configurations() const { return configurations_; }
@@ -73,6 +79,7 @@ class SimulatedTunnelService final : public TunnelService {
   struct Session {
     TunnelStatus status = TunnelStatus::disconnected;
     std::optional<Clock::TimePoint> connectedAt;
+    std::optional<Clock::TimePoint> stalledAt;  // when traffic stopped flowing in this session
     std::optional<Error> disconnectError;
     std::uint64_t generation = 0;  // bumps on every transition; stale timers see it
   };
@@ -99,6 +106,8 @@ class SimulatedTunnelService final : public TunnelService {
   std::uint64_t nextIdentifier_ = 1;
   std::vector<Error> failLoadAll_, failSave_, failRemove_, failConnect_;
   bool connectHangs_ = false;
+  bool trafficFlows_ = true;
+  std::uint64_t bytesPerSecond_ = 20'000;
   std::size_t saves_ = 0;
   std::vector<PropertyDictionary> startOptions_;
   WeakPtrFactory<SimulatedTunnelService> weakFactory_{this};

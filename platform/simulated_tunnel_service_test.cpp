@@ -142,5 +142,31 @@ TEST_F(SimulatedTunnelServiceTest, ConfigurationsSurviveARestartAndADamagedFileI
   EXPECT_TRUE(log_.contains("[Tunnel] настройки туннеля повреждены"));
 }
 
+TEST_F(SimulatedTunnelServiceTest, TelemetryShowsFlowingTrafficAndAStallThatAges) {
+  const TunnelConfiguration stored = save(norvik());
+  auto fetch = [&] {
+    std::optional<std::expected<TunnelTelemetry, Error>> result;
+    service_->fetchTelemetry(stored.identifier, [&](auto r) { result = std::move(r); });
+    loop_.runUntilIdle();
+    return *result;
+  };
+  EXPECT_FALSE(fetch().has_value()) << "no session";
+  ASSERT_TRUE(service_->startVPNTunnel(stored.identifier, {}).has_value());
+  loop_.advance(300ms);
+  const auto connectedAt = clock_.now();
+  loop_.advance(10s);
+  auto flowing = fetch();
+  ASSERT_TRUE(flowing.has_value());
+  EXPECT_EQ(flowing->lastHandshake, connectedAt);
+  EXPECT_GT(flowing->receivedBytes, 100'000u);
+
+  service_->setTrafficFlows(false);
+  (void)fetch();  // the stall starts now
+  loop_.advance(5min);
+  auto stalled = fetch();
+  EXPECT_EQ(stalled->lastHandshake, connectedAt) << "no handshake since the stall";
+  EXPECT_EQ(stalled->receivedBytes, flowing->receivedBytes) << "no bytes since the stall";
+}
+
 }  // namespace
 }  // namespace norvik

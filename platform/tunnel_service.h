@@ -63,6 +63,16 @@ struct TunnelConfiguration {
   bool operator==(const TunnelConfiguration&) const = default;
 };
 
+// What the tunnel program reports about a running session: the last completed handshake with the
+// server, and the bytes carried each way.
+struct TunnelTelemetry {
+  std::optional<Clock::TimePoint> lastHandshake{};
+  std::uint64_t receivedBytes = 0;
+  std::uint64_t sentBytes = 0;
+  std::optional<std::string> interfaceName{};  // the tunnel's network interface, when it has one
+  bool operator==(const TunnelTelemetry&) const = default;
+};
+
 // The system's tunnel configurations and their sessions, shaped after the operating system's VPN
 // preferences: load all, save, reload one, remove; start a session with options, stop it, and
 // watch its status. Every completion runs on the main loop, exactly once. Status changes are
@@ -76,6 +86,7 @@ class TunnelService {
   using ConfigurationCompletion = std::move_only_function<void(std::expected<TunnelConfiguration, Error>)>;
   using DoneCompletion = std::move_only_function<void(std::expected<void, Error>)>;
   using StatusObserver = std::function<void(const std::string& identifier, TunnelStatus status)>;
+  using TelemetryCompletion = std::move_only_function<void(std::expected<TunnelTelemetry, Error>)>;
 
   virtual ~TunnelService() = default;
 
@@ -98,6 +109,9 @@ class TunnelService {
   [[nodiscard]] virtual std::optional<Clock::TimePoint> connectedDate(const std::string& identifier) const = 0;
   // Why the last session of `identifier` ended, when the tunnel program ended it on its own.
   [[nodiscard]] virtual std::optional<Error> lastDisconnectError(const std::string& identifier) const = 0;
+  // Asks the tunnel program of a running session for its telemetry (a provider message on the
+  // original system). Fails with connectionFailed when no session of `identifier` runs.
+  virtual void fetchTelemetry(const std::string& identifier, TelemetryCompletion completion) = 0;
 
   [[nodiscard]] virtual Subscription observeStatus(StatusObserver observer) = 0;
 };
