@@ -196,7 +196,10 @@ void VPNViewModel::toggleVPN() {
     return;
   }
   if (switchBlock_.get().locked) {
-    showError(Action::toggle, texts::kKeyErrorTitle, std::string(texts::kCheckInternet));
+    // Without a configuration a key would come from the backend that just failed: say why.
+    const auto& cause = network_.lastError().get();
+    showError(Action::toggle, texts::kKeyErrorTitle,
+              cause ? keyFetchMessage(*cause) : std::string(texts::kCheckInternet));
     return;
   }
   if (preConnectCheck_) {
