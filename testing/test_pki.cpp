@@ -1,6 +1,7 @@
 #include "testing/test_pki.h"
 
 #include <memory>
+#include <arpa/inet.h>
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -39,8 +40,19 @@ void addExtension(X509* cert, X509* issuer, int nid, const char* value) {
   X509_EXTENSION_free(ext);
 }
 
+std::string subjectAltNames(const std::vector<std::string>& extraNames) {
+  std::string names = "DNS:localhost,IP:127.0.0.1,IP:::1";
+  for (const auto& name : extraNames) {
+    unsigned char address[16];
+    const bool isAddress = inet_pton(AF_INET, name.c_str(), address) == 1 || inet_pton(AF_INET6, name.c_str(), address) == 1;
+    names += (isAddress ? ",IP:" : ",DNS:") + name;
+  }
+  return names;
+}
+
 Cert makeCertificate(EVP_PKEY* key, const char* commonName, long serial, std::chrono::seconds from,
-                     std::chrono::seconds until, X509* issuer, EVP_PKEY* issuerKey, bool isCa) {
+                     std::chrono::seconds until, X509* issuer, EVP_PKEY* issuerKey, bool isCa,
+                     const std::string& altNames = {}) {
   Cert cert(X509_new());
   check(cert != nullptr, "X509_new");
   X509_set_version(cert.get(), 2);
@@ -58,7 +70,7 @@ Cert makeCertificate(EVP_PKEY* key, const char* commonName, long serial, std::ch
     addExtension(cert.get(), signer, NID_subject_key_identifier, "hash");
   } else {
     addExtension(cert.get(), signer, NID_basic_constraints, "critical,CA:FALSE");
-    addExtension(cert.get(), signer, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1,IP:::1");
+    addExtension(cert.get(), signer, NID_subject_alt_name, altNames.c_str());
     addExtension(cert.get(), signer, NID_ext_key_usage, "serverAuth");
     addExtension(cert.get(), signer, NID_authority_key_identifier, "keyid:always");
   }
@@ -90,7 +102,7 @@ TestPki makeTestPki(const TestPkiOptions& options) {
                             std::chrono::seconds(30 * 86400), nullptr, nullptr, true);
   Key serverKey = makeKey();
   Cert server = makeCertificate(serverKey.get(), "localhost", 2, options.validFrom, options.validUntil, ca.get(),
-                                caKey.get(), false);
+                                caKey.get(), false, subjectAltNames(options.extraNames));
   return TestPki{pem(ca.get()), pem(server.get()), pem(serverKey.get())};
 }
 

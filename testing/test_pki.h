@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 namespace norvik::testing {
 
@@ -18,6 +19,8 @@ struct TestPkiOptions {
   std::chrono::seconds validFrom{-3600};
   std::chrono::seconds validUntil{7 * 24 * 3600};
   std::string commonName = "Norvik Test CA";
+  // Further names the server certificate covers: host names, or IPv4/IPv6 addresses.
+  std::vector<std::string> extraNames{};
 };
 
 [[nodiscard]] TestPki makeTestPki(const TestPkiOptions& options = {});

@@ -1,0 +1,159 @@
+// The product as a user runs it: the agent and the command line as separate processes, against the
+// local backend over real HTTPS on loopback, with the simulated tunnel.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "platform/files.h"
+#include "platform/linux/curl_http_transport.h"
+#include "testing/background_process.h"
+#include "testing/subprocess.h"
+#include "testing/temp_dir.h"
+#include "testing/virtual_event_loop.h"
+
+namespace norvik {
+namespace {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+using testing::BackgroundProcess;
+using testing::ProcessResult;
+using testing::waitFor;
+
+class AgentIntegrationTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    backend_ = std::make_unique<BackgroundProcess>(
+        std::vector<std::string>{NORVIK_DEVBACKEND_PATH, "--state-dir", (dir_ / "backend").string(), "--port", "0",
+                                 "--port-file", portFile_.string(), "--write-ca", ca_.string(),
+                                 "--write-provisioning", provisioning_.string()},
+        dir_ / "backend.log");
+    ASSERT_TRUE(waitFor([&] { return !readFile(portFile_).value_or("").empty(); })) << backend_->output();
+    std::string port = *readFile(portFile_);
+    while (!port.empty() && (port.back() == '\n' || port.back() == '\r')) port.pop_back();
+    base_ = "https://127.0.0.1:" + port;
+  }
+
+  std::vector<std::string> global() const {
+    return {NORVIK_CLI_PATH, "--home", home_.string(), "--backend", base_ + "/api/", "--ca-file", ca_.string(),
+            "--provisioning", provisioning_.string()};
+  }
+
+  void startAgent() {
+    auto argv = global();
+    argv.insert(argv.end(), {"agent", "--simulated-connect-ms", "50"});
+    agent_ = std::make_unique<BackgroundProcess>(argv, dir_ / "agent.log");
+    ASSERT_TRUE(waitFor([&] { return std::filesystem::exists(home_ / "run" / "agent.sock"); })) << agent_->output();
+  }
+
+  ProcessResult norvik(std::vector<std::string> args) {
+    auto argv = global();
+    argv.insert(argv.end(), args.begin(), args.end());
+    return testing::runProcess(argv);
+  }
+
+  Json status() { return Json::parse(norvik({"status", "--json"}).out, nullptr, false); }
+
+  // The local backend's admin API.
+  Json admin(std::string method, std::string path, Json body = nullptr) {
+    testing::VirtualEventLoop loop;
+    auto http = CurlHttpTransport::create(loop, {ca_}).value();
+    HttpRequest request{method, base_ + path, {{"Content-Type", "application/json"}}, body.is_null() ? "" : body.dump(), 10s};
+    auto result = http->perform(request);
+    if (!result) return Json{{"transport_error", result.error().message}};
+    return Json::parse(result->body, nullptr, false);
+  }
+  int received(const std::string& endpoint) {
+    const Json requests = admin("GET", "/admin/requests");
+    if (!requests.contains("endpoints") || !requests["endpoints"].contains(endpoint)) return 0;
+    return requests["endpoints"][endpoint].value("received", 0);
+  }
+
+  testing::TempDir dir_;
+  std::filesystem::path home_ = dir_ / "home";
+  std::filesystem::path portFile_ = dir_ / "port";
+  std::filesystem::path ca_ = dir_ / "ca.pem";
+  std::filesystem::path provisioning_ = dir_ / "provisioning.json";
+  std::string base_;
+  std::unique_ptr<BackgroundProcess> backend_;
+  std::unique_ptr<BackgroundProcess> agent_;
+};
+
+TEST_F(AgentIntegrationTest, ConnectChangeServerAndDisconnectAsAUserWould) {
+  startAgent();
+  auto connected = norvik({"connect"});
+  ASSERT_EQ(connected.exitStatus, 0) << connected.err << agent_->output();
+  EXPECT_NE(connected.out.find("Получаем ключ, подождите…"), std::string::npos) << connected.out;
+  EXPECT_NE(connected.out.find("Norvik — Защищено"), std::string::npos) << connected.out;
+  EXPECT_EQ(status()["server"], "203.0.113.10");
+
+  auto changed = norvik({"change-server"});
+  ASSERT_EQ(changed.exitStatus, 0) << changed.err;
+  EXPECT_NE(changed.out.find("Сервер сменён"), std::string::npos) << changed.out;
+  EXPECT_EQ(status()["server"], "198.51.100.7");
+  EXPECT_EQ(status()["tunnel"], "connected");
+  EXPECT_EQ(received("change_server"), 1);
+
+  auto disconnected = norvik({"disconnect"});
+  ASSERT_EQ(disconnected.exitStatus, 0) << disconnected.err;
+  EXPECT_NE(disconnected.out.find("Norvik — Отключено"), std::string::npos);
+  EXPECT_EQ(agent_->stop(), 0) << "SIGTERM ends the agent cleanly";
+  EXPECT_FALSE(std::filesystem::exists(home_ / "run" / "agent.sock"));
+}
+
+TEST_F(AgentIntegrationTest, A503StormOnMainLeavesTheToggleUsableFromTheCachedConfiguration) {
+  startAgent();
+  ASSERT_EQ(norvik({"connect"}).exitStatus, 0);
+  ASSERT_EQ(norvik({"disconnect"}).exitStatus, 0);
+  agent_->stop();
+  const int keysBefore = received("getkey");
+
+  admin("POST", "/admin/faults", Json{{"status", "main:503"}});
+  startAgent();
+  auto connected = norvik({"connect"});
+  ASSERT_EQ(connected.exitStatus, 0) << connected.err << agent_->output();
+  EXPECT_EQ(status()["server"], "203.0.113.10") << "the installed key, from the last run";
+  EXPECT_EQ(received("getkey"), keysBefore) << "no new key was needed";
+  ASSERT_TRUE(waitFor([&] { return admin("GET", "/admin/requests")["endpoints"]["main"]["statuses"].value("503", 0) >= 4; },
+                      30s));
+  EXPECT_EQ(status()["switchLocked"], false);
+}
+
+TEST_F(AgentIntegrationTest, ALockedSecureStoreWithoutMirrorSendsNothingToTheBackend) {
+  ASSERT_EQ(norvik({"debug", "secure-store", "lock"}).exitStatus, 0);
+  startAgent();
+  auto connected = norvik({"connect"});
+  EXPECT_EQ(connected.exitStatus, 1);
+  EXPECT_NE(connected.err.find("Не удалось получить ключ. Попробуйте позже."), std::string::npos) << connected.err;
+  EXPECT_EQ(admin("GET", "/admin/requests").value("requests", Json::array()).size(), 0u);
+  EXPECT_NE(agent_->output().find("зеркала нет — запасной ID, запросы к бэкенду заблокированы"), std::string::npos);
+}
+
+TEST_F(AgentIntegrationTest, ASecondAgentIsRefusedAndTheFirstCarriesOn) {
+  startAgent();
+  auto argv = global();
+  argv.push_back("agent");
+  auto second = testing::runProcess(argv);
+  EXPECT_EQ(second.exitStatus, 1);
+  EXPECT_NE(second.err.find("Агент Norvik уже запущен"), std::string::npos) << second.err;
+  EXPECT_TRUE(agent_->running());
+  EXPECT_EQ(norvik({"status"}).exitStatus, 0);
+}
+
+TEST_F(AgentIntegrationTest, WithoutAnAgentCommandsSayHowToStartIt) {
+  auto result = norvik({"connect"});
+  EXPECT_EQ(result.exitStatus, 3);
+  EXPECT_NE(result.err.find("norvik agent"), std::string::npos) << result.err;
+}
+
+TEST_F(AgentIntegrationTest, AHomeThatCannotHoldTheStateIsAClearError) {
+  ASSERT_TRUE(writeFileAtomically(dir_ / "not-a-directory", "x"));
+  home_ = dir_ / "not-a-directory" / "home";
+  auto argv = global();
+  argv.push_back("agent");
+  auto result = testing::runProcess(argv);
+  EXPECT_EQ(result.exitStatus, 2);
+  EXPECT_NE(result.err.find("not-a-directory"), std::string::npos) << result.err;
+}
+
+}  // namespace
+}  // namespace norvik
