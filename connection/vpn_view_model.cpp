@@ -202,14 +202,26 @@ void VPNViewModel::toggleVPN() {
               cause ? keyFetchMessage(*cause) : std::string(texts::kCheckInternet));
     return;
   }
-  if (preConnectCheck_) {
-    if (auto dialog = preConnectCheck_()) {
-      analytics_.record("no_internet pre_connect");
-      overlays_.enqueue(std::move(*dialog));
-      finished_.emit(Outcome{Action::toggle, false});
-      return;
-    }
+  if (!preConnectCheck_) return toggleConnect();
+  if (preConnectCheckRunning_) {
+    log_.write("[toggleVPN] идёт проверка сети, игнорируем");
+    finished_.emit(Outcome{Action::toggle, false});
+    return;
   }
+  // The check may take up to the probes' time-out; a second tap meanwhile is ignored.
+  preConnectCheckRunning_ = true;
+  preConnectCheck_([weak = weakFactory_.weak()](std::optional<OverlayItem> dialog) {
+    auto self = weak.lock();
+    if (!self) return;
+    self->preConnectCheckRunning_ = false;
+    if (!dialog) return self->toggleConnect();
+    self->analytics_.record("no_internet pre_connect");
+    self->overlays_.enqueue(std::move(*dialog));
+    self->finished_.emit(Outcome{Action::toggle, false});
+  });
+}
+
+void VPNViewModel::toggleConnect() {
   vpn_.checkConfigurationExists([weak = weakFactory_.weak()](bool exists) {
     auto self = weak.lock();
     if (!self) return;

@@ -50,6 +50,9 @@ class VPNViewModel {
     std::optional<ShownError> error{};
   };
 
+  using PreConnectAnswer = std::move_only_function<void(std::optional<OverlayItem>)>;
+  using PreConnectCheck = std::function<void(PreConnectAnswer)>;
+
   struct Dependencies {
     EventLoop& loop;
     NetworkService& network;
@@ -57,9 +60,9 @@ class VPNViewModel {
     OverlayQueue& overlays;
     Log& log;
     Analytics& analytics;
-    // Asked before connecting: the dialog to show instead when the health policy finds no
-    // internet at all. Empty, or answering nothing: connect.
-    std::function<std::optional<OverlayItem>()> preConnectCheck{};
+    // Asked before connecting: answers (once, on the loop) with the dialog to show instead when
+    // the health check finds no internet at all. Empty, or answering nothing: connect.
+    PreConnectCheck preConnectCheck{};
   };
 
   static constexpr std::chrono::seconds kDisconnectWait{10};
@@ -100,6 +103,8 @@ class VPNViewModel {
  private:
   class StateWait;
 
+  // The toggle's way on once the tunnel is to come up: a key first when none is installed.
+  void toggleConnect();
   void connectPath(Action action);
   void connectAfterKey(Action action);
   void showError(Action action, std::string_view title, std::string message);
@@ -128,7 +133,8 @@ class VPNViewModel {
   OverlayQueue& overlays_;
   Log& log_;
   Analytics& analytics_;
-  std::function<std::optional<OverlayItem>()> preConnectCheck_;
+  PreConnectCheck preConnectCheck_;
+  bool preConnectCheckRunning_ = false;
 
   Published<Operation> operation_{Operation::none};
   Published<std::optional<BusyText>> busyText_;

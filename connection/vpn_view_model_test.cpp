@@ -125,6 +125,32 @@ TEST_F(VPNViewModelTest, ASecondTapWhileConnectingIsIgnoredAndLogged) {
   EXPECT_EQ(vpn_.connectionState().get(), Status::connected);
 }
 
+TEST_F(VPNViewModelTest, ThePreConnectCheckAnswersLaterAndItsDialogTakesThePlaceOfConnecting) {
+  answerJson("getkey", 200, keyResponse("203.0.113.10"));
+  std::vector<VPNViewModel::PreConnectAnswer> asked;
+  VPNViewModel checked{{loop, network_, vpn_, overlays_, log, analytics_,
+                        [&](VPNViewModel::PreConnectAnswer answer) { asked.push_back(std::move(answer)); }}};
+  checked.toggleVPN();
+  checked.toggleVPN();
+  ASSERT_EQ(asked.size(), 1u) << "a tap during the check is ignored";
+  EXPECT_TRUE(log.hasLine("[toggleVPN] идёт проверка сети, игнорируем"));
+
+  asked[0](OverlayItem{OverlayItem::Kind::dialog, "smart_status_pre_connect_no_internet", "Нет интернета", "", {{"Понятно"}}});
+  loop.advance(2s);
+  EXPECT_EQ(analytics_.count("no_internet pre_connect"), 1u);
+  ASSERT_TRUE(overlays_.current().get().has_value());
+  EXPECT_EQ(overlays_.current().get()->identifier, "smart_status_pre_connect_no_internet");
+  EXPECT_EQ(requests_["getkey"], 0);
+  EXPECT_NE(vpn_.connectionState().get(), Status::connected);
+
+  checked.toggleVPN();
+  ASSERT_EQ(asked.size(), 2u);
+  asked[1](std::nullopt);
+  loop.runUntil([&] { return vpn_.connectionState().get() == Status::connected; }, 1min);
+  EXPECT_EQ(vpn_.connectionState().get(), Status::connected);
+  EXPECT_EQ(requests_["getkey"], 1);
+}
+
 TEST_F(VPNViewModelTest, KeyFetchErrorsBecomeTheKeyTableTexts) {
   const std::vector<std::pair<HttpResult, std::string>> cases = {
       {FakeHttpTransport::json(429, "{}"),

@@ -59,6 +59,21 @@ std::optional<std::string> PhysicalPathMonitor::interfaceName(NetworkInterfaceTy
   return std::nullopt;
 }
 
+std::optional<std::string> PhysicalPathMonitor::preferredInterfaceName() const {
+  if (!running_) return std::nullopt;
+  auto path = source_.currentPath();
+  if (!path) return std::nullopt;
+  for (const auto& interface : path->availableInterfaces) {
+    switch (interface.type) {
+      case NetworkInterfaceType::wifi:
+      case NetworkInterfaceType::cellular:
+      case NetworkInterfaceType::wiredEthernet: return interface.name;
+      default: break;
+    }
+  }
+  return std::nullopt;
+}
+
 void PhysicalPathMonitor::deliver(std::uint64_t generation, PhysicalPath path) {
   if (generation != generation_.load() || generation != queueGeneration_) return;
   if (!lastDelivered_) {

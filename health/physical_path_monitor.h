@@ -51,6 +51,9 @@ class PhysicalPathMonitor {
   // The name of the preferred available interface of `type` (the probes bind to it); nothing while
   // stopped or when there is none.
   [[nodiscard]] std::optional<std::string> interfaceName(NetworkInterfaceType type) const;
+  // The preferred available Wi-Fi, cellular or wired interface, whatever its type (the one the
+  // system's default route leaves through, when it has one): where probes outside the tunnel go.
+  [[nodiscard]] std::optional<std::string> preferredInterfaceName() const;
 
   // Waits until the queue has handled every path that arrived before the call.
   void flush() { queue_.flush(); }

@@ -125,6 +125,13 @@ TEST_F(PhysicalPathMonitorTest, ConvertsOnlyPhysicalInterfacesAndAnswersSynchron
   EXPECT_FALSE(current->unsatisfiedReasonRaw.has_value());
   EXPECT_EQ(monitor.interfaceName(Type::wifi), "wlan0");
   EXPECT_FALSE(monitor.interfaceName(Type::wiredEthernet).has_value());
+  EXPECT_EQ(monitor.preferredInterfaceName(), "wwan0");
+
+  path.availableInterfaces = {{"lo", Type::loopback, 1}, {"eth0", Type::wiredEthernet, 2}};
+  source.setPath(path);
+  EXPECT_EQ(monitor.preferredInterfaceName(), "eth0") << "loopback never carries a probe";
+  monitor.stop();
+  EXPECT_FALSE(monitor.preferredInterfaceName().has_value());
 }
 
 TEST_F(PhysicalPathMonitorTest, ASourceThatCannotStartLeavesTheMonitorStoppedWithALogLine) {

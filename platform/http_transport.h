@@ -22,6 +22,15 @@ struct HttpRequest {
   HttpHeaders headers{};
   std::string body{};
   std::chrono::milliseconds timeout{std::chrono::seconds(60)};
+  // Leave through this network interface only (the physical one under the tunnel, or the
+  // tunnel's own), for probes that must not take the routing table's choice.
+  std::optional<std::string> interfaceName{};
+  // Fixed addresses for host names, "host:port:address" each, used instead of the system's
+  // resolver (the health probes' pinned and bypass-resolved addresses).
+  std::vector<std::string> pinnedAddresses{};
+  // A connection of its own, neither taken from nor left to the pool of earlier requests: a probe
+  // must not pass on a connection opened along another path. Implied by the two fields above.
+  bool freshConnection = false;
 };
 
 struct HttpResponse {

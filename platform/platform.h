@@ -6,6 +6,7 @@
 #include "platform/clock_change_source.h"
 #include "platform/crypto.h"
 #include "platform/defaults.h"
+#include "platform/dns_resolver.h"
 #include "platform/file_downloader.h"
 #include "platform/http_transport.h"
 #include "platform/log.h"
@@ -30,6 +31,7 @@ struct Platform {
   std::unique_ptr<ProcessRunner> processes;
   std::unique_ptr<PhysicalPathSource> physicalPaths;
   std::unique_ptr<ClockChangeSource> clockChanges;
+  std::unique_ptr<DnsResolver> dnsResolver;
 };
 
 }  // namespace norvik

@@ -80,7 +80,8 @@ NetworkError classify(CURL* curl, CURLcode code, const char* detail, bool tooLar
   error.message = detail && *detail ? detail : curl_easy_strerror(code);
   switch (code) {
     case CURLE_OPERATION_TIMEDOUT: error.kind = NetworkErrorKind::timedOut; break;
-    case CURLE_COULDNT_CONNECT: error.kind = NetworkErrorKind::cannotConnect; break;
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_INTERFACE_FAILED: error.kind = NetworkErrorKind::cannotConnect; break;
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY: error.kind = NetworkErrorKind::hostNotFound; break;
     case CURLE_PEER_FAILED_VERIFICATION: {
@@ -126,9 +127,25 @@ HttpResult CurlHttpTransport::perform(const HttpRequest& request) const { return
 
 namespace {
 
+// A handle for one request that must not share connections or resolved names with others.
+struct OwnHandle {
+  CURL* handle = curl_easy_init();
+  ~OwnHandle() {
+    if (handle) curl_easy_cleanup(handle);
+  }
+};
+
+bool needsOwnHandle(const HttpRequest& request) {
+  return request.freshConnection || request.interfaceName || !request.pinnedAddresses.empty();
+}
+
 HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpRequest& request) {
   static thread_local ThreadHandle threadHandle;
-  CURL* curl = threadHandle.get();
+  // Pinned names would stay in a shared handle's name cache, and a pooled connection may have
+  // been opened through another interface: such requests get a handle of their own.
+  std::optional<OwnHandle> own;
+  if (needsOwnHandle(request)) own.emplace();
+  CURL* curl = own ? own->handle : threadHandle.get();
   if (!curl) return std::unexpected(NetworkError{NetworkErrorKind::other, "curl_easy_init failed", 0, false});
 
   Transfer transfer{&config, {}, false};
@@ -149,6 +166,12 @@ HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpReq
   curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs);
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.list);
+  HeaderList pins;
+  for (const auto& entry : request.pinnedAddresses) pins.add(entry);
+  if (pins.list) curl_easy_setopt(curl, CURLOPT_RESOLVE, pins.list);
+  // "if!" binds to the named interface only, never to an address or host of that name.
+  const std::string interface = request.interfaceName ? "if!" + *request.interfaceName : std::string();
+  if (request.interfaceName) curl_easy_setopt(curl, CURLOPT_INTERFACE, interface.c_str());
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &onBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
@@ -166,6 +189,7 @@ HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpReq
   // The handle keeps pointers to this frame's buffers; drop them before the frame ends.
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
+  if (pins.list) curl_easy_setopt(curl, CURLOPT_RESOLVE, nullptr);
   if (code != CURLE_OK) return std::unexpected(classify(curl, code, errorText, transfer.tooLarge));
 
   long status = 0;

@@ -122,6 +122,57 @@ TEST(CurlHttpTransportCertificates, AnExpiredCertificateIsMarkedAsOutOfDate) {
   EXPECT_TRUE(result->error().certificateOutOfDate) << result->error().message;
 }
 
+// The health probes pin addresses and choose the interface a request leaves through.
+TEST(CurlHttpTransportPaths, APinnedAddressIsUsedInsteadOfTheResolverAndTheNameIsStillVerified) {
+  testing::VirtualEventLoop loop;
+  testing::TestPkiOptions named;
+  named.extraNames = {"probe.norvik.invalid"};
+  testing::LoopbackHttpsServer server(named);
+  server.setHandler([](const ServerRequest&) { return ServerReply{204, "", "text/plain"}; });
+  auto http = CurlHttpTransport::create(loop, {server.caFile()});
+  ASSERT_TRUE(http.has_value());
+  const std::string port = std::to_string(server.port());
+
+  auto sendTo = [&](std::string host, std::vector<std::string> pins) {
+    HttpRequest request{"GET", "https://" + host + ":" + port + "/generate_204", {}, "", 5s};
+    request.pinnedAddresses = std::move(pins);
+    std::optional<HttpResult> result;
+    (*http)->send(std::move(request), [&](HttpResult r) { result = std::move(r); });
+    loop.runUntilIdle();
+    return std::move(*result);
+  };
+
+  auto pinned = sendTo("probe.norvik.invalid", {"probe.norvik.invalid:" + port + ":127.0.0.1"});
+  ASSERT_TRUE(pinned.has_value()) << pinned.error().message;
+  EXPECT_EQ(pinned->status, 204);
+  // The pin belonged to that request only: the next one asks the resolver, which knows no such name.
+  auto unpinned = sendTo("probe.norvik.invalid", {});
+  ASSERT_FALSE(unpinned.has_value());
+  EXPECT_NE(unpinned.error().kind, NetworkErrorKind::cannotConnect) << unpinned.error().message;
+  // A pin does not switch off verification: a name the certificate does not cover is refused.
+  auto wrongName = sendTo("other.norvik.invalid", {"other.norvik.invalid:" + port + ":127.0.0.1"});
+  EXPECT_FALSE(wrongName.has_value());
+  EXPECT_EQ(server.requests().size(), 1u);
+}
+
+TEST_F(CurlHttpTransportTest, ARequestLeavesThroughTheNamedInterfaceOnly) {
+  server_.setHandler([](const ServerRequest&) { return ServerReply{204, "", "text/plain"}; });
+  auto http = transport();
+  HttpRequest missing{"GET", server_.url("/generate_204"), {}, "", 5s};
+  missing.interfaceName = "norvik-none0";
+  auto refused = send(*http, missing);
+  ASSERT_FALSE(refused.has_value());
+  EXPECT_EQ(refused.error().kind, NetworkErrorKind::cannotConnect) << refused.error().message;
+  EXPECT_TRUE(server_.requests().empty());
+
+  HttpRequest loopback{"GET", server_.url("/generate_204"), {}, "", 5s};
+  loopback.interfaceName = "lo";
+  auto bound = send(*http, loopback);
+  if (!bound && geteuid() != 0) GTEST_SKIP() << "binding to a device needs privileges here: " << bound.error().message;
+  ASSERT_TRUE(bound.has_value()) << bound.error().message;
+  EXPECT_EQ(bound->status, 204);
+}
+
 TEST(CurlHttpTransportCreate, ACaFileWithoutCertificatesIsRefused) {
   testing::VirtualEventLoop loop;
   EXPECT_FALSE(CurlHttpTransport::create(loop, {"/dev/null"}).has_value());

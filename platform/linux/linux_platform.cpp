@@ -5,6 +5,7 @@
 #include "platform/linux/curl_http_transport.h"
 #include "platform/linux/file_log.h"
 #include "platform/linux/file_secure_item_store.h"
+#include "platform/linux/glibc_dns_resolver.h"
 #include "platform/linux/netlink_path_source.h"
 #include "platform/linux/openssl_crypto.h"
 #include "platform/linux/posix_process_runner.h"
@@ -47,6 +48,7 @@ std::expected<Platform, Error> makeLinuxPlatform(EventLoop& loop, const LinuxPla
   platform.processes = std::make_unique<PosixProcessRunner>(loop);
   platform.physicalPaths = std::make_unique<NetlinkPathSource>(*platform.log);
   platform.clockChanges = std::make_unique<TimerfdClockChangeSource>();
+  platform.dnsResolver = std::make_unique<GlibcDnsResolver>(loop);
   return platform;
 }
 
