@@ -1,0 +1,125 @@
+#include "tunnel_helper/netlink_configurator.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <linux/rtnetlink.h>
+#include <chrono>
+#include <fstream>
+#include <net/if.h>
+
+namespace norvik::tunnel_helper {
+namespace {
+
+using namespace routing_constants;
+
+bool ours(const RoutingRule& rule) {
+  return rule.table == kTable || rule.priority == kMainExceptDefaultPriority || rule.priority == kTunnelTablePriority;
+}
+
+}  // namespace
+
+std::vector<RoutingRule> rulesFor(const RoutingPlan& plan) {
+  std::vector<RoutingRule> rules;
+  for (const int family : {AF_INET, AF_INET6}) {
+    if ((family == AF_INET && !plan.ipv4) || (family == AF_INET6 && !plan.ipv6)) continue;
+    if (plan.mainTableKeepsNarrowerRoutes) {
+      // "lookup main suppress_prefixlength 0": every main-table route but the default one.
+      rules.push_back(RoutingRule{family, kMainExceptDefaultPriority, RT_TABLE_MAIN, std::nullopt, false, 0});
+    }
+    // "not fwmark M lookup T": everything but the tunnel's own encrypted packets.
+    rules.push_back(RoutingRule{family, kTunnelTablePriority, kTable, kFirewallMark, true, std::nullopt});
+  }
+  return rules;
+}
+
+void NetlinkConfigurator::removeLeftovers() {
+  auto netlink = RouteNetlink::open();
+  if (!netlink) {
+    log_.format("[Tunnel] rtnetlink недоступен: {}", netlink.error().message);
+    return;
+  }
+  std::size_t removed = 0;
+  for (const int family : {AF_INET, AF_INET6}) {
+    auto rules = netlink->listRules(family);
+    if (!rules) continue;
+    for (const RoutingRule& rule : *rules) {
+      if (!ours(rule)) continue;
+      if (netlink->deleteRule(rule)) ++removed;
+    }
+    if (auto flushed = netlink->flushTable(family, kTable)) removed += *flushed;
+  }
+  if (removed > 0) log_.format("[Tunnel] убраны остатки прошлой сессии: {} правил и маршрутов", removed);
+}
+
+std::expected<void, Error> NetlinkConfigurator::apply(const std::string& interfaceName, const RoutingPlan& plan) {
+  const auto started = std::chrono::steady_clock::now();
+  auto netlink = RouteNetlink::open();
+  if (!netlink) return std::unexpected(netlink.error());
+  const int index = static_cast<int>(::if_nametoindex(interfaceName.c_str()));
+  if (index == 0) return std::unexpected(Error{"POSIX", ENODEV, "нет интерфейса " + interfaceName});
+
+  for (const IpPrefix& address : plan.addresses) {
+    if (auto added = netlink->addAddress(index, address); !added) return std::unexpected(added.error());
+  }
+  if (auto up = netlink->setLinkUp(index, plan.mtu); !up) return std::unexpected(up.error());
+
+  // The routes into the tunnel's table first; nothing reaches them before the rules exist.
+  tableUsed_ = true;
+  std::vector<PlannedRoute> v4;
+  std::vector<PlannedRoute> v6;
+  for (const PlannedRoute& route : plan.routes) (route.prefix.address.isV4() ? v4 : v6).push_back(route);
+  if (auto added = netlink->addRoutes(kTable, index, v4); !added) return std::unexpected(added.error());
+  const bool interfaceHasIPv6 =
+      std::ranges::any_of(plan.addresses, [](const IpPrefix& a) { return !a.address.isV4(); });
+  bool ipv6Usable = true;
+  if (auto added = netlink->addRoutes(kTable, index, v6); !added) {
+    // Without IPv6 on this machine there is nothing to carry or to keep from leaking.
+    if (interfaceHasIPv6) return std::unexpected(added.error());
+    log_.format("[Tunnel] IPv6 на этой машине недоступен ({}), правила IPv6 не ставятся", added.error().message);
+    ipv6Usable = false;
+  }
+
+  if (plan.ipv4 && plan.mainTableKeepsNarrowerRoutes) {
+    // The answers of the server come in on the physical interface while unmarked traffic is routed
+    // into the tunnel; a strict reverse-path filter would drop them unless it honours the mark.
+    std::ofstream sysctl("/proc/sys/net/ipv4/conf/all/src_valid_mark");
+    if (!(sysctl << "1" << std::flush)) {
+      log_.write("[Tunnel] src_valid_mark не включён: при строгой проверке обратного пути ответы сервера могут теряться");
+    }
+  }
+  for (const RoutingRule& rule : rulesFor(plan)) {
+    if (rule.family == AF_INET6 && !ipv6Usable) continue;
+    if (auto added = netlink->addRule(rule); !added) return std::unexpected(added.error());
+    added_.push_back(rule);
+  }
+  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
+  log_.format("[Tunnel] маршруты: {} в таблице {}, правил {}, MTU {}, за {} мс", plan.routes.size(), kTable,
+              added_.size(), plan.mtu, took.count());
+  return {};
+}
+
+void NetlinkConfigurator::restore() {
+  if (added_.empty() && !tableUsed_) return;
+  auto netlink = RouteNetlink::open();
+  if (!netlink) {
+    log_.format("[Tunnel] rtnetlink недоступен при восстановлении: {}", netlink.error().message);
+    return;
+  }
+  for (auto rule = added_.rbegin(); rule != added_.rend(); ++rule) {
+    if (auto removed = netlink->deleteRule(*rule); !removed) {
+      log_.format("[Tunnel] правило не убрано: {}", removed.error().message);
+    }
+  }
+  added_.clear();
+  if (tableUsed_) {
+    for (const int family : {AF_INET, AF_INET6}) {
+      if (auto flushed = netlink->flushTable(family, kTable); !flushed) {
+        log_.format("[Tunnel] таблица {} не очищена: {}", kTable, flushed.error().message);
+      }
+    }
+    tableUsed_ = false;
+  }
+  log_.write("[Tunnel] правила и маршруты туннеля убраны");
+}
+
+}  // namespace norvik::tunnel_helper

@@ -1,0 +1,76 @@
+#include "tunnel_helper/routing_plan.h"
+
+#include <algorithm>
+#include <set>
+
+#include <fmt/format.h>
+
+namespace norvik::tunnel_helper {
+namespace {
+
+IpPrefix defaultRoute(int family) {
+  IpAddress any;
+  any.family = family;
+  return IpPrefix{any, 0};
+}
+
+}  // namespace
+
+RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPrefix>& geoip,
+                        const std::vector<IpAddress>& watchAddresses) {
+  RoutingPlan plan;
+  const TunnelKey& key = settings.key;
+  plan.mtu = key.interface.mtu.value_or(settings.tunMTU.value_or(routing_constants::kDefaultMtu));
+
+  bool carriesIPv6 = !settings.disableIPv6 && plan.mtu >= kMinMtuIPv6;
+  for (const IpPrefix& address : key.interface.addresses) {
+    if (!address.address.isV4() && !carriesIPv6) continue;
+    plan.addresses.push_back(address);
+  }
+  carriesIPv6 = carriesIPv6 && std::ranges::any_of(plan.addresses, [](const IpPrefix& a) { return !a.address.isV4(); });
+  if (!carriesIPv6 && std::ranges::any_of(key.interface.addresses, [](const IpPrefix& a) { return !a.address.isV4(); })) {
+    plan.notes.push_back(settings.disableIPv6 ? "IPv6 выключен бэкендом (iosFixes.disableIPv6)"
+                                              : fmt::format("IPv6 не поднимается: MTU {} меньше {}", plan.mtu, kMinMtuIPv6));
+  }
+
+  std::set<IpPrefix> added;
+  auto route = [&](const IpPrefix& prefix, bool bypass) {
+    if (!prefix.address.isV4() && !carriesIPv6 && !bypass) return;
+    if (added.insert(prefix.masked()).second) plan.routes.push_back({prefix.masked(), bypass});
+  };
+
+  if (settings.mode == TunnelRoutingMode::services) {
+    for (const IpPrefix& cidr : settings.serviceCIDRs) route(cidr, false);
+    for (const IpAddress& address : watchAddresses) route(IpPrefix::host(address), false);
+  } else {
+    plan.mainTableKeepsNarrowerRoutes = true;
+    for (const TunnelPeer& peer : key.peers) {
+      for (const IpPrefix& allowed : peer.allowedIPs) route(allowed, false);
+    }
+    const bool fullIPv4 = added.contains(defaultRoute(AF_INET));
+    if (fullIPv4 && !carriesIPv6 && !added.contains(defaultRoute(AF_INET6))) {
+      // The interface has no IPv6 address, so this only takes IPv6 away from the physical network.
+      added.insert(defaultRoute(AF_INET6));
+      plan.routes.push_back({defaultRoute(AF_INET6), false});
+      plan.notes.push_back("IPv6 не идёт мимо туннеля: весь IPv6 направлен в туннель, где не передаётся");
+    }
+    if (settings.mode == TunnelRoutingMode::smart) {
+      if (!settings.geoBypassAllowed) {
+        plan.notes.push_back("обход по GeoIP запрещён бэкендом — умный режим ведёт всё через туннель");
+      } else {
+        const bool anyIPv6 = added.contains(defaultRoute(AF_INET6)) ||
+                             std::ranges::any_of(plan.routes, [](const PlannedRoute& r) { return !r.prefix.address.isV4(); });
+        for (const IpPrefix& range : geoip) {
+          if (!range.address.isV4() && !anyIPv6) continue;
+          if (added.insert(range.masked()).second) plan.routes.push_back({range.masked(), true});
+        }
+      }
+    }
+  }
+  for (const PlannedRoute& r : plan.routes) {
+    (r.prefix.address.isV4() ? plan.ipv4 : plan.ipv6) = true;
+  }
+  return plan;
+}
+
+}  // namespace norvik::tunnel_helper

@@ -1,0 +1,169 @@
+#include "tunnel_helper/tunnel_settings.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <fstream>
+#include <set>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace norvik::tunnel_helper {
+namespace {
+
+using Json = nlohmann::json;
+
+const Json* field(const Json& object, std::string_view key) {
+  auto it = object.find(key);
+  return it == object.end() ? nullptr : &*it;
+}
+
+// A text value, or nothing when the key is absent or holds something else.
+std::optional<std::string> text(const Json& object, std::string_view key) {
+  const Json* value = field(object, key);
+  if (!value || !value->is_string()) return std::nullopt;
+  return value->get<std::string>();
+}
+
+// An integer sent either as a number or as decimal text.
+std::optional<long long> integer(const Json& object, std::string_view key) {
+  const Json* value = field(object, key);
+  if (!value) return std::nullopt;
+  if (value->is_number_integer()) return value->get<long long>();
+  if (value->is_boolean()) return value->get<bool>() ? 1 : 0;
+  if (value->is_string()) {
+    const auto& s = value->get_ref<const std::string&>();
+    long long parsed = 0;
+    const auto [end, error] = std::from_chars(s.data(), s.data() + s.size(), parsed);
+    if (error == std::errc() && end == s.data() + s.size()) return parsed;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string_view> lines(std::string_view text) {
+  std::vector<std::string_view> out;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    auto end = text.find('\n', start);
+    if (end == std::string_view::npos) end = text.size();
+    std::string_view line = text.substr(start, end - start);
+    while (!line.empty() && std::isspace(static_cast<unsigned char>(line.back()))) line.remove_suffix(1);
+    while (!line.empty() && std::isspace(static_cast<unsigned char>(line.front()))) line.remove_prefix(1);
+    if (!line.empty()) out.push_back(line);
+    start = end + 1;
+  }
+  return out;
+}
+
+bool isDomain(std::string_view name) {
+  if (name.empty() || name.size() > 253 || name.find('.') == std::string_view::npos) return false;
+  return std::ranges::all_of(name, [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == '_';
+  });
+}
+
+}  // namespace
+
+std::string_view toString(TunnelRoutingMode mode) {
+  switch (mode) {
+    case TunnelRoutingMode::smart: return "smart";
+    case TunnelRoutingMode::services: return "services";
+    case TunnelRoutingMode::full: return "full";
+    default: return "smart";
+  }
+}
+
+std::expected<TunnelSettings, KeyTextError> readTunnelSettings(const nlohmann::json& configuration) {
+  if (!configuration.is_object()) return std::unexpected(KeyTextError{0, "конфигурация туннеля — не словарь"});
+  auto keyText = text(configuration, provider_keys::kKeyText);
+  if (!keyText) return std::unexpected(KeyTextError{0, "в конфигурации туннеля нет текста ключа (wgQuickConfig)"});
+  auto key = parseTunnelKey(*keyText);
+  if (!key) return std::unexpected(key.error());
+
+  TunnelSettings settings;
+  settings.key = std::move(*key);
+
+  // The snapshot sends the stored code as text; anything outside 0..2 means smart.
+  if (auto code = integer(configuration, provider_keys::kGoMode); code && *code >= 0 && *code <= 2) {
+    settings.mode = static_cast<TunnelRoutingMode>(*code);
+  }
+
+  if (auto cidrs = text(configuration, provider_keys::kServiceCIDRs)) {
+    std::set<IpPrefix> seen;
+    std::size_t bad = 0;
+    for (std::string_view line : lines(*cidrs)) {
+      auto prefix = IpPrefix::parse(line);
+      if (!prefix) {
+        if (bad++ == 0) settings.notes.push_back(fmt::format("routing.serviceCIDRs: пропущена строка «{}»", line.substr(0, 64)));
+        continue;
+      }
+      if (settings.serviceCIDRs.size() >= kMaxServiceCIDRs) {
+        settings.notes.push_back(fmt::format("routing.serviceCIDRs: взяты первые {} сетей", kMaxServiceCIDRs));
+        break;
+      }
+      if (seen.insert(prefix->masked()).second) settings.serviceCIDRs.push_back(prefix->masked());
+    }
+    if (bad > 1) settings.notes.push_back(fmt::format("routing.serviceCIDRs: всего пропущено строк: {}", bad));
+  }
+
+  if (auto domains = text(configuration, provider_keys::kWatchDomains)) {
+    for (std::string_view line : lines(*domains)) {
+      std::string name(line);
+      std::ranges::transform(name, name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+      if (!isDomain(name)) {
+        settings.notes.push_back(fmt::format("routing.watchDomains: пропущен «{}»", line.substr(0, 64)));
+        continue;
+      }
+      if (settings.watchDomains.size() >= kMaxWatchDomains) {
+        settings.notes.push_back(fmt::format("routing.watchDomains: взяты первые {} доменов", kMaxWatchDomains));
+        break;
+      }
+      if (std::ranges::find(settings.watchDomains, name) == settings.watchDomains.end()) {
+        settings.watchDomains.push_back(std::move(name));
+      }
+    }
+  }
+
+  if (auto allowed = text(configuration, provider_keys::kGeoBypassAllowed)) settings.geoBypassAllowed = *allowed != "0";
+  if (auto path = text(configuration, provider_keys::kGeoIPPath); path && !path->empty()) settings.geoipPath = *path;
+
+  if (auto mtu = integer(configuration, provider_keys::kTunMTU); mtu && *mtu > 0) {
+    if (*mtu >= kMinMtu && *mtu <= kMaxMtu) {
+      settings.tunMTU = static_cast<int>(*mtu);
+    } else {
+      settings.notes.push_back(fmt::format("iosFixes.tunMTU={} вне {}…{} — не используется", *mtu, kMinMtu, kMaxMtu));
+    }
+  }
+  if (auto disable = integer(configuration, provider_keys::kDisableIPv6)) settings.disableIPv6 = *disable > 0;
+  return settings;
+}
+
+std::expected<GeoIPRanges, std::string> readGeoIPRanges(const std::filesystem::path& file) {
+  std::ifstream in(file);
+  if (!in) return std::unexpected(fmt::format("не открывается {}", file.string()));
+  GeoIPRanges out;
+  std::set<IpPrefix> seen;
+  std::string line;
+  while (std::getline(in, line)) {
+    std::string_view view = line;
+    while (!view.empty() && std::isspace(static_cast<unsigned char>(view.back()))) view.remove_suffix(1);
+    while (!view.empty() && std::isspace(static_cast<unsigned char>(view.front()))) view.remove_prefix(1);
+    if (view.empty() || view.front() == '#') continue;
+    auto prefix = IpPrefix::parse(view);
+    // A range that covers a whole family would route everything around the tunnel.
+    if (!prefix || prefix->isDefault()) {
+      if (!out.firstSkipped) out.firstSkipped = std::string(view.substr(0, 64));
+      ++out.skippedLines;
+      continue;
+    }
+    if (out.ranges.size() >= kMaxGeoIPRanges) {
+      ++out.skippedLines;
+      continue;
+    }
+    if (seen.insert(prefix->masked()).second) out.ranges.push_back(prefix->masked());
+  }
+  return out;
+}
+
+}  // namespace norvik::tunnel_helper
