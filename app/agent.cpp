@@ -52,6 +52,12 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
   AsioEventLoop loop;
   ApplicationOptions options{paths, global.backend, global.caFile, global.provisioning, /*logToStderr=*/true,
                              agentOptions.simulatedConnectDelay};
+  // A simulated connect time asks for the simulated tunnel, unless a tunnel is named.
+  if (global.tunnel) {
+    options.tunnel = tunnelServiceKindNamed(*global.tunnel).value_or(TunnelServiceKind::automatic);
+  } else if (agentOptions.simulatedConnectGiven) {
+    options.tunnel = TunnelServiceKind::simulated;
+  }
   auto app = Application::create(loop, options);
   if (!app) return std::unexpected(app.error());
   Log& log = *(*app)->platform().log;

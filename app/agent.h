@@ -9,6 +9,7 @@ namespace norvik::cli {
 struct AgentOptions {
   // How long the simulated tunnel takes to connect (development and tests).
   std::chrono::milliseconds simulatedConnectDelay{300};
+  bool simulatedConnectGiven = false;  // --simulated-connect-ms was given: the simulated tunnel is meant
 };
 
 // `norvik agent`: the application in the foreground. It logs to stderr and to the log file,

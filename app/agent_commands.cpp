@@ -230,6 +230,7 @@ void addAgentCommands(CLI::App& app, const GlobalOptions& global, CommandResult&
   auto* agent = app.add_subcommand("agent", "Запустить агент Norvik (приложение) в этом терминале");
   agent->add_option("--simulated-connect-ms", [agentOptions](const CLI::results_t& values) {
     agentOptions->simulatedConnectDelay = std::chrono::milliseconds(std::stoll(values.at(0)));
+    agentOptions->simulatedConnectGiven = true;
     return true;
   }, "How long the simulated tunnel takes to connect")->check(CLI::NonNegativeNumber);
   agent->callback([&global, &result, agentOptions] { result = runAgent(global, *agentOptions); });

@@ -5,7 +5,6 @@
 #include "app/wake_detector.h"
 #include "platform/linux/inotify_notification_center.h"
 #include "platform/linux/linux_platform.h"
-#include "platform/simulated_tunnel_service.h"
 #include "routing/routing_texts.h"
 
 namespace norvik {
@@ -57,11 +56,13 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::crea
   app->network_ = std::make_unique<NetworkService>(loop, *p.http, *app->security_, *p.standardDefaults, *p.clock,
                                                    *p.log, std::move(networkConfig));
 
-  SimulatedTunnelService::Options tunnelOptions;
-  tunnelOptions.storeFile = options.paths.home / "tunnel" / "preferences.json";
-  tunnelOptions.connectDelay = options.simulatedConnectDelay;
-  app->tunnels_ = std::make_unique<SimulatedTunnelService>(loop, *p.clock, *p.log, app->notifications_.get(),
-                                                           std::move(tunnelOptions));
+  // The real tunnel when this machine lets norvik-tunnel create interfaces, unless forced otherwise.
+  auto tunnels = makeLinuxTunnelService({loop, *p.clock, *p.log, app->notifications_.get(), options.tunnel,
+                                         options.paths.home / "tunnel" / "preferences.json",
+                                         options.simulatedConnectDelay});
+  if (!tunnels) return failure(ExitCode::usage, tunnels.error());
+  app->tunnels_ = std::move(tunnels->service);
+  app->tunnelServiceName_ = std::move(tunnels->name);
 
   // Everything that follows the main configuration exists before the first one is published.
   const auto geodata = options.paths.groupContainer() / "geodata";

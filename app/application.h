@@ -17,6 +17,7 @@
 #include "health/smart_status_policy_store.h"
 #include "platform/app_paths.h"
 #include "platform/linux/asio_event_loop.h"
+#include "platform/linux/linux_tunnel_service.h"
 #include "platform/named_notifications.h"
 #include "platform/platform.h"
 #include "platform/tunnel_service.h"
@@ -40,6 +41,8 @@ struct ApplicationOptions {
   bool logToStderr = true;
   // How long the simulated tunnel takes to connect.
   std::chrono::milliseconds simulatedConnectDelay{300};
+  // Which tunnel service runs the sessions (platform/linux/linux_tunnel_service.h).
+  TunnelServiceKind tunnel = TunnelServiceKind::automatic;
 };
 
 // The application: every part of the client, wired in the order the product starts. It owns
@@ -76,7 +79,7 @@ class Application {
   [[nodiscard]] DeviceClockCheck& clockCheck() { return *clockCheck_; }
   [[nodiscard]] NamedNotificationCenter& notifications() { return *notifications_; }
   [[nodiscard]] TunnelService& tunnelService() { return *tunnels_; }
-  [[nodiscard]] std::string_view tunnelServiceName() const { return "simulated"; }
+  [[nodiscard]] std::string_view tunnelServiceName() const { return tunnelServiceName_; }
   [[nodiscard]] SecurityManager& security() { return *security_; }
 
  private:
@@ -91,6 +94,7 @@ class Application {
   std::unique_ptr<WakeDetector> wake_;
   std::unique_ptr<NetworkService> network_;
   std::unique_ptr<TunnelService> tunnels_;
+  std::string tunnelServiceName_;
   std::unique_ptr<ModesStore> modes_;
   std::unique_ptr<ServiceCatalogStore> sites_;
   std::unique_ptr<GeoIPCache> geoip_;

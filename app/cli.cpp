@@ -23,6 +23,11 @@ int run(int argc, char** argv) {
   app.add_option("--provisioning", global.provisioning, "Provisioning file with the deployment's keys")
       ->envname("NORVIK_PROVISIONING");
   app.add_flag("-v,--verbose", global.verbose, "Print log lines on stderr");
+  app.add_option("--tunnel", global.tunnel,
+                 "Tunnel service of the agent: wireguard (norvik-tunnel) or simulated; by default wireguard when "
+                 "this machine lets norvik-tunnel create interfaces")
+      ->envname("NORVIK_TUNNEL")
+      ->check(CLI::IsMember({"simulated", "wireguard"}));
 
   CommandResult result;
   addAgentCommands(app, global, result);

@@ -33,6 +33,7 @@ struct GlobalOptions {
   std::optional<std::filesystem::path> caFile;        // --ca-file PEM
   std::optional<std::filesystem::path> provisioning;  // --provisioning FILE (or $NORVIK_PROVISIONING)
   bool verbose = false;                               // -v: log lines on stderr too
+  std::optional<std::string> tunnel;                  // --tunnel simulated|wireguard (or $NORVIK_TUNNEL)
 };
 
 }  // namespace norvik::cli

@@ -3,72 +3,8 @@
 #include <algorithm>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
-
-#include "platform/files.h"
 
 namespace norvik {
-namespace {
-
-nlohmann::json toJson(const TunnelConfiguration& c) {
-  nlohmann::json rules = nlohmann::json::array();
-  for (const auto& rule : c.onDemandRules) {
-    rules.push_back({{"action", rule.action == OnDemandRule::Action::connect ? "connect" : "disconnect"},
-                     {"interface", static_cast<int>(rule.interfaceTypeMatch)}});
-  }
-  nlohmann::json out = {{"identifier", c.identifier}, {"revision", c.revision},       {"enabled", c.isEnabled},
-                        {"onDemand", c.isOnDemandEnabled}, {"onDemandRules", rules}};
-  if (c.localizedDescription) out["name"] = *c.localizedDescription;
-  if (c.protocolConfiguration) {
-    const auto& p = *c.protocolConfiguration;
-    out["protocol"] = {{"providerBundleIdentifier", p.providerBundleIdentifier},
-                       {"providerConfiguration", norvik::toJson(p.providerConfiguration)}};
-    if (p.serverAddress) out["protocol"]["serverAddress"] = *p.serverAddress;
-  }
-  return out;
-}
-
-std::optional<TunnelConfiguration> configurationFromJson(const nlohmann::json& j) {
-  if (!j.is_object() || !j.contains("identifier") || !j["identifier"].is_string()) return std::nullopt;
-  TunnelConfiguration c;
-  c.identifier = j["identifier"].get<std::string>();
-  c.revision = j.value("revision", std::uint64_t{1});
-  c.isEnabled = j.value("enabled", false);
-  c.isOnDemandEnabled = j.value("onDemand", false);
-  if (j.contains("name") && j["name"].is_string()) c.localizedDescription = j["name"].get<std::string>();
-  if (j.contains("onDemandRules") && j["onDemandRules"].is_array()) {
-    for (const auto& rule : j["onDemandRules"]) {
-      OnDemandRule r;
-      r.action = rule.value("action", std::string("connect")) == "connect" ? OnDemandRule::Action::connect
-                                                                         : OnDemandRule::Action::disconnect;
-      r.interfaceTypeMatch = static_cast<OnDemandRule::InterfaceType>(std::clamp(rule.value("interface", 0), 0, 3));
-      c.onDemandRules.push_back(r);
-    }
-  }
-  if (j.contains("protocol") && j["protocol"].is_object()) {
-    const auto& p = j["protocol"];
-    TunnelProviderProtocol protocol;
-    protocol.providerBundleIdentifier = p.value("providerBundleIdentifier", std::string());
-    if (p.contains("serverAddress") && p["serverAddress"].is_string()) {
-      protocol.serverAddress = p["serverAddress"].get<std::string>();
-    }
-    if (p.contains("providerConfiguration")) {
-      auto dictionary = propertyFromJson(p["providerConfiguration"]);
-      if (!dictionary || !dictionary->dictionary()) return std::nullopt;
-      protocol.providerConfiguration = *dictionary->dictionary();
-    }
-    c.protocolConfiguration = std::move(protocol);
-  }
-  return c;
-}
-
-bool connectsOnDemand(const TunnelConfiguration& c) {
-  return c.isEnabled && c.isOnDemandEnabled &&
-         std::ranges::any_of(c.onDemandRules, [](const auto& r) { return r.action == OnDemandRule::Action::connect; });
-}
-
-}  // namespace
-
 SimulatedTunnelService::SimulatedTunnelService(EventLoop& loop, Clock& clock, Log& log,
                                                NamedNotificationCenter* notifications, Options options)
     : loop_(loop),
@@ -76,9 +12,8 @@ SimulatedTunnelService::SimulatedTunnelService(EventLoop& loop, Clock& clock, Lo
       log_(log),
       notifications_(notifications),
       options_(std::move(options)),
-      observers_(std::make_shared<std::vector<std::pair<std::uint64_t, StatusObserver>>>()) {
-  restore();
-}
+      store_(log, options_.storeFile),
+      observers_(std::make_shared<std::vector<std::pair<std::uint64_t, StatusObserver>>>()) {}
 
 SimulatedTunnelService::~SimulatedTunnelService() = default;
 
@@ -88,14 +23,7 @@ void SimulatedTunnelService::answer(Completion completion, Value value) {
   loop_.post([completion = std::move(completion), value = std::move(value)]() mutable { completion(std::move(value)); });
 }
 
-TunnelConfiguration* SimulatedTunnelService::find(const std::string& identifier) {
-  auto it = std::ranges::find(configurations_, identifier, &TunnelConfiguration::identifier);
-  return it == configurations_.end() ? nullptr : &*it;
-}
-
-std::string SimulatedTunnelService::newIdentifier() {
-  return fmt::format("5E1F0000-0000-4000-8000-{:012X}", nextIdentifier_++);
-}
+TunnelConfiguration* SimulatedTunnelService::find(const std::string& identifier) { return store_.find(identifier); }
 
 void SimulatedTunnelService::loadAllFromPreferences(ConfigurationsCompletion completion) {
   if (!failLoadAll_.empty()) {
@@ -103,7 +31,7 @@ void SimulatedTunnelService::loadAllFromPreferences(ConfigurationsCompletion com
     failLoadAll_.erase(failLoadAll_.begin());
     return answer(std::move(completion), std::expected<std::vector<TunnelConfiguration>, Error>(std::unexpected(error)));
   }
-  answer(std::move(completion), std::expected<std::vector<TunnelConfiguration>, Error>(configurations_));
+  answer(std::move(completion), std::expected<std::vector<TunnelConfiguration>, Error>(store_.configurations()));
 }
 
 void SimulatedTunnelService::saveToPreferences(TunnelConfiguration configuration, ConfigurationCompletion completion) {
@@ -114,29 +42,13 @@ void SimulatedTunnelService::saveToPreferences(TunnelConfiguration configuration
     return answer(std::move(completion), Result(std::unexpected(error)));
   }
   ++saves_;
-  if (configuration.identifier.empty()) {
-    configuration.identifier = newIdentifier();
-    configuration.revision = 1;
-    configurations_.push_back(configuration);
-  } else {
-    TunnelConfiguration* stored = find(configuration.identifier);
-    if (!stored) {
-      return answer(std::move(completion),
-                    Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid,
-                                                          "The VPN configuration was removed"))));
-    }
-    if (configuration.revision < stored->revision) {
-      return answer(std::move(completion), Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationStale))));
-    }
-    configuration.revision = stored->revision + 1;
-    *stored = configuration;
-    // A configuration switched off takes its session down, as the system does.
-    if (!configuration.isEnabled && status(configuration.identifier) != TunnelStatus::disconnected) {
-      beginStop(configuration.identifier, /*postUserStop=*/true);
-    }
+  auto saved = store_.save(std::move(configuration));
+  if (!saved) return answer(std::move(completion), Result(std::unexpected(saved.error())));
+  // A configuration switched off takes its session down, as the system does.
+  if (!saved->isEnabled && status(saved->identifier) != TunnelStatus::disconnected) {
+    beginStop(saved->identifier, /*postUserStop=*/true);
   }
-  persist();
-  answer(std::move(completion), Result(configuration));
+  answer(std::move(completion), Result(*saved));
 }
 
 void SimulatedTunnelService::loadFromPreferences(std::string identifier, ConfigurationCompletion completion) {
@@ -156,9 +68,7 @@ void SimulatedTunnelService::removeFromPreferences(std::string identifier, DoneC
     return answer(std::move(completion), Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid))));
   }
   if (status(identifier) != TunnelStatus::disconnected) finishStop(identifier, /*postUserStop=*/true, std::nullopt);
-  std::erase_if(configurations_, [&](const auto& c) { return c.identifier == identifier; });
-  persist();
-  answer(std::move(completion), Result());
+  answer(std::move(completion), Result(store_.remove(identifier)));
 }
 
 std::expected<void, Error> SimulatedTunnelService::startVPNTunnel(const std::string& identifier,
@@ -245,11 +155,7 @@ void SimulatedTunnelService::endSessionFromTunnel(const std::string& identifier,
 void SimulatedTunnelService::stopFromSystemControls(const std::string& identifier) {
   if (status(identifier) == TunnelStatus::disconnected) return;
   // The system's own switch also ends on-demand, so the tunnel stays down.
-  if (TunnelConfiguration* configuration = find(identifier)) {
-    configuration->isOnDemandEnabled = false;
-    ++configuration->revision;
-    persist();
-  }
+  store_.update(identifier, [](TunnelConfiguration& configuration) { configuration.isOnDemandEnabled = false; });
   finishStop(identifier, /*postUserStop=*/true, std::nullopt);
 }
 
@@ -315,50 +221,6 @@ void SimulatedTunnelService::setStatus(const std::string& identifier, TunnelStat
       if (still) observer(identifier, status);
     }
   });
-}
-
-void SimulatedTunnelService::persist() {
-  if (!options_.storeFile) return;
-  nlohmann::json list = nlohmann::json::array();
-  for (const auto& c : configurations_) list.push_back(toJson(c));
-  const nlohmann::json document = {{"configurations", list}, {"nextIdentifier", nextIdentifier_}};
-  if (auto made = makeDirectories(options_.storeFile->parent_path(), 0700); !made) {
-    log_.format("[Tunnel] настройки туннеля не сохранены: {}", made.error().message);
-    return;
-  }
-  auto written = writeFileAtomically(*options_.storeFile,
-                                     document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace), 0600);
-  if (!written) log_.format("[Tunnel] настройки туннеля не сохранены: {}", written.error().message);
-}
-
-void SimulatedTunnelService::restore() {
-  if (!options_.storeFile) return;
-  auto text = readFile(*options_.storeFile);
-  if (!text) return;  // nothing saved yet
-  auto document = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
-  std::vector<TunnelConfiguration> restored;
-  bool damaged = !document.is_object() || !document.contains("configurations") || !document["configurations"].is_array();
-  if (!damaged) {
-    for (const auto& entry : document["configurations"]) {
-      auto configuration = configurationFromJson(entry);
-      if (!configuration) {
-        damaged = true;
-        break;
-      }
-      restored.push_back(std::move(*configuration));
-    }
-  }
-  if (damaged) {
-    // Kept aside for a person to look at; the service starts empty rather than half-read.
-    auto aside = *options_.storeFile;
-    aside += ".damaged";
-    std::error_code ec;
-    std::filesystem::rename(*options_.storeFile, aside, ec);
-    log_.format("[Tunnel] настройки туннеля повреждены, сохранены как {}", aside.string());
-    return;
-  }
-  configurations_ = std::move(restored);
-  nextIdentifier_ = std::max<std::uint64_t>(document.value("nextIdentifier", std::uint64_t{1}), configurations_.size() + 1);
 }
 
 }  // namespace norvik

@@ -8,6 +8,7 @@
 #include "platform/event_loop.h"
 #include "platform/log.h"
 #include "platform/named_notifications.h"
+#include "platform/tunnel_preferences_store.h"
 #include "platform/tunnel_service.h"
 #include "platform/weak_ptr_factory.h"
 
@@ -71,7 +72,7 @@ class SimulatedTunnelService final : public TunnelService {
   void setBytesPerSecond(std::uint64_t rate) { bytesPerSecond_ = rate; }
 
   // --- What tests look at ---
-  [[nodiscard]] const std::vector<TunnelConfiguration>& configurations() const { return configurations_; }
+  [[nodiscard]] const std::vector<TunnelConfiguration>& configurations() const { return store_.configurations(); }
   [[nodiscard]] std::size_t saveCount() const { return saves_; }
   [[nodiscard]] const std::vector<PropertyDictionary>& startOptions() const { return startOptions_; }
 
@@ -88,9 +89,6 @@ class SimulatedTunnelService final : public TunnelService {
   void setStatus(const std::string& identifier, TunnelStatus status);
   void finishStop(const std::string& identifier, bool postUserStop, std::optional<Error> error);
   void beginStop(const std::string& identifier, bool postUserStop);
-  void persist();
-  void restore();
-  std::string newIdentifier();
   template <class Completion, class Value>
   void answer(Completion completion, Value value);
 
@@ -99,11 +97,10 @@ class SimulatedTunnelService final : public TunnelService {
   Log& log_;
   NamedNotificationCenter* notifications_;
   Options options_;
-  std::vector<TunnelConfiguration> configurations_;
+  TunnelPreferencesStore store_;
   std::map<std::string, Session, std::less<>> sessions_;
   std::shared_ptr<std::vector<std::pair<std::uint64_t, StatusObserver>>> observers_;
   std::uint64_t nextObserverId_ = 1;
-  std::uint64_t nextIdentifier_ = 1;
   std::vector<Error> failLoadAll_, failSave_, failRemove_, failConnect_;
   bool connectHangs_ = false;
   bool trafficFlows_ = true;

@@ -1,0 +1,167 @@
+#include "platform/tunnel_preferences_store.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "platform/files.h"
+
+namespace norvik {
+namespace {
+
+nlohmann::json toJson(const TunnelConfiguration& c) {
+  nlohmann::json rules = nlohmann::json::array();
+  for (const auto& rule : c.onDemandRules) {
+    rules.push_back({{"action", rule.action == OnDemandRule::Action::connect ? "connect" : "disconnect"},
+                     {"interface", static_cast<int>(rule.interfaceTypeMatch)}});
+  }
+  nlohmann::json out = {{"identifier", c.identifier}, {"revision", c.revision},       {"enabled", c.isEnabled},
+                        {"onDemand", c.isOnDemandEnabled}, {"onDemandRules", rules}};
+  if (c.localizedDescription) out["name"] = *c.localizedDescription;
+  if (c.protocolConfiguration) {
+    const auto& p = *c.protocolConfiguration;
+    out["protocol"] = {{"providerBundleIdentifier", p.providerBundleIdentifier},
+                       {"providerConfiguration", norvik::toJson(p.providerConfiguration)}};
+    if (p.serverAddress) out["protocol"]["serverAddress"] = *p.serverAddress;
+  }
+  return out;
+}
+
+std::optional<TunnelConfiguration> configurationFromJson(const nlohmann::json& j) {
+  if (!j.is_object() || !j.contains("identifier") || !j["identifier"].is_string()) return std::nullopt;
+  TunnelConfiguration c;
+  c.identifier = j["identifier"].get<std::string>();
+  c.revision = j.value("revision", std::uint64_t{1});
+  c.isEnabled = j.value("enabled", false);
+  c.isOnDemandEnabled = j.value("onDemand", false);
+  if (j.contains("name") && j["name"].is_string()) c.localizedDescription = j["name"].get<std::string>();
+  if (j.contains("onDemandRules") && j["onDemandRules"].is_array()) {
+    for (const auto& rule : j["onDemandRules"]) {
+      OnDemandRule r;
+      r.action = rule.value("action", std::string("connect")) == "connect" ? OnDemandRule::Action::connect
+                                                                         : OnDemandRule::Action::disconnect;
+      r.interfaceTypeMatch = static_cast<OnDemandRule::InterfaceType>(std::clamp(rule.value("interface", 0), 0, 3));
+      c.onDemandRules.push_back(r);
+    }
+  }
+  if (j.contains("protocol") && j["protocol"].is_object()) {
+    const auto& p = j["protocol"];
+    TunnelProviderProtocol protocol;
+    protocol.providerBundleIdentifier = p.value("providerBundleIdentifier", std::string());
+    if (p.contains("serverAddress") && p["serverAddress"].is_string()) {
+      protocol.serverAddress = p["serverAddress"].get<std::string>();
+    }
+    if (p.contains("providerConfiguration")) {
+      auto dictionary = propertyFromJson(p["providerConfiguration"]);
+      if (!dictionary || !dictionary->dictionary()) return std::nullopt;
+      protocol.providerConfiguration = *dictionary->dictionary();
+    }
+    c.protocolConfiguration = std::move(protocol);
+  }
+  return c;
+}
+
+}  // namespace
+
+bool connectsOnDemand(const TunnelConfiguration& c) {
+  return c.isEnabled && c.isOnDemandEnabled &&
+         std::ranges::any_of(c.onDemandRules, [](const auto& r) { return r.action == OnDemandRule::Action::connect; });
+}
+
+TunnelPreferencesStore::TunnelPreferencesStore(Log& log, std::optional<std::filesystem::path> file)
+    : log_(log), file_(std::move(file)) {
+  restore();
+}
+
+TunnelConfiguration* TunnelPreferencesStore::find(const std::string& identifier) {
+  auto it = std::ranges::find(configurations_, identifier, &TunnelConfiguration::identifier);
+  return it == configurations_.end() ? nullptr : &*it;
+}
+
+const TunnelConfiguration* TunnelPreferencesStore::find(const std::string& identifier) const {
+  auto it = std::ranges::find(configurations_, identifier, &TunnelConfiguration::identifier);
+  return it == configurations_.end() ? nullptr : &*it;
+}
+
+std::expected<TunnelConfiguration, Error> TunnelPreferencesStore::save(TunnelConfiguration configuration) {
+  if (configuration.identifier.empty()) {
+    configuration.identifier = fmt::format("5E1F0000-0000-4000-8000-{:012X}", nextIdentifier_++);
+    configuration.revision = 1;
+    configurations_.push_back(configuration);
+  } else {
+    TunnelConfiguration* stored = find(configuration.identifier);
+    if (!stored) {
+      return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid, "The VPN configuration was removed"));
+    }
+    if (configuration.revision < stored->revision) {
+      return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationStale));
+    }
+    configuration.revision = stored->revision + 1;
+    *stored = configuration;
+  }
+  persist();
+  return configuration;
+}
+
+std::expected<void, Error> TunnelPreferencesStore::remove(const std::string& identifier) {
+  if (!find(identifier)) return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid));
+  std::erase_if(configurations_, [&](const auto& c) { return c.identifier == identifier; });
+  persist();
+  return {};
+}
+
+void TunnelPreferencesStore::update(const std::string& identifier,
+                                    const std::function<void(TunnelConfiguration&)>& change) {
+  TunnelConfiguration* configuration = find(identifier);
+  if (!configuration) return;
+  change(*configuration);
+  ++configuration->revision;
+  persist();
+}
+
+void TunnelPreferencesStore::persist() {
+  if (!file_) return;
+  nlohmann::json list = nlohmann::json::array();
+  for (const auto& c : configurations_) list.push_back(toJson(c));
+  const nlohmann::json document = {{"configurations", list}, {"nextIdentifier", nextIdentifier_}};
+  if (auto made = makeDirectories(file_->parent_path(), 0700); !made) {
+    log_.format("[Tunnel] настройки туннеля не сохранены: {}", made.error().message);
+    return;
+  }
+  auto written =
+      writeFileAtomically(*file_, document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace), 0600);
+  if (!written) log_.format("[Tunnel] настройки туннеля не сохранены: {}", written.error().message);
+}
+
+void TunnelPreferencesStore::restore() {
+  if (!file_) return;
+  auto text = readFile(*file_);
+  if (!text) return;  // nothing saved yet
+  auto document = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
+  std::vector<TunnelConfiguration> restored;
+  bool damaged = !document.is_object() || !document.contains("configurations") || !document["configurations"].is_array();
+  if (!damaged) {
+    for (const auto& entry : document["configurations"]) {
+      auto configuration = configurationFromJson(entry);
+      if (!configuration) {
+        damaged = true;
+        break;
+      }
+      restored.push_back(std::move(*configuration));
+    }
+  }
+  if (damaged) {
+    // Kept aside for a person to look at; the store starts empty rather than half-read.
+    auto aside = *file_;
+    aside += ".damaged";
+    std::error_code ec;
+    std::filesystem::rename(*file_, aside, ec);
+    log_.format("[Tunnel] настройки туннеля повреждены, сохранены как {}", aside.string());
+    return;
+  }
+  configurations_ = std::move(restored);
+  nextIdentifier_ = std::max<std::uint64_t>(document.value("nextIdentifier", std::uint64_t{1}), configurations_.size() + 1);
+}
+
+}  // namespace norvik
