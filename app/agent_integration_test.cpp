@@ -1,5 +1,8 @@
 // The product as a user runs it: the agent and the command line as separate processes, against the
 // local backend over real HTTPS on loopback, with the simulated tunnel.
+#include <ctime>
+
+#include <fmt/chrono.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -51,7 +54,10 @@ class AgentIntegrationTest : public ::testing::Test {
     return testing::runProcess(argv);
   }
 
-  Json status() { return Json::parse(norvik({"status", "--json"}).out, nullptr, false); }
+  Json status() {
+    Json answer = Json::parse(norvik({"status", "--json"}).out, nullptr, false);
+    return answer.is_object() ? answer : Json::object();
+  }
 
   // The local backend's admin API.
   Json admin(std::string method, std::string path, Json body = nullptr) {
@@ -153,6 +159,33 @@ TEST_F(AgentIntegrationTest, AHomeThatCannotHoldTheStateIsAClearError) {
   auto result = testing::runProcess(argv);
   EXPECT_EQ(result.exitStatus, 2);
   EXPECT_NE(result.err.find("not-a-directory"), std::string::npos) << result.err;
+}
+
+TEST_F(AgentIntegrationTest, TheWidgetsToggleConnectsAndItsStateFollowsTheTunnel) {
+  startAgent();
+  const auto container = home_ / "group" / "QX7RT2LM9A.com.norvik.macos";
+  auto widgetState = [&] {
+    Json state = Json::parse(readFile(container / "widget-state.json").value_or(""), nullptr, false);
+    return state.is_object() ? state : Json::object();
+  };
+  ASSERT_TRUE(waitFor([&] { return widgetState().value("phase", "") == "disconnected"; })) << agent_->output();
+  EXPECT_EQ(widgetState()["appRunning"], true);
+
+  // The widget writes its command and leaves; the agent reads it on its poll.
+  const std::time_t now = std::time(nullptr);
+  const Json command = {{"kind", "toggle"}, {"issuedAt", fmt::format("{:%FT%TZ}", fmt::gmtime(now))}, {"id", "widget-1"}};
+  ASSERT_TRUE(writeFileAtomically(container / "widget-command.json", command.dump()));
+  ASSERT_TRUE(waitFor([&] { return status().value("tunnel", "") == "connected"; }, 20s)) << agent_->output();
+  EXPECT_EQ(received("getkey"), 1);
+  ASSERT_TRUE(waitFor([&] {
+    const Json state = widgetState();
+    return state.value("phase", "") == "connected" && state.contains("trafficDown");
+  }, 15s)) << widgetState().dump();
+  EXPECT_EQ(widgetState()["tunnelAddress"], "203.0.113.10");
+
+  ASSERT_EQ(agent_->stop(), 0);
+  EXPECT_EQ(widgetState()["appRunning"], false) << "the widget learns that nobody answers its buttons";
+  EXPECT_EQ(widgetState()["phase"], "connected");
 }
 
 }  // namespace

@@ -52,6 +52,7 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::crea
                                                 raw->platform_.log->format("[Sleep] пробуждение после сна ({} с)",
                                                                            slept.count());
                                                 raw->warmUp_->start();
+                                                if (raw->health_) raw->health_->systemDidWake();
                                               });
   app->network_ = std::make_unique<NetworkService>(loop, *p.http, *app->security_, *p.standardDefaults, *p.clock,
                                                    *p.log, std::move(networkConfig));
@@ -80,8 +81,17 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::crea
       loop, *app->tunnels_, *app->notifications_, *p.groupDefaults, *p.standardDefaults, *p.clock, *p.log,
       *p.analytics, [extras = app->extras_.get()] { return extras->snapshot(); }});
   app->overlays_ = std::make_unique<OverlayQueue>(loop);
-  app->home_ = std::make_unique<VPNViewModel>(
-      VPNViewModel::Dependencies{loop, *app->network_, *app->vpn_, *app->overlays_, *p.log, *p.analytics});
+  // Before connecting, the health check's probes make sure there is an internet to connect over.
+  auto preConnectCheck = [raw = app.get()](VPNViewModel::PreConnectAnswer answer) {
+    raw->health_->preConnectCheck(
+        [answer = std::move(answer)](std::optional<SmartStatusDialogRequest> dialog) mutable {
+          if (!dialog) return answer(std::nullopt);
+          answer(OverlayItem{OverlayItem::Kind::dialog, dialog->identifier, dialog->texts.title,
+                             dialog->texts.message, {OverlayButton{dialog->texts.primary, {}}}});
+        });
+  };
+  app->home_ = std::make_unique<VPNViewModel>(VPNViewModel::Dependencies{
+      loop, *app->network_, *app->vpn_, *app->overlays_, *p.log, *p.analytics, std::move(preConnectCheck)});
 
   app->pathMonitor_ = std::make_unique<PhysicalPathMonitor>(*p.physicalPaths, *p.log);
   app->healthPolicy_ =
@@ -96,6 +106,7 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::crea
       AppVersionChecker::Hooks{nullptr, [log = p.log.get()](const std::string& url) {
                                  log->format("[Version] открываем страницу обновления: {}", url);
                                }});
+  app->createSurfaces();
   return app;
 }
 
@@ -108,6 +119,7 @@ void Application::start() {
   clockCheck_->watchSystemClock(*p.clockChanges);
 
   vpn_->start();
+  startSurfaces();
 
   // A mode change reaches the tunnel with its next configuration: the installed key is saved
   // again with fresh extras, and a running tunnel is restarted to take them.
@@ -138,6 +150,7 @@ void Application::start() {
 }
 
 void Application::shutDown() {
+  stopSurfaces();
   if (wake_) wake_->stop();
   if (clockCheck_) clockCheck_->stopWatchingSystemClock();
   if (pathMonitor_) pathMonitor_->stop();

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "app/command.h"
 #include "backend/network_service.h"
@@ -13,7 +14,9 @@
 #include "connection/overlay_queue.h"
 #include "connection/vpn_view_model.h"
 #include "health/device_clock_check.h"
+#include "health/health_probes.h"
 #include "health/physical_path_monitor.h"
+#include "health/smart_status_engine.h"
 #include "health/smart_status_policy_store.h"
 #include "platform/app_paths.h"
 #include "platform/linux/asio_event_loop.h"
@@ -21,12 +24,16 @@
 #include "platform/named_notifications.h"
 #include "platform/platform.h"
 #include "platform/tunnel_service.h"
+#include "platform/weak_ptr_factory.h"
 #include "routing/geoip_cache.h"
 #include "routing/ios_fixes.h"
 #include "routing/modes_store.h"
 #include "routing/service_catalog_store.h"
 #include "routing/tunnel_extras_snapshot.h"
+#include "tunnel/menu_bar_model.h"
+#include "tunnel/system_extension_manager.h"
 #include "tunnel/vpn_manager.h"
+#include "tunnel/widget_command_center.h"
 #include "update/app_version_checker.h"
 
 namespace norvik {
@@ -81,9 +88,23 @@ class Application {
   [[nodiscard]] TunnelService& tunnelService() { return *tunnels_; }
   [[nodiscard]] std::string_view tunnelServiceName() const { return tunnelServiceName_; }
   [[nodiscard]] SecurityManager& security() { return *security_; }
+  [[nodiscard]] SmartStatusEngine& health() { return *health_; }
+  [[nodiscard]] WidgetCommandCenter& widget() { return *widget_; }
+  [[nodiscard]] MenuBarModel& menuBar() { return *menuBar_; }
+  // Null with the simulated tunnel, which has no helper program to activate.
+  [[nodiscard]] SystemExtensionManager* extensions() { return extensions_.get(); }
+
+  // How often the widget's traffic figures follow the tunnel's counters while it is up.
+  static constexpr std::chrono::seconds kTrafficPollPeriod{5};
 
  private:
   Application(AsioEventLoop& loop, AppPaths paths);
+
+  // The health check, the widget, the menu bar and the extension (application_surfaces.cpp).
+  void createSurfaces();
+  void startSurfaces();
+  void stopSurfaces();
+  void pollTraffic();
 
   AsioEventLoop& loop_;
   AppPaths paths_;
@@ -107,8 +128,18 @@ class Application {
   std::unique_ptr<SmartStatusPolicyStore> healthPolicy_;
   std::unique_ptr<DeviceClockCheck> clockCheck_;
   std::unique_ptr<AppVersionChecker> versionChecker_;
+  std::unique_ptr<HttpHealthProbes> probes_;
+  std::unique_ptr<SmartStatusEngine> health_;
+  std::unique_ptr<SystemExtensionRequests> extensionRequests_;
+  std::unique_ptr<SystemExtensionManager> extensions_;
+  std::unique_ptr<WidgetCommandCenter> widget_;
+  std::unique_ptr<MenuBarModel> menuBar_;
+  RepeatingTimer trafficTimer_;
+  bool trafficPollRunning_ = false;
   Subscription modeNotice_;
   Subscription smartNotice_;
+  std::vector<Subscription> surfaceSubscriptions_;
+  WeakPtrFactory<Application> weakFactory_{this};
 };
 
 }  // namespace norvik

@@ -113,7 +113,11 @@ Json ControlCommands::status() {
                       : Json(nullptr);
   out["connectedSince"] = vpn.connectionStartTime() ? Json(isoTime(*vpn.connectionStartTime())) : Json(nullptr);
   out["busy"] = home.busyText().get() ? Json(home.busyText().get()->text) : Json(nullptr);
-  out["health"] = nullptr;
+  // The health check's verdict while it has one for this connection.
+  SmartStatusEngine& health = app_.health();
+  const bool verdict = health.health().get().kind() != SmartStatusHealth::Case::none && !health.statusText().get().empty();
+  out["health"] = verdict ? Json(health.statusText().get()) : Json(nullptr);
+  out["healthRaw"] = health.healthRaw().get() ? Json(*health.healthRaw().get()) : Json(nullptr);
   if (const auto& error = home.lastError().get()) {
     out["lastError"] = {{"title", error->title}, {"message", error->message}};
   } else {
@@ -320,6 +324,7 @@ void ControlCommands::watch(ControlReply reply) {
   w->watch<std::optional<BusyText>>(app_.home().busyText(), [send](const auto&) { send(); return false; });
   w->watch<std::optional<VPNViewModel::ShownError>>(app_.home().lastError(), [send](const auto&) { send(); return false; });
   w->watch<VPNRoutingMode>(app_.modes().currentMode(), [send](const VPNRoutingMode&) { send(); return false; });
+  w->watch<std::string>(app_.health().statusText(), [send](const std::string&) { send(); return false; });
   track(std::move(wait));
 }
 

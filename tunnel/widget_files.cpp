@@ -1,5 +1,6 @@
 #include "tunnel/widget_files.h"
 
+#include <array>
 #include <chrono>
 
 #include <fmt/format.h>
@@ -172,6 +173,22 @@ std::expected<WidgetCommand, std::string> decodeWidgetCommand(std::string_view t
   }
   command.id = id->get_ref<const std::string&>();
   return command;
+}
+
+std::string formatTrafficAmount(std::uint64_t bytes) {
+  static constexpr std::array<std::string_view, 5> kUnits{"Б", "КБ", "МБ", "ГБ", "ТБ"};
+  if (bytes < 1024) return fmt::format("{} {}", bytes, kUnits[0]);
+  double value = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  while (value >= 1024.0 && unit + 1 < kUnits.size()) {
+    value /= 1024.0;
+    ++unit;
+  }
+  // One decimal while it says something; "10,0" would round up to a whole number anyway.
+  std::string text = value < 9.95 ? fmt::format("{:.1f}", value) : fmt::format("{:.0f}", value);
+  if (auto dot = text.find('.'); dot != std::string::npos) text[dot] = ',';
+  if (text.ends_with(",0")) text.resize(text.size() - 2);
+  return fmt::format("{} {}", text, kUnits[unit]);
 }
 
 }  // namespace norvik

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <cstddef>
 #include <expected>
 #include <optional>
@@ -61,5 +62,9 @@ struct WidgetCommand {
 
 [[nodiscard]] std::string formatWidgetDate(Clock::TimePoint moment);
 [[nodiscard]] std::optional<Clock::TimePoint> parseWidgetDate(std::string_view text);
+
+// An amount of traffic as the widget shows it: "512 Б", "300 КБ", "1,2 МБ", "3,4 ГБ" (binary
+// multiples, one decimal below ten, a decimal comma).
+[[nodiscard]] std::string formatTrafficAmount(std::uint64_t bytes);
 
 }  // namespace norvik

@@ -118,5 +118,17 @@ TEST(WidgetFiles, AnythingElseIsNoCommandAndTheReasonQuotesTheValue) {
   EXPECT_FALSE(decodeWidgetCommand(std::string(100000, '[')).has_value());
 }
 
+TEST(WidgetFiles, TrafficAmountsUseBinaryUnitsAndADecimalComma) {
+  EXPECT_EQ(formatTrafficAmount(0), "0 Б");
+  EXPECT_EQ(formatTrafficAmount(1023), "1023 Б");
+  EXPECT_EQ(formatTrafficAmount(1024), "1 КБ");
+  EXPECT_EQ(formatTrafficAmount(300 * 1024), "300 КБ");
+  EXPECT_EQ(formatTrafficAmount(1258291), "1,2 МБ");
+  // Just under ten rounds to a whole ten rather than "10,0".
+  EXPECT_EQ(formatTrafficAmount(10234), "10 КБ");
+  EXPECT_EQ(formatTrafficAmount(3650722202ULL), "3,4 ГБ");
+  EXPECT_EQ(formatTrafficAmount(~0ULL), "16777216 ТБ");
+}
+
 }  // namespace
 }  // namespace norvik

@@ -1,0 +1,156 @@
+// The parts of the application that face the user outside the command line: the health check and
+// its dialogs, the widget bridge, the menu-bar model and the tunnel helper's activation.
+#include <fmt/format.h>
+
+#include "app/application.h"
+#include "platform/linux/tunnel_helper_extension_requests.h"
+#include "platform/linux/tunnel_helper_process.h"
+#include "routing/routing_mode.h"
+#include "tunnel/widget_files.h"
+
+namespace norvik {
+namespace {
+
+bool tunnelIsUp(TunnelStatus status) {
+  return status == TunnelStatus::connected || status == TunnelStatus::reasserting;
+}
+
+bool tunnelIsDown(TunnelStatus status) {
+  return status == TunnelStatus::disconnected || status == TunnelStatus::invalid;
+}
+
+// Where a helper found outside an installation (a development tree) counts as installed: the
+// activation's "applications folder" check only means something for an installed package.
+std::string applicationsDirectoryFor(const std::filesystem::path& bundle) {
+  for (std::string_view prefix : {"/usr/", "/opt/"}) {
+    if ((bundle.string() + "/").starts_with(prefix)) return std::string(prefix);
+  }
+  return bundle.parent_path().string() + "/";
+}
+
+}  // namespace
+
+void Application::createSurfaces() {
+  Platform& p = platform_;
+  auto weak = weakFactory_.weak();
+
+  probes_ = std::make_unique<HttpHealthProbes>(HttpHealthProbes::Dependencies{
+      loop_, *p.http, *p.clock, *p.log, p.dnsResolver.get(), pathMonitor_.get(), clockCheck_.get()});
+  health_ = std::make_unique<SmartStatusEngine>(SmartStatusEngine::Dependencies{
+      loop_, *p.clock, *p.log, *p.analytics, *p.standardDefaults, *healthPolicy_, *vpn_, *tunnels_, *probes_,
+      pathMonitor_.get(), clockCheck_.get(), [modes = modes_.get()] { return backendCode(modes->currentMode().get()); },
+      &network_->currentResponse(), [network = network_.get()] { network->loadMainConfiguration(); }});
+
+  // The toggle and the widget act through the home screen's controller, like the window would.
+  auto connect = [weak] {
+    auto* self = weak.lock();
+    if (self && tunnelIsDown(self->vpn_->connectionState().get())) self->home_->toggleVPN();
+  };
+  auto disconnect = [weak] {
+    auto* self = weak.lock();
+    if (self && !tunnelIsDown(self->vpn_->connectionState().get())) self->home_->toggleVPN();
+  };
+  auto openWindow = [log = p.log.get()] { log->write("[App] открыть окно Norvik"); };
+
+  widget_ = std::make_unique<WidgetCommandCenter>(WidgetCommandCenter::Dependencies{
+      loop_, *p.clock, *p.log, *notifications_, *vpn_, *tunnels_, paths_.groupContainer(),
+      WidgetCommandCenter::Actions{connect, disconnect,
+                                   [weak] {
+                                     if (auto* self = weak.lock()) self->home_->changeServerAction();
+                                   },
+                                   openWindow}});
+  menuBar_ = std::make_unique<MenuBarModel>(
+      *vpn_, MenuBarModel::Handlers{connect, disconnect,
+                                    [log = p.log.get()](bool enabled) {
+                                      log->format("[App] запуск при входе в систему: {}", enabled ? "вкл" : "выкл");
+                                    },
+                                    openWindow,
+                                    [log = p.log.get()] { log->write("[App] обновление: norvik update install"); }});
+
+  // The simulated tunnel has no program to activate; the real one activates norvik-tunnel.
+  if (tunnelServiceName_ == "wireguard") {
+    if (auto helper = findTunnelHelper()) {
+      const auto bundle = TunnelHelperExtensionRequests::bundleOfRunningProgram();
+      extensionRequests_ = std::make_unique<TunnelHelperExtensionRequests>(
+          loop_, TunnelHelperExtensionRequests::Options{bundle, paths_.home / "extensions", *helper,
+                                                        applicationsDirectoryFor(bundle)});
+      extensions_ = std::make_unique<SystemExtensionManager>(
+          SystemExtensionManager::Dependencies{loop_, *extensionRequests_, *vpn_, *p.standardDefaults, *p.log,
+                                               *p.analytics});
+    }
+  }
+}
+
+void Application::startSurfaces() {
+  auto weak = weakFactory_.weak();
+  if (extensions_) {
+    surfaceSubscriptions_.push_back(extensions_->updateNotice().subscribe([weak](const std::string& text) {
+      if (auto* self = weak.lock()) self->overlays_->showToast("sysext_update", text);
+    }));
+    extensions_->activateOnLaunch();
+  }
+
+  // The health check's dialogs go through the overlay queue; their buttons come back to it.
+  surfaceSubscriptions_.push_back(health_->dialogRequested().subscribe([weak](const SmartStatusDialogRequest& request) {
+    auto* self = weak.lock();
+    if (!self) return;
+    auto button = [weak](std::string title, SmartStatusDialogAction action) {
+      return OverlayButton{std::move(title), [weak, action] {
+                             if (auto* owner = weak.lock()) owner->health_->perform(action);
+                           }};
+    };
+    OverlayItem item{OverlayItem::Kind::dialog, request.identifier, request.texts.title, request.texts.message, {}};
+    item.buttons.push_back(button(request.texts.primary, request.primary));
+    if (!request.texts.secondary.empty()) item.buttons.push_back(button(request.texts.secondary, request.secondary));
+    self->overlays_->enqueue(std::move(item));
+  }));
+  // "SmartStatusChangeServer": the home screen's controller changes the server.
+  surfaceSubscriptions_.push_back(health_->changeServerRequested().subscribe([weak] {
+    if (auto* self = weak.lock()) self->home_->changeServerAction();
+  }));
+  surfaceSubscriptions_.push_back(health_->healthRaw().subscribe([weak](const std::optional<std::string>& raw) {
+    if (auto* self = weak.lock()) self->widget_->setHealth(raw);
+  }));
+  surfaceSubscriptions_.push_back(home_->operation().subscribe([weak](const VPNViewModel::Operation& operation) {
+    if (auto* self = weak.lock()) self->widget_->setBusy(operation != VPNViewModel::Operation::none);
+  }));
+  surfaceSubscriptions_.push_back(vpn_->connectionState().subscribe([weak](const TunnelStatus& status) {
+    auto* self = weak.lock();
+    if (!self) return;
+    if (tunnelIsUp(status) && !self->trafficPollRunning_) {
+      self->trafficPollRunning_ = true;
+      self->pollTraffic();
+      self->trafficTimer_.start(self->loop_, kTrafficPollPeriod, [weak] {
+        if (auto* owner = weak.lock()) owner->pollTraffic();
+      });
+    } else if (tunnelIsDown(status) && self->trafficPollRunning_) {
+      self->trafficPollRunning_ = false;
+      self->trafficTimer_.stop();
+      self->widget_->setTraffic(std::nullopt, std::nullopt);
+    }
+  }));
+
+  health_->start();
+  widget_->start();
+}
+
+void Application::stopSurfaces() {
+  surfaceSubscriptions_.clear();
+  trafficTimer_.stop();
+  trafficPollRunning_ = false;
+  if (widget_) widget_->stop();
+  if (health_) health_->stop();
+}
+
+void Application::pollTraffic() {
+  const auto& manager = vpn_->tunnelManager();
+  if (!manager) return;
+  tunnels_->fetchTelemetry(manager->identifier, [weak = weakFactory_.weak()](
+                                                    std::expected<TunnelTelemetry, Error> telemetry) {
+    auto* self = weak.lock();
+    if (!self || !telemetry || !self->trafficPollRunning_) return;
+    self->widget_->setTraffic(formatTrafficAmount(telemetry->receivedBytes), formatTrafficAmount(telemetry->sentBytes));
+  });
+}
+
+}  // namespace norvik
