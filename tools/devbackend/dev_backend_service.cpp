@@ -5,6 +5,7 @@
 #include "backend/endpoints.h"
 #include "tools/devbackend/documents.h"
 #include "tools/devbackend/wireguard_keys.h"
+#include "tunnel_helper/uapi.h"
 
 namespace norvik::devbackend {
 namespace {
@@ -328,6 +329,7 @@ BackendReply DevBackendService::issueKey(const std::string& vendorId, const VpnS
   }
   log_.format("[devbackend] key for {} on {} ({}), public key {}…", devicePrefix(vendorId), server.name, *address,
               pair->publicKey.substr(0, 8));
+  feedServerPeer(server, pair->publicKey, base64Encode(*preshared), *address);
   return jsonReply(200, {{"result", 1},
                          {"success", true},
                          {"keyData", std::move(text)},
@@ -335,6 +337,35 @@ BackendReply DevBackendService::issueKey(const std::string& vendorId, const VpnS
                          {"location", server.location},
                          {"serverName", server.name},
                          {"expiresAt", isoDate(device.subExpireTs)}});
+}
+
+void DevBackendService::feedServerPeer(const VpnServer& server, const std::string& clientPublicKey,
+                                       const std::string& presharedKey, const std::string& address) {
+  if (server.uapiSocket.empty()) return;
+  auto keys = store_.serverKeys().find(server.name);
+  if (keys == store_.serverKeys().end()) {
+    log_.format("[devbackend] {}: no private key of our own to configure its device with", server.name);
+    return;
+  }
+  auto hex = [](const std::string& base64) {
+    auto bytes = base64Decode(base64);
+    return bytes ? hexLower(ByteView(bytes->data(), bytes->size())) : std::string();
+  };
+  // The whole server identity each time, so that a device started after the backend still works.
+  const std::string port = server.endpoint.substr(server.endpoint.rfind(':') + 1);
+  const std::string request =
+      fmt::format("set=1\nprivate_key={}\nlisten_port={}\npublic_key={}\npreshared_key={}\n"
+                  "replace_allowed_ips=true\nallowed_ip={}/32\n\n",
+                  hex(keys->second.privateKey), port, hex(clientPublicKey), hex(presharedKey), address);
+  auto answer = tunnel_helper::uapiExchange(server.uapiSocket, request, std::chrono::seconds(2));
+  std::expected<void, std::string> applied =
+      answer ? tunnel_helper::parseUapiSetResponse(*answer) : std::unexpected(answer.error().message);
+  if (!applied) {
+    log_.format("[devbackend] {}: the device at {} did not take the peer: {}", server.name, server.uapiSocket,
+                applied.error());
+    return;
+  }
+  log_.format("[devbackend] {}: peer {}… added to {}", server.name, clientPublicKey.substr(0, 8), server.uapiSocket);
 }
 
 BackendReply DevBackendService::moveSubscription(const std::string& vendorId, const json& body) {

@@ -119,6 +119,9 @@ class DevBackendService {
   BackendReply serveEndpoint(const std::string& endpoint, const std::string& vendorId, const nlohmann::json& body);
   Device& ensureDevice(const std::string& vendorId);
   BackendReply issueKey(const std::string& vendorId, const VpnServer& server);
+  // Adds an issued key as a peer of the server's own WireGuard device, when it has one.
+  void feedServerPeer(const VpnServer& server, const std::string& clientPublicKey, const std::string& presharedKey,
+                      const std::string& address);
   BackendReply moveSubscription(const std::string& vendorId, const nlohmann::json& body);
   [[nodiscard]] const VpnServer* serverNamed(const std::string& name) const;
   [[nodiscard]] bool subscriptionActive(const Device& device) const;

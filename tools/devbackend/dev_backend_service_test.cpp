@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "backend/endpoints.h"
+#include "testing/fake_device_socket.h"
 #include "testing/temp_dir.h"
 #include "testing/test_provisioning.h"
 #include "tools/devbackend/devbackend_test_support.h"
@@ -406,6 +407,40 @@ TEST_F(DevBackendServiceTest, ASubscriptionMovesToAnotherDeviceWithAOneTimeCode)
   EXPECT_EQ(answers[0].status, true);
   EXPECT_EQ(answers[1].status, false) << "a code works once";
   EXPECT_EQ((*loadMain())->main.subActive, false) << "the first device gave its subscription away";
+}
+
+TEST_F(DevBackendServiceTest, AServerWithADeviceSocketGetsEachIssuedKeyAsAPeer) {
+  DevBackendConfig c = config();
+  c.servers[0].uapiSocket = (dir_ / "wg0.sock").string();
+  backend_ = make(std::move(c));
+  const auto server = backend_->servers()[0];
+  std::string request;
+  {
+    testing::FakeDeviceSocket device(dir_ / "wg0.sock", "errno=0\n\n");
+    auto key = getKey();
+    ASSERT_TRUE(key.has_value()) << key.error().message;
+    // The device is told its own identity and the client's half of the key, in hex as it reads them.
+    auto hex = [](const std::string& base64) {
+      auto bytes = base64Decode(base64);
+      return hexLower(ByteView(bytes->data(), bytes->size()));
+    };
+    const json peers = admin("GET", "/admin/peers")["servers"][0]["peers"];
+    request = device.request();
+    EXPECT_TRUE(request.starts_with("set=1\nprivate_key=")) << request;
+    EXPECT_NE(request.find("listen_port=51820\n"), std::string::npos);
+    EXPECT_NE(request.find("public_key=" + hex(peers[0]["public_key"])), std::string::npos);
+    EXPECT_NE(request.find("preshared_key=" + hex(peers[0]["preshared_key"])), std::string::npos);
+    EXPECT_NE(request.find("allowed_ip=10.66.1.2/32\n\n"), std::string::npos);
+    EXPECT_EQ(request.find(hex(keyValue(*key->keyData, "PrivateKey"))), std::string::npos)
+        << "the client's private half never leaves the key text";
+  }
+  // A device that is not there costs the client nothing: the key is still issued, the log says why.
+  std::filesystem::remove(dir_ / "wg0.sock");
+  auto again = changeServer();
+  ASSERT_TRUE(again.has_value());
+  auto back = changeServer();
+  ASSERT_TRUE(back.has_value()) << back.error().message;
+  EXPECT_TRUE(serverLog_.contains("did not take the peer")) << server.name;
 }
 
 }  // namespace

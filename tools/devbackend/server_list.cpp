@@ -51,7 +51,7 @@ std::expected<VpnServer, std::string> parseServer(const nlohmann::json& entry, s
       {"name", &server.name, true},           {"endpoint", &server.endpoint, true},
       {"location", &server.location, false},  {"public_key", &server.publicKey, false},
       {"allowed_ips", &server.allowedIPs, false}, {"address_pool", &server.addressPool, false},
-      {"dns", &server.dns, false},
+      {"dns", &server.dns, false},            {"uapi_socket", &server.uapiSocket, false},
   };
   for (const auto& field : fields) {
     auto it = entry.find(field.key);

@@ -37,6 +37,9 @@ struct VpnServer {
   std::string allowedIPs = "0.0.0.0/0, ::/0";
   std::string addressPool = "10.66.1.0/24";
   std::string dns = "1.1.1.1, 1.0.0.1";
+  // The configuration socket of a userspace WireGuard device that plays this server (development
+  // and the demo): every key issued on the server is added to it as a peer. Empty: none.
+  std::string uapiSocket;
 
   // The host of the endpoint, as the client extracts it ("key_ip", "keyIP").
   [[nodiscard]] std::string host() const;
@@ -46,7 +49,7 @@ struct VpnServer {
 [[nodiscard]] std::vector<VpnServer> defaultServers();
 
 // Reads a server list: {"servers": [ … ]} or a bare array of objects with "name", "endpoint"
-// (required), "location", "public_key", "allowed_ips", "address_pool", "dns". The error names the
+// (required), "location", "public_key", "allowed_ips", "address_pool", "dns", "uapi_socket". The error names the
 // entry and the field and quotes the bad value; names must be unique and at least one server given.
 [[nodiscard]] std::expected<std::vector<VpnServer>, std::string> parseServerList(std::string_view json);
 
