@@ -305,8 +305,11 @@ std::expected<std::size_t, Error> RouteNetlink::flushTable(int family, std::uint
   return count;
 }
 
-std::expected<void, Error> RouteNetlink::addRule(const RoutingRule& rule) {
-  MessageBuilder builder(RTM_NEWRULE, NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL);
+namespace {
+
+// A rule's request: adding and deleting one name it by the same header and attributes.
+std::vector<std::uint8_t> ruleMessage(std::uint16_t type, std::uint16_t flags, const RoutingRule& rule) {
+  MessageBuilder builder(type, flags);
   fib_rule_hdr body{};
   body.family = static_cast<std::uint8_t>(rule.family);
   body.table = rule.table < 256 ? static_cast<std::uint8_t>(rule.table) : kTableInAttribute;
@@ -320,28 +323,20 @@ std::expected<void, Error> RouteNetlink::addRule(const RoutingRule& rule) {
     builder.u32(FRA_FWMASK, 0xFFFFFFFFu);
   }
   if (rule.suppressPrefixLength) builder.u32(FRA_SUPPRESS_PREFIXLEN, *rule.suppressPrefixLength);
+  return builder.finish(0);
+}
+
+}  // namespace
+
+std::expected<void, Error> RouteNetlink::addRule(const RoutingRule& rule) {
   std::vector<Message> messages;
-  messages.push_back({builder.finish(0), describeRule(rule)});
+  messages.push_back({ruleMessage(RTM_NEWRULE, NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL, rule), describeRule(rule)});
   return transact(std::move(messages));
 }
 
 std::expected<void, Error> RouteNetlink::deleteRule(const RoutingRule& rule) {
-  MessageBuilder builder(RTM_DELRULE, NLM_F_ACK);
-  fib_rule_hdr body{};
-  body.family = static_cast<std::uint8_t>(rule.family);
-  body.table = rule.table < 256 ? static_cast<std::uint8_t>(rule.table) : kTableInAttribute;
-  body.action = FR_ACT_TO_TBL;
-  body.flags = rule.invert ? FIB_RULE_INVERT : 0;
-  builder.fixed(body);
-  builder.u32(FRA_PRIORITY, rule.priority);
-  builder.u32(FRA_TABLE, rule.table);
-  if (rule.firewallMark) {
-    builder.u32(FRA_FWMARK, *rule.firewallMark);
-    builder.u32(FRA_FWMASK, 0xFFFFFFFFu);
-  }
-  if (rule.suppressPrefixLength) builder.u32(FRA_SUPPRESS_PREFIXLEN, *rule.suppressPrefixLength);
   std::vector<Message> messages;
-  messages.push_back({builder.finish(0), "delete " + describeRule(rule)});
+  messages.push_back({ruleMessage(RTM_DELRULE, NLM_F_ACK, rule), "delete " + describeRule(rule)});
   return transact(std::move(messages), /*ignoreMissing=*/true);
 }
 
