@@ -48,12 +48,22 @@ std::expected<HttpRequest, APIError> NetworkService::buildRequest(const Endpoint
   const VendorID vendor = security_.vendorID();
   if (!vendor.trusted) return std::unexpected(api_error::keychainLocked());
 
-  auto encrypted = security_.encryptVendorID(vendor.identifier);
+  auto nonces = security_.drawRequestNonces();
+  if (!nonces) return std::unexpected(api_error::encryptionFailed());
+  auto encrypted = security_.encryptVendorID(vendor.identifier, nonces->sealing);
   if (!encrypted) return std::unexpected(api_error::encryptionFailed());
 
-  const std::string announced = defaults_.stringValue(kCachedMainDomainKey).value_or("");
-  auto url = config_.location.endpointURL(endpoint.name, announced);
-  if (!url) return std::unexpected(api_error::noURL());
+  std::string announced = defaults_.stringValue(kCachedMainDomainKey).value_or("");
+  if (announced != urlsAnnounced_) {
+    urls_.clear();
+    urlsAnnounced_ = std::move(announced);
+  }
+  auto known = urls_.find(endpoint.name);
+  if (known == urls_.end()) {
+    auto url = config_.location.endpointURL(endpoint.name, urlsAnnounced_);
+    if (!url) return std::unexpected(api_error::noURL());
+    known = urls_.emplace(std::string(endpoint.name), std::move(*url)).first;
+  }
 
   nlohmann::json params = extraParams.is_object() ? extraParams : nlohmann::json::object();
   params["vendor_id"] = *encrypted;
@@ -61,12 +71,12 @@ std::expected<HttpRequest, APIError> NetworkService::buildRequest(const Endpoint
   // These exact bytes are the body and what is signed.
   std::string body = params.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 
-  auto signature = security_.signRequest(asBytes(body));
+  auto signature = security_.signRequest(asBytes(body), nonces->signing);
   if (!signature) return std::unexpected(api_error::noHMAC());
 
   HttpRequest request;
   request.method = "POST";
-  request.url = std::move(*url);
+  request.url = known->second;
   request.timeout = endpoint.timeout;
   request.headers = {
       {"Content-Type", "application/json"},

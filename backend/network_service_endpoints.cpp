@@ -1,5 +1,6 @@
 // The typed endpoint operations of NetworkService: each decodes its answer and writes the log
 // lines that support engineers look for.
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "backend/network_service.h"
@@ -20,7 +21,7 @@ void redactKeys(nlohmann::json& value) {
   if (value.is_object()) {
     for (auto& [key, child] : value.items()) {
       if ((key == "keyData" || key == "key_data") && child.is_string()) {
-        child = "<" + std::to_string(child.get_ref<const std::string&>().size()) + " chars>";
+        child = fmt::format("<{} chars>", child.get_ref<const std::string&>().size());
       } else {
         redactKeys(child);
       }

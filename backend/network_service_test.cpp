@@ -169,11 +169,14 @@ TEST_F(NetworkServiceScriptedTest, AnUnusableAesKeyIsAnEncryptionError) {
   EXPECT_TRUE(transport_.sent().empty());
 }
 
-TEST_F(NetworkServiceScriptedTest, ARandomSourceThatFailsForTheNonceIsASigningError) {
-  (void)security.vendorID();  // the identifier exists before the random source breaks
-  crypto.failRandomAfter(1);  // the encryption's nonce is drawn, the signature's is not
-  auto body = sendAndWait(service_, endpoints::kMain);
-  EXPECT_EQ(body.error(), (APIError{"NO_HMAC", "Failed to generate HMAC signature"}));
+TEST_F(NetworkServiceScriptedTest, CryptoFailuresStopTheRequestBeforeItIsSent) {
+  (void)security.vendorID();  // the identifier exists before the crypto breaks
+  crypto.failRandom(true);    // both nonces come from one draw, which fails
+  EXPECT_EQ(sendAndWait(service_, endpoints::kMain).error(), (APIError{"ENCRYPTION_FAILED", "Encryption Error"}));
+  crypto.failRandom(false);
+  crypto.failHmac(true);
+  EXPECT_EQ(sendAndWait(service_, endpoints::kMain).error(),
+            (APIError{"NO_HMAC", "Failed to generate HMAC signature"}));
   EXPECT_TRUE(transport_.sent().empty());
 }
 

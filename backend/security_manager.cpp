@@ -83,6 +83,29 @@ void SecurityManager::migrateAccessibility(std::string_view account) {
   (void)secureItems_.update(query, {std::nullopt, std::string(kSecAttrAccessibleAfterFirstUnlock)});
 }
 
+std::optional<SecurityManager::RequestNonces> SecurityManager::drawRequestNonces() {
+  constexpr std::size_t kSigningNonceSize = 32;
+  auto random = crypto_.randomBytes(Crypto::kAesGcmNonceSize + kSigningNonceSize);
+  if (!random) {
+    log_.format("Encryption error: {}", random.error().description());
+    return std::nullopt;
+  }
+  const auto split = random->begin() + static_cast<std::ptrdiff_t>(Crypto::kAesGcmNonceSize);
+  return RequestNonces{Bytes(random->begin(), split), Bytes(split, random->end())};
+}
+
+std::optional<std::string> SecurityManager::encryptVendorID(std::string_view identifier, ByteView nonce) {
+  if (!aesEncryptionKey_) return std::nullopt;
+  auto sealed = crypto_.aesGcmSeal(*aesEncryptionKey_, nonce, asBytes(identifier));
+  if (!sealed) {
+    log_.format("Encryption error: {}", sealed.error().description());
+    return std::nullopt;
+  }
+  Bytes combined(nonce.begin(), nonce.end());
+  combined.insert(combined.end(), sealed->begin(), sealed->end());
+  return base64Encode(combined);
+}
+
 std::optional<std::string> SecurityManager::encryptVendorID(std::string_view identifier) {
   if (!aesEncryptionKey_) return std::nullopt;
   auto nonce = crypto_.randomBytes(Crypto::kAesGcmNonceSize);
@@ -90,14 +113,7 @@ std::optional<std::string> SecurityManager::encryptVendorID(std::string_view ide
     log_.format("Encryption error: {}", nonce.error().description());
     return std::nullopt;
   }
-  auto sealed = crypto_.aesGcmSeal(*aesEncryptionKey_, *nonce, asBytes(identifier));
-  if (!sealed) {
-    log_.format("Encryption error: {}", sealed.error().description());
-    return std::nullopt;
-  }
-  Bytes combined = std::move(*nonce);
-  combined.insert(combined.end(), sealed->begin(), sealed->end());
-  return base64Encode(combined);
+  return encryptVendorID(identifier, *nonce);
 }
 
 std::string SecurityManager::requestSignature(ByteView body, std::int64_t timestamp, std::string_view nonce) {
@@ -110,17 +126,22 @@ std::string SecurityManager::requestSignature(ByteView body, std::int64_t timest
   return signature;
 }
 
-std::optional<RequestSignature> SecurityManager::signRequest(ByteView body) {
+std::optional<RequestSignature> SecurityManager::signRequest(ByteView body, ByteView nonceBytes) {
   // Whole seconds, truncated toward zero.
   const auto timestamp =
       std::chrono::duration_cast<std::chrono::seconds>(clock_.now().time_since_epoch()).count();
-  auto random = crypto_.randomBytes(32);
-  if (!random) return std::nullopt;
   RequestSignature out;
   out.timestamp = static_cast<std::int64_t>(timestamp);
-  out.nonce = base64Encode(*random);
+  out.nonce = base64Encode(nonceBytes);
   out.signature = requestSignature(body, out.timestamp, out.nonce);
+  if (out.signature.empty()) return std::nullopt;  // HMAC could not be computed
   return out;
+}
+
+std::optional<RequestSignature> SecurityManager::signRequest(ByteView body) {
+  auto nonces = drawRequestNonces();
+  if (!nonces) return std::nullopt;
+  return signRequest(body, nonces->signing);
 }
 
 std::string SecurityManager::paymentSignature(std::optional<std::string_view> message) const {

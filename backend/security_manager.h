@@ -48,13 +48,26 @@ class SecurityManager {
                   Crypto& crypto, Clock& clock, Log& log);
 
   [[nodiscard]] VendorID vendorID();
-  // AES-256-GCM of the identifier under a fresh 12-byte nonce: Base64 of nonce ‖ ciphertext ‖ tag.
-  // Nothing when the provisioned key is unusable or sealing fails.
+
+  // The two random values one request needs: the identifier's 12-byte sealing nonce and the
+  // signature's 32 bytes. They are drawn together because every draw from the random source costs
+  // a system call, the largest single cost of a request. Nothing when the source fails (logged).
+  struct RequestNonces {
+    Bytes sealing;
+    Bytes signing;
+  };
+  [[nodiscard]] std::optional<RequestNonces> drawRequestNonces();
+
+  // AES-256-GCM of the identifier under `nonce` (12 bytes, fresh each time; the one-argument form
+  // draws its own): Base64 of nonce ‖ ciphertext ‖ tag. Nothing when the provisioned key is
+  // unusable or sealing fails.
+  [[nodiscard]] std::optional<std::string> encryptVendorID(std::string_view identifier, ByteView nonce);
   [[nodiscard]] std::optional<std::string> encryptVendorID(std::string_view identifier);
   // HMAC-SHA256 of body ‖ decimal timestamp ‖ nonce under the API key, in lower-case hex.
   [[nodiscard]] std::string requestSignature(ByteView body, std::int64_t timestamp, std::string_view nonce);
-  // The current timestamp, a fresh nonce and the signature over `body`; nothing when the random
-  // source fails.
+  // The current timestamp, the Base64 of `nonceBytes` (32 fresh bytes; the one-argument form draws
+  // its own) and the signature over `body`. Nothing when the random source or HMAC fails.
+  [[nodiscard]] std::optional<RequestSignature> signRequest(ByteView body, ByteView nonceBytes);
   [[nodiscard]] std::optional<RequestSignature> signRequest(ByteView body);
   // HMAC-SHA256 of `message` (default: the provisioned payment message) under the payment key.
   [[nodiscard]] std::string paymentSignature(std::optional<std::string_view> message = std::nullopt) const;

@@ -117,10 +117,12 @@ class FakeSecureItemStore final : public SecureItemStore {
 };
 
 // OpenSSL crypto with a predictable random source (a counter), so that nonces and identifiers are
-// known in advance; the random source can be made to fail.
+// known in advance; the random source and HMAC can be made to fail.
 class DeterministicCrypto final : public Crypto {
  public:
-  [[nodiscard]] Bytes hmacSha256(ByteView key, ByteView data) const override { return real_.hmacSha256(key, data); }
+  [[nodiscard]] Bytes hmacSha256(ByteView key, ByteView data) const override {
+    return failHmac_ ? Bytes{} : real_.hmacSha256(key, data);
+  }
   [[nodiscard]] std::expected<Bytes, Error> aesGcmSeal(ByteView key, ByteView nonce, ByteView plaintext) const override {
     return real_.aesGcmSeal(key, nonce, plaintext);
   }
@@ -132,9 +134,12 @@ class DeterministicCrypto final : public Crypto {
   void failRandom(bool fail) { successesLeft_ = fail ? 0 : -1; }
   // The next `count` draws succeed, every later one fails.
   void failRandomAfter(int count) { successesLeft_ = count; }
+  // HMAC gives no bytes, as OpenSSL's does when it cannot compute one.
+  void failHmac(bool fail) { failHmac_ = fail; }
 
  private:
   OpenSslCrypto real_;
+  std::atomic<bool> failHmac_{false};
   std::atomic<std::uint8_t> next_{1};
   std::atomic<int> successesLeft_{-1};  // -1: never fail
 };

@@ -1,9 +1,10 @@
 #include "platform/linux/openssl_crypto.h"
 
 #include <memory>
+#include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
+#include <openssl/params.h>
 #include <openssl/rand.h>
 
 namespace norvik {
@@ -18,6 +19,7 @@ Error opensslError(std::string_view what) {
 }
 
 using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)>;
+using MacContext = std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)>;
 
 std::expected<void, Error> checkSizes(ByteView key, ByteView nonce) {
   if (key.size() != 32) return std::unexpected(Error{"OpenSSL", 0, "AES-256-GCM needs a 32-byte key"});
@@ -29,12 +31,33 @@ std::expected<void, Error> checkSizes(ByteView key, ByteView nonce) {
 
 }  // namespace
 
+void OpenSslCrypto::FreeCipher::operator()(EVP_CIPHER* cipher) const { EVP_CIPHER_free(cipher); }
+void OpenSslCrypto::FreeMacContext::operator()(EVP_MAC_CTX* ctx) const { EVP_MAC_CTX_free(ctx); }
+
+OpenSslCrypto::OpenSslCrypto() : aesGcm_(EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr)) {
+  if (EVP_MAC* mac = EVP_MAC_fetch(nullptr, "HMAC", nullptr)) {
+    hmacSha256_.reset(EVP_MAC_CTX_new(mac));
+    EVP_MAC_free(mac);  // the context holds its own reference
+    char digest[] = "SHA256";
+    const OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
+                                 OSSL_PARAM_construct_end()};
+    if (hmacSha256_ && EVP_MAC_CTX_set_params(hmacSha256_.get(), params) != 1) hmacSha256_.reset();
+  }
+  ERR_clear_error();  // a missing algorithm is reported by the call that needs it
+}
+
 Bytes OpenSslCrypto::hmacSha256(ByteView key, ByteView data) const {
-  static const std::uint8_t kEmpty = 0;  // HMAC() wants a non-null key even when it is empty
+  static const std::uint8_t kEmpty = 0;  // OpenSSL wants non-null pointers even for empty input
   Bytes out(EVP_MAX_MD_SIZE);
-  unsigned int length = 0;
-  HMAC(EVP_sha256(), key.empty() ? &kEmpty : key.data(), static_cast<int>(key.size()),
-       data.empty() ? &kEmpty : data.data(), data.size(), out.data(), &length);
+  std::size_t length = 0;
+  MacContext ctx(hmacSha256_ ? EVP_MAC_CTX_dup(hmacSha256_.get()) : nullptr, &EVP_MAC_CTX_free);
+  if (!ctx || EVP_MAC_init(ctx.get(), key.empty() ? &kEmpty : key.data(), key.size(), nullptr) != 1 ||
+      EVP_MAC_update(ctx.get(), data.empty() ? &kEmpty : data.data(), data.size()) != 1 ||
+      EVP_MAC_final(ctx.get(), out.data(), &length, out.size()) != 1) {
+    // Only a broken OpenSSL installation gets here; callers treat no bytes as a failure.
+    ERR_clear_error();
+    return {};
+  }
   out.resize(length);
   return out;
 }
@@ -42,7 +65,7 @@ Bytes OpenSslCrypto::hmacSha256(ByteView key, ByteView data) const {
 std::expected<Bytes, Error> OpenSslCrypto::aesGcmSeal(ByteView key, ByteView nonce, ByteView plaintext) const {
   if (auto ok = checkSizes(key, nonce); !ok) return std::unexpected(ok.error());
   CipherContext ctx(EVP_CIPHER_CTX_new(), &EVP_CIPHER_CTX_free);
-  if (!ctx || EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce.data()) != 1) {
+  if (!ctx || !aesGcm_ || EVP_EncryptInit_ex2(ctx.get(), aesGcm_.get(), key.data(), nonce.data(), nullptr) != 1) {
     return std::unexpected(opensslError("AES-GCM init"));
   }
   Bytes out(plaintext.size() + kAesGcmTagSize);
@@ -68,7 +91,7 @@ std::expected<Bytes, Error> OpenSslCrypto::aesGcmOpen(ByteView key, ByteView non
   if (ciphertextAndTag.size() < kAesGcmTagSize) return std::unexpected(Error{"OpenSSL", 0, "AES-GCM input too short"});
   const auto cipherLength = ciphertextAndTag.size() - kAesGcmTagSize;
   CipherContext ctx(EVP_CIPHER_CTX_new(), &EVP_CIPHER_CTX_free);
-  if (!ctx || EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce.data()) != 1) {
+  if (!ctx || !aesGcm_ || EVP_DecryptInit_ex2(ctx.get(), aesGcm_.get(), key.data(), nonce.data(), nullptr) != 1) {
     return std::unexpected(opensslError("AES-GCM init"));
   }
   Bytes out(cipherLength + 1);  // +1: never hand OpenSSL a null buffer
