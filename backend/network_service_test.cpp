@@ -148,6 +148,16 @@ class NetworkServiceScriptedTest : public NetworkServiceTest {
   NetworkService service_{loop, transport_, security, defaults, clock, log};
 };
 
+TEST_F(NetworkServiceScriptedTest, ANewlyAnnouncedHostTakesOverFromTheNextRequest) {
+  auto urlOf = [&](const Endpoint& endpoint) { return service_.buildRequest(endpoint, {}).value().url; };
+  const std::string builtIn = urlOf(endpoints::kMain);
+  defaults.setString(NetworkService::kCachedMainDomainKey, "mirror.example:8443");
+  EXPECT_EQ(urlOf(endpoints::kMain), "https://mirror.example:8443/api/v1/main");
+  EXPECT_EQ(urlOf(endpoints::kGetKey), "https://mirror.example:8443/api/v1/getkey");
+  defaults.remove(NetworkService::kCachedMainDomainKey);
+  EXPECT_EQ(urlOf(endpoints::kMain), builtIn);
+}
+
 TEST_F(NetworkServiceScriptedTest, ALockedStoreWithoutMirrorSendsNothingAtAll) {
   store.setLockedStatus(errSecInteractionNotAllowed);
   for (const auto& endpoint : endpoints::kAll) {
