@@ -1,6 +1,10 @@
 // The product as a user runs it: the agent and the command line as separate processes, against the
 // local backend over real HTTPS on loopback, with the simulated tunnel.
+#include <cstdio>
 #include <ctime>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <fmt/chrono.h>
 #include <gtest/gtest.h>
@@ -132,6 +136,36 @@ TEST_F(AgentIntegrationTest, ALockedSecureStoreWithoutMirrorSendsNothingToTheBac
   EXPECT_NE(connected.err.find("Не удалось получить ключ. Попробуйте позже."), std::string::npos) << connected.err;
   EXPECT_EQ(admin("GET", "/admin/requests").value("requests", Json::array()).size(), 0u);
   EXPECT_NE(agent_->output().find("зеркала нет — запасной ID, запросы к бэкенду заблокированы"), std::string::npos);
+}
+
+// One request line straight to the agent's socket, as any local program could send it; the first
+// answer line.
+std::string askAgentRaw(const std::filesystem::path& socketPath, const std::string& line) {
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
+  std::string answer;
+  if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size())) {
+    char c = 0;
+    while (::read(fd, &c, 1) == 1 && c != '\n') answer.push_back(c);
+  }
+  if (fd >= 0) ::close(fd);
+  return answer;
+}
+
+TEST_F(AgentIntegrationTest, ArgumentsOfTheWrongTypeAreAnsweredAndTheAgentCarriesOn) {
+  startAgent();
+  const auto socketPath = home_ / "run" / "agent.sock";
+  for (const std::string line : {R"({"command":"sites","action":1})", R"({"command":"sites","value":null})",
+                                 R"({"command":"mode","set":"full","confirmed":"yes"})"}) {
+    const Json answer = Json::parse(askAgentRaw(socketPath, line + "\n"), nullptr, false);
+    ASSERT_TRUE(answer.is_object()) << line;
+    EXPECT_EQ(answer.value("code", ""), "usage") << line;
+  }
+  EXPECT_TRUE(agent_->running());
+  EXPECT_EQ(norvik({"status"}).exitStatus, 0);
 }
 
 TEST_F(AgentIntegrationTest, ASecondAgentIsRefusedAndTheFirstCarriesOn) {

@@ -1,6 +1,8 @@
 #include "app/control_commands.h"
 
 #include <algorithm>
+#include <optional>
+#include <string>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -21,6 +23,19 @@ std::string_view tunnelText(TunnelStatus status) {
     case TunnelStatus::disconnecting: return "Отключение...";
     default: return "Отключено";
   }
+}
+
+// An optional argument of a request: `fallback` when absent, nothing when it has another type
+// (a local client's mistake is answered, never trusted).
+std::optional<bool> boolArgument(const Json& request, std::string_view key, bool fallback) {
+  const auto found = request.find(key);
+  if (found == request.end()) return fallback;
+  return found->is_boolean() ? std::optional<bool>(found->get<bool>()) : std::nullopt;
+}
+std::optional<std::string> textArgument(const Json& request, std::string_view key, std::string fallback) {
+  const auto found = request.find(key);
+  if (found == request.end()) return fallback;
+  return found->is_string() ? std::optional<std::string>(found->get<std::string>()) : std::nullopt;
 }
 
 bool isUp(TunnelStatus s) {
@@ -251,7 +266,9 @@ void ControlCommands::mode(const Json& request, ControlReply reply) {
   }
   const auto wanted = request["set"].is_string() ? modeNamed(request["set"].get<std::string>()) : std::nullopt;
   if (!wanted) return finishError(reply, "usage", "", "режим: full, smart или services");
-  const bool confirmed = request.value("confirmed", false);
+  const auto confirmedArgument = boolArgument(request, "confirmed", false);
+  if (!confirmedArgument) return finishError(reply, "usage", "", "\"confirmed\" is true or false");
+  const bool confirmed = *confirmedArgument;
   if (*wanted == VPNRoutingMode::full && !confirmed && modes.currentMode().get() != VPNRoutingMode::full) {
     const FullModeConfirmation dialog = modes.fullModeConfirmation();
     return reply.finish(Json{{"ok", false},
@@ -278,8 +295,11 @@ void ControlCommands::mode(const Json& request, ControlReply reply) {
 
 void ControlCommands::sites(const Json& request, ControlReply reply) {
   ServiceCatalogStore& sites = app_.sites();
-  const std::string action = request.value("action", std::string("list"));
-  const std::string value = request.value("value", std::string());
+  const auto actionArgument = textArgument(request, "action", "list");
+  const auto valueArgument = textArgument(request, "value", "");
+  if (!actionArgument || !valueArgument) return finishError(reply, "usage", "", "\"action\" and \"value\" are texts");
+  const std::string& action = *actionArgument;
+  const std::string& value = *valueArgument;
   auto listing = [&] {
     Json services = Json::array();
     for (const auto& item : sites.catalog()) {
