@@ -1,6 +1,7 @@
 #include "platform/simulated_tunnel_service.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "platform/files.h"
 #include "testing/fake_named_notifications.h"
@@ -135,11 +136,30 @@ TEST_F(SimulatedTunnelServiceTest, ConfigurationsSurviveARestartAndADamagedFileI
   ASSERT_EQ(service_->configurations().size(), 1u);
   EXPECT_EQ(service_->configurations()[0], stored);
 
-  ASSERT_TRUE(writeFileAtomically(dir_ / "tunnel" / "preferences.json", "{\"configurations\": [7]}"));
-  service_ = make();
-  EXPECT_TRUE(service_->configurations().empty());
-  EXPECT_TRUE(std::filesystem::exists(dir_ / "tunnel" / "preferences.json.damaged"));
+  // Entries that are not objects, or whose fields have another type, as an editor or a torn copy
+  // leaves them: set aside every time, never a failed start.
+  for (const std::string damaged :
+       {R"({"configurations": [7]})", R"({"configurations": [{"identifier": "1", "enabled": "yes"}]})",
+        R"({"configurations": [{"identifier": "1", "onDemandRules": [{"interface": "wifi"}]}]})",
+        R"({"configurations": [{"identifier": "1", "protocol": {"providerBundleIdentifier": 5}}]})"}) {
+    std::filesystem::remove(dir_ / "tunnel" / "preferences.json.damaged");
+    ASSERT_TRUE(writeFileAtomically(dir_ / "tunnel" / "preferences.json", damaged));
+    service_ = make();
+    EXPECT_TRUE(service_->configurations().empty()) << damaged;
+    EXPECT_TRUE(std::filesystem::exists(dir_ / "tunnel" / "preferences.json.damaged")) << damaged;
+  }
   EXPECT_TRUE(log_.contains("[Tunnel] настройки туннеля повреждены"));
+
+  // A counter of another type is read as missing: the entries it came with are kept.
+  service_ = make();
+  const TunnelConfiguration kept = save(norvik());
+  auto text = readFile(dir_ / "tunnel" / "preferences.json").value();
+  auto document = nlohmann::json::parse(text);
+  document["nextIdentifier"] = nullptr;
+  ASSERT_TRUE(writeFileAtomically(dir_ / "tunnel" / "preferences.json", document.dump()));
+  service_ = make();
+  ASSERT_EQ(service_->configurations().size(), 1u);
+  EXPECT_NE(save(norvik()).identifier, kept.identifier);
 }
 
 TEST_F(SimulatedTunnelServiceTest, TelemetryShowsFlowingTrafficAndAStallThatAges) {

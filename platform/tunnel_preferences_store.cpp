@@ -1,6 +1,10 @@
 #include "platform/tunnel_preferences_store.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <type_traits>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -28,27 +32,56 @@ nlohmann::json toJson(const TunnelConfiguration& c) {
   return out;
 }
 
+// A field of a saved configuration: `fallback` when absent, nothing when it has another type (the
+// file was edited or damaged, and the entry cannot be trusted).
+template <class T>
+std::optional<T> field(const nlohmann::json& j, std::string_view key, T fallback) {
+  const auto found = j.find(key);
+  if (found == j.end()) return fallback;
+  bool fits = false;
+  if constexpr (std::is_same_v<T, bool>) {
+    fits = found->is_boolean();
+  } else if constexpr (std::is_same_v<T, std::string>) {
+    fits = found->is_string();
+  } else if constexpr (std::is_unsigned_v<T>) {
+    fits = found->is_number_unsigned();
+  } else {
+    fits = found->is_number_integer();
+  }
+  if (!fits) return std::nullopt;
+  return found->get<T>();
+}
+
 std::optional<TunnelConfiguration> configurationFromJson(const nlohmann::json& j) {
   if (!j.is_object() || !j.contains("identifier") || !j["identifier"].is_string()) return std::nullopt;
   TunnelConfiguration c;
   c.identifier = j["identifier"].get<std::string>();
-  c.revision = j.value("revision", std::uint64_t{1});
-  c.isEnabled = j.value("enabled", false);
-  c.isOnDemandEnabled = j.value("onDemand", false);
+  const auto revision = field(j, "revision", std::uint64_t{1});
+  const auto enabled = field(j, "enabled", false);
+  const auto onDemand = field(j, "onDemand", false);
+  if (!revision || !enabled || !onDemand) return std::nullopt;
+  c.revision = *revision;
+  c.isEnabled = *enabled;
+  c.isOnDemandEnabled = *onDemand;
   if (j.contains("name") && j["name"].is_string()) c.localizedDescription = j["name"].get<std::string>();
   if (j.contains("onDemandRules") && j["onDemandRules"].is_array()) {
     for (const auto& rule : j["onDemandRules"]) {
+      if (!rule.is_object()) return std::nullopt;
+      const auto action = field(rule, "action", std::string("connect"));
+      const auto interface = field(rule, "interface", std::int64_t{0});
+      if (!action || !interface) return std::nullopt;
       OnDemandRule r;
-      r.action = rule.value("action", std::string("connect")) == "connect" ? OnDemandRule::Action::connect
-                                                                         : OnDemandRule::Action::disconnect;
-      r.interfaceTypeMatch = static_cast<OnDemandRule::InterfaceType>(std::clamp(rule.value("interface", 0), 0, 3));
+      r.action = *action == "connect" ? OnDemandRule::Action::connect : OnDemandRule::Action::disconnect;
+      r.interfaceTypeMatch = static_cast<OnDemandRule::InterfaceType>(std::clamp<std::int64_t>(*interface, 0, 3));
       c.onDemandRules.push_back(r);
     }
   }
   if (j.contains("protocol") && j["protocol"].is_object()) {
     const auto& p = j["protocol"];
     TunnelProviderProtocol protocol;
-    protocol.providerBundleIdentifier = p.value("providerBundleIdentifier", std::string());
+    auto bundle = field(p, "providerBundleIdentifier", std::string());
+    if (!bundle) return std::nullopt;
+    protocol.providerBundleIdentifier = std::move(*bundle);
     if (p.contains("serverAddress") && p["serverAddress"].is_string()) {
       protocol.serverAddress = p["serverAddress"].get<std::string>();
     }
@@ -161,7 +194,9 @@ void TunnelPreferencesStore::restore() {
     return;
   }
   configurations_ = std::move(restored);
-  nextIdentifier_ = std::max<std::uint64_t>(document.value("nextIdentifier", std::uint64_t{1}), configurations_.size() + 1);
+  // A counter that cannot be read starts above every restored entry, like a missing one.
+  nextIdentifier_ = std::max<std::uint64_t>(field(document, "nextIdentifier", std::uint64_t{1}).value_or(1),
+                                            configurations_.size() + 1);
 }
 
 }  // namespace norvik
