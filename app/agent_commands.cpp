@@ -1,5 +1,7 @@
 #include "app/agent_commands.h"
 
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
 #include <iostream>
@@ -229,10 +231,17 @@ void addAgentCommands(CLI::App& app, const GlobalOptions& global, CommandResult&
   auto agentOptions = std::make_shared<AgentOptions>();
   auto* agent = app.add_subcommand("agent", "Запустить агент Norvik (приложение) в этом терминале");
   agent->add_option("--simulated-connect-ms", [agentOptions](const CLI::results_t& values) {
-    agentOptions->simulatedConnectDelay = std::chrono::milliseconds(std::stoll(values.at(0)));
+    // Whole milliseconds up to a day; anything else is refused as a usage error (exit status 2).
+    std::int64_t milliseconds = 0;
+    const std::string& text = values.at(0);
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), milliseconds);
+    if (error != std::errc() || end != text.data() + text.size() || milliseconds < 0 || milliseconds > 86'400'000) {
+      return false;
+    }
+    agentOptions->simulatedConnectDelay = std::chrono::milliseconds(milliseconds);
     agentOptions->simulatedConnectGiven = true;
     return true;
-  }, "How long the simulated tunnel takes to connect")->check(CLI::NonNegativeNumber);
+  }, "How long the simulated tunnel takes to connect (whole milliseconds)");
   agent->callback([&global, &result, agentOptions] { result = runAgent(global, *agentOptions); });
 
   auto json = std::make_shared<bool>(false);

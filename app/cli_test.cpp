@@ -118,6 +118,10 @@ TEST_F(CliTest, ConfigurationErrorsExitWithStatusTwoAndSayWhatIsWrong) {
   EXPECT_EQ(api({"no_such_endpoint"}).exitStatus, 2);
   EXPECT_EQ(norvik({"--backend", "ftp://x/", "--provisioning", (dir_ / "absent").string(), "debug", "api", "main"}).exitStatus, 2);
   EXPECT_EQ(norvik({"no-such-command"}).exitStatus, 2);
+  // Numbers that are not whole milliseconds, or do not fit, are usage errors rather than a crash.
+  for (const char* delay : {"1e3", "99999999999999999999999", "-5", "12ms"}) {
+    EXPECT_EQ(norvik({"agent", "--simulated-connect-ms", delay}).exitStatus, 2) << delay;
+  }
   EXPECT_TRUE(server_.requests().empty());
 }
 
