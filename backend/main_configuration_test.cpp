@@ -110,6 +110,16 @@ TEST_F(MainConfigurationTest, AFailedLoadKeepsEverythingAndTheNextStartSeesTheLa
   EXPECT_FALSE(service_->hasLiveMainResponse());
 }
 
+TEST_F(MainConfigurationTest, ADamagedCachedDocumentIsIgnoredAtStartAndTheNextLoadReplacesIt) {
+  defaults.setString("cachedAPIResponse", R"({"main": 7, "info": {}})");
+  EXPECT_EQ(service_->loadCachedMainConfiguration(), nullptr);
+  EXPECT_EQ(service_->currentResponse().get(), nullptr) << "nothing half-read is published";
+  EXPECT_TRUE(log.hasLine("Main config decoding error: \"main\": expected an object, found a number 7"));
+
+  ASSERT_TRUE(load(*service_).has_value());
+  EXPECT_EQ(defaults.stringValue("cachedAPIResponse"), mainBody_);
+}
+
 TEST_F(MainConfigurationTest, ASecondLoadWhileOneRunsJoinsIt) {
   transport_.setLatency(500ms);
   int answers = 0;

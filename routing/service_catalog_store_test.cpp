@@ -218,6 +218,26 @@ TEST_F(ServiceCatalogStoreTest, AFailedDownloadKeepsTheOldVersionAndTheNextRespo
   EXPECT_EQ(group.stringValue(ServiceCatalogStore::kServiceListsVersion), "v2");
 }
 
+TEST_F(ServiceCatalogStoreTest, AnUnreadableListsCacheIsIgnoredAndDownloadedAgain) {
+  endpoints["service_lists"] = [](const HttpRequest&) {
+    return ok(R"({"version":"v1","services":{"telegram":["91.108.4.0/22"]}})");
+  };
+  ASSERT_TRUE(makeDirectories(geodata()));
+  ASSERT_TRUE(writeFileAtomically(geodata() / "services_cache", R"({"services":{"telegram":"91.108.4.0/22"}})"));
+  group.setString(ServiceCatalogStore::kServiceListsVersion, "v1");
+  auto store = makeStore();
+  EXPECT_TRUE(log.contains("[ServiceLists][cache] unreadable, ignored: \"services.telegram\": expected an array"));
+
+  // The stored version describes a cache that cannot be read, so the same version is fetched again.
+  RoutingConfig routing;
+  routing.listsVersion = "v1";
+  publish(responseWith(routing));
+  EXPECT_TRUE(log.hasLine("[ServiceLists] version changed (stored=none, new=v1) — downloading /service_lists"));
+  ASSERT_TRUE(loop.runUntil([&] { return log.contains("[ServiceLists] synced: "); }));
+  EXPECT_EQ(sends["service_lists"], 1);
+  EXPECT_TRUE(hasLine(serviceCIDRs(), "91.108.4.0/22"));
+}
+
 TEST_F(ServiceCatalogStoreTest, ACacheThatCannotBeWrittenLeavesTheVersionForTheNextTry) {
   endpoints["service_lists"] = [](const HttpRequest&) { return ok(R"({"services":{"telegram":["91.108.4.0/22"]}})"); };
   // A directory where the cache file belongs: the rename over it fails.

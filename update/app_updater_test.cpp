@@ -138,6 +138,16 @@ TEST_F(AppUpdaterTest, AFailedMainFeedFallsBackToTheMirror) {
   EXPECT_EQ(log_.count("[Update] фид: зеркало"), 1u);
 }
 
+TEST_F(AppUpdaterTest, AFeedTooLargeToBeAFeedIsRefusedUnreadAndTheMirrorAsked) {
+  const std::size_t size = FeedAppcastUpdater::kMaxFeedBytes + 1;
+  answers_[std::string(kMirrorURL)] = answers_[std::string(kFeedURL)];
+  answers_[std::string(kFeedURL)] = page(std::string(size, ' '));
+  updater().start();
+  EXPECT_TRUE(checkNow().is<S::Available>());
+  EXPECT_TRUE(log_.hasLine("[Update] фид не загрузился: the feed has " + std::to_string(size) +
+                           " bytes, more than a feed can"));
+}
+
 TEST_F(AppUpdaterTest, WhenBothFeedsFailOnlyACheckTheUserAskedForSaysSo) {
   answers_[std::string(kFeedURL)] = std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::cannotConnect));
   answers_[std::string(kMirrorURL)] = std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::timedOut));
