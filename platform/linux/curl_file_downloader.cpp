@@ -111,7 +111,7 @@ DownloadResult performDownload(const DownloadRequest& request, const std::string
   curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
   curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-  curl_support::trustExtraCa(curl, extraCaPem);
+  curl_support::configureTrust(curl, extraCaPem);
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);  // an error page never lands in the file
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, stallMs);

@@ -158,7 +158,7 @@ HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpReq
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
   curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-  curl_support::trustExtraCa(curl, config.extraCaPem);
+  curl_support::configureTrust(curl, config.extraCaPem);
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");

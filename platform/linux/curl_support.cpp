@@ -48,10 +48,20 @@ std::expected<std::string, Error> loadExtraCaPem(const std::filesystem::path& fi
   return pem;
 }
 
-void trustExtraCa(CURL* curl, const std::string& pem) {
-  if (pem.empty()) return;
+void configureTrust(CURL* curl, const std::string& extraPem) {
+  // libcurl's built-in directory; without one (or when it is missing) its bundle stays in use.
+  static const char* const certificateDirectory = []() -> const char* {
+    const char* path = curl_version_info(CURLVERSION_NOW)->capath;
+    std::error_code error;
+    return path && std::filesystem::is_directory(path, error) ? path : nullptr;
+  }();
+  if (certificateDirectory) {
+    curl_easy_setopt(curl, CURLOPT_CAINFO, nullptr);
+    curl_easy_setopt(curl, CURLOPT_CAPATH, certificateDirectory);
+  }
+  if (extraPem.empty()) return;
   curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, &addExtraCa);
-  curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, const_cast<std::string*>(&pem));
+  curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, const_cast<std::string*>(&extraPem));
 }
 
 }  // namespace norvik::curl_support

@@ -15,8 +15,11 @@ void initialiseOnce();
 // The PEM text of an extra CA file, refused when it holds no certificate.
 [[nodiscard]] std::expected<std::string, Error> loadExtraCaPem(const std::filesystem::path& file);
 
-// Makes every TLS context of `curl` trust the certificates of `pem` besides the system's (the
-// system store is kept; verification stays on). `pem` must outlive the transfer.
-void trustExtraCa(CURL* curl, const std::string& pem);
+// Makes `curl` verify peers against the system's certificates and those of `extraPem` (may be
+// empty; must outlive the transfer). The system's certificates are looked up in the hashed
+// certificate directory one issuer at a time, as a chain needs them, rather than parsing the whole
+// bundle into each handle's store: with one handle per worker thread the parsed bundles alone held
+// 4 MB of the agent's memory.
+void configureTrust(CURL* curl, const std::string& extraPem);
 
 }  // namespace norvik::curl_support
