@@ -31,7 +31,7 @@ std::string tunnelErrorMessage(const Error& error) {
       default: return fmt::format("Ошибка сети (код {}). Проверьте подключение к интернету.", error.code);
     }
   }
-  return "Не удалось подключиться к VPN. " + error.description();
+  return fmt::format("Не удалось подключиться к VPN. {}", error.description());
 }
 
 }  // namespace norvik
