@@ -30,7 +30,7 @@ TEST(DomainNameTest, RefusesWhatIsNoDomain) {
   const std::string longLabel(64, 'a');
   const std::string longName = std::string(62, 'a') + "." + std::string(62, 'b') + "." + std::string(62, 'c') + "." +
                                std::string(62, 'd') + ".com";  // 255 characters
-  const std::string_view refused[] = {
+  const std::string refused[] = {
       "",
       "   ",
       "https://twitch.tv",
@@ -54,7 +54,7 @@ TEST(DomainNameTest, RefusesWhatIsNoDomain) {
       longName,
       "...",
   };
-  for (auto input : refused) {
+  for (const auto& input : refused) {
     auto parsed = parseDomainName(input);
     EXPECT_FALSE(parsed.has_value()) << "accepted \"" << input << "\" as " << parsed->ascii;
   }
