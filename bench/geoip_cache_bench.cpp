@@ -2,13 +2,11 @@
 // the floor every cache write pays: the same bytes written to a temporary file, fsync, rename.
 //   build-release/bench/geoip_cache_bench --benchmark_repetitions=10 --benchmark_report_aggregates_only=true
 #include <benchmark/benchmark.h>
-#include <cerrno>
-#include <fcntl.h>
 #include <string>
-#include <unistd.h>
 
 #include <fmt/format.h>
 
+#include "bench/floor_write.h"
 #include "routing/geoip_cache.h"
 #include "routing/geoip_payload.h"
 #include "testing/temp_dir.h"
@@ -57,24 +55,11 @@ BENCHMARK(BM_AcceptGeoIPList)->Unit(benchmark::kMillisecond)->UseRealTime();
 void BM_Floor_WriteFsyncRename(benchmark::State& state) {
   testing::TempDir dir;
   const std::string& body = realisticList();
-  const std::string temporary = (dir / "floor.tmp").string();
-  const std::string target = (dir / "floor.txt").string();
   for (auto _ : state) {
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    std::size_t done = 0;
-    while (fd >= 0 && done < body.size()) {
-      const ssize_t n = ::write(fd, body.data() + done, body.size() - done);
-      if (n < 0 && errno != EINTR) break;
-      if (n > 0) done += static_cast<std::size_t>(n);
+    // With Arg 1 also the directory fsync, as the cache write does.
+    if (!bench::writeFsyncRename(dir / "floor.txt", body, state.range(0) == 1)) {
+      state.SkipWithError("the floor write failed");
     }
-    bool ok = fd >= 0 && done == body.size() && ::fsync(fd) == 0 && ::close(fd) == 0 &&
-              ::rename(temporary.c_str(), target.c_str()) == 0;
-    if (state.range(0) == 1) {
-      // With the directory fsync that makes the rename itself durable, as the cache write does.
-      const int directory = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-      ok = ok && directory >= 0 && ::fsync(directory) == 0 && ::close(directory) == 0;
-    }
-    if (!ok) state.SkipWithError("the floor write failed");
   }
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * body.size()));
 }
