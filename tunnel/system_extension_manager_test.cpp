@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 using Kind = SystemExtensionState::Kind;
 using Answer = SystemExtensionReplacementAction;
 
-constexpr const char* kKey = "[Interface]\nPrivateKey = a2V5\n[Peer]\nEndpoint = 203.0.113.10:51820";
+constexpr const char* kExtensionKey = "[Interface]\nPrivateKey = a2V5\n[Peer]\nEndpoint = 203.0.113.10:51820";
 
 Error systemError(SystemExtensionErrorCode code) { return makeSystemExtensionError(code, "system says no"); }
 
@@ -35,7 +35,7 @@ class SystemExtensionManagerTest : public ::testing::Test {
 
   void connectTunnel() {
     std::optional<std::expected<void, Error>> done;
-    vpn_.installKey(kKey, [&](auto r) { done = r; });
+    vpn_.installKey(kExtensionKey, [&](auto r) { done = r; });
     loop_.runUntil([&] { return done.has_value(); });
     ASSERT_TRUE(done->has_value());
     done.reset();

@@ -13,8 +13,6 @@ Error noProviderSession() { return Error{"", 3, "Tunnel Provider не найде
 
 bool isNamed(const TunnelConfiguration& c, std::string_view name) { return c.localizedDescription == name; }
 
-std::string boolText(bool value) { return value ? "true" : "false"; }
-
 }  // namespace
 
 struct VPNManager::ConnectRun {
@@ -115,7 +113,7 @@ void VPNManager::checkConfigurationExists(std::move_only_function<void(bool)> co
     self->log_.format("[VPNManager] ЖЕЛЕЗНАЯ ПРОВЕРКА: конфигурация {}", exists ? "СУЩЕСТВУЕТ" : "ОТСУТСТВУЕТ");
     if (self->isConfigured_.get() != exists) {
       self->log_.format("[VPNManager] Обнаружено несоответствие кэша! Было: {}, стало: {}",
-                        boolText(self->isConfigured_.get()), boolText(exists));
+                        self->isConfigured_.get(), exists);
     }
     if (found) self->tunnelManager_ = *found;
     self->isConfigured_.set(exists);
@@ -304,7 +302,7 @@ void VPNManager::onConnectLoaded(std::shared_ptr<ConnectRun> run,
     } else {
       self->tunnelManager_ = std::move(*saved);
     }
-    self->log_.format("[on-demand] isOnDemandEnabled={}", boolText(wanted));
+    self->log_.format("[on-demand] isOnDemandEnabled={}", wanted);
     self->decideStart(std::move(run));
   });
 }

@@ -10,8 +10,6 @@
 namespace norvik {
 namespace {
 
-std::string_view boolText(bool value) { return value ? "true" : "false"; }
-
 bool isLive(TunnelStatus status) {
   return status == TunnelStatus::connecting || status == TunnelStatus::connected ||
          status == TunnelStatus::reasserting;
@@ -414,7 +412,7 @@ void VPNManager::finishRestart(std::string_view failStep, std::string reason) {
   std::shared_ptr<SilentRestart> restart = std::exchange(silentRestart_, nullptr);
   const bool ok = failStep.empty();
   if (!ok) log_.format("[VPNManager] [SmartStatus] silentTunnelRestart: {}: {}", failStep, reason);
-  log_.format("[VPNManager] [SmartStatus] silentTunnelRestart: end ok={} failStep={}", boolText(ok), failStep);
+  log_.format("[VPNManager] [SmartStatus] silentTunnelRestart: end ok={} failStep={}", ok, failStep);
   if (!ok) log_.format("[VPNManager] [SmartStatus] починка провалена на шаге {}", failStep);
   applyRealStatus();
   if (restart->completion) restart->completion(SilentRestartResult{ok, std::string(failStep), std::move(reason)});
@@ -427,7 +425,7 @@ void VPNManager::applyRealStatus() {
   const std::string& identifier = tunnelManager_->identifier;
   const TunnelStatus status = tunnels_.status(identifier);
   const bool selfHeal = status == TunnelStatus::disconnected && group_.integerForKey(kSelfHealMaxPerDayFlag) > 0;
-  log_.format("[VPNManager] [SmartStatus] applyRealStatus: raw={} selfHeal={}", toString(status), boolText(selfHeal));
+  log_.format("[VPNManager] [SmartStatus] applyRealStatus: raw={} selfHeal={}", toString(status), selfHeal);
   connectionState_.set(status);
   connectionStartTime_ = status == TunnelStatus::connected ? tunnels_.connectedDate(identifier) : std::nullopt;
   if (selfHeal) selfHealIfNeeded(status);

@@ -14,7 +14,7 @@ using Status = TunnelStatus;
 using Outcome = VPNManager::SoftRemoveOutcome;
 using Restart = VPNManager::SilentRestartResult;
 
-constexpr const char* kKey = "[Interface]\nPrivateKey = a2V5\n[Peer]\nEndpoint = 203.0.113.10:51820";
+constexpr const char* kResilienceKey = "[Interface]\nPrivateKey = a2V5\n[Peer]\nEndpoint = 203.0.113.10:51820";
 
 class VPNManagerResilienceTest : public ::testing::Test {
  protected:
@@ -22,7 +22,7 @@ class VPNManagerResilienceTest : public ::testing::Test {
 
   std::expected<void, Error> install() {
     std::optional<std::expected<void, Error>> result;
-    manager_->installKey(kKey, [&](auto r) { result = std::move(r); });
+    manager_->installKey(kResilienceKey, [&](auto r) { result = std::move(r); });
     loop_.runUntil([&] { return result.has_value(); });
     return *result;
   }

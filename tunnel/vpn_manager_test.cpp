@@ -13,7 +13,7 @@ namespace {
 using namespace std::chrono_literals;
 using Status = TunnelStatus;
 
-constexpr const char* kKey =
+constexpr const char* kManagerKey =
     "[Interface]\nPrivateKey=aGVsbG8tdGhpcy1pcy1hLW1hZGUtdXAta2V5LTAwMDA=\nAddress = 10.8.0.2/32\n\n\n"
     "[Peer]\nPublicKey = bWFkZS11cC1wdWJsaWMta2V5LWZvci10ZXN0cy0wMDA=\nEndpoint = 203.0.113.10:51820\n";
 
@@ -27,7 +27,7 @@ class VPNManagerTest : public ::testing::Test {
         [this] { return extras_; }});
   }
 
-  std::expected<void, Error> install(std::string key = kKey) {
+  std::expected<void, Error> install(std::string key = kManagerKey) {
     std::optional<std::expected<void, Error>> result;
     manager_->installKey(std::move(key), [&](auto r) { result = std::move(r); });
     loop_.runUntil([&] { return result.has_value(); });
@@ -359,7 +359,7 @@ TEST_F(VPNManagerTest, ReconnectIfActiveRestartsARunningTunnelAndLeavesAStoppedO
 
 TEST_F(VPNManagerTest, NothingRunsOnceTheManagerIsGone) {
   bool called = false;
-  manager_->installKey(kKey, [&](auto) { called = true; });
+  manager_->installKey(kManagerKey, [&](auto) { called = true; });
   manager_.reset();
   loop_.runUntilNoTasksRemain();
   EXPECT_FALSE(called);

@@ -15,7 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kKey = "[Interface]\nPrivateKey = a2V5\n[Peer]\nEndpoint = 203.0.113.10:51820";
+constexpr const char* kWidgetKey = "[Interface]\nPrivateKey = a2V5\n[Peer]\nEndpoint = 203.0.113.10:51820";
 
 // The simulated service, except that it may not know yet when a session connected (the system
 // reports the status change first).
@@ -81,7 +81,7 @@ class WidgetCommandCenterTest : public ::testing::Test {
 
   void installAndConnect() {
     std::optional<std::expected<void, Error>> done;
-    vpn_.installKey(kKey, [&](auto r) { done = r; });
+    vpn_.installKey(kWidgetKey, [&](auto r) { done = r; });
     loop_.runUntil([&] { return done.has_value(); });
     vpn_.connect([](auto) {});
     ASSERT_TRUE(loop_.runUntil([&] { return vpn_.connectionState().get() == TunnelStatus::connected; }, 5s));

@@ -12,7 +12,7 @@ constexpr std::string_view kServer = "v/7M2+2OWnKiY1bBBRCZdonA03KacdWGweHDlBqeHI
 constexpr std::string_view kServer2 = "u7OuEZhmqFukk7d0RLNAQa3GlyjAarm0m0wQb4jWO+E=";
 constexpr std::string_view kPreshared = "ePy+5bRjPpKIPIq5M/XmEqVmhaIPXFEHBbv4xdFnLgw=";
 
-std::string keyText(std::string_view interfaceExtra = "", std::string_view peerExtra = "",
+std::string sampleKeyText(std::string_view interfaceExtra = "", std::string_view peerExtra = "",
                     std::string_view endpoint = "203.0.113.10:51820") {
   return fmt::format(
       "[Interface]\nPrivateKey = {}\nAddress = 10.66.1.2/32\n{}\n[Peer]\nPublicKey = {}\nAllowedIPs = 0.0.0.0/0\n"
@@ -86,7 +86,7 @@ TEST(TunnelKeyTest, MissingPiecesAreNamedWithTheirSection) {
   EXPECT_EQ(errorOf(fmt::format("[Interface]\nPrivateKey = {}\nAddress = 10.0.0.2/32\n[Peer]\nAllowedIPs = 0.0.0.0/0\n",
                                 kPrivate)),
             "строка 4: в [Peer] нет PublicKey");
-  EXPECT_EQ(errorOf(keyText().replace(keyText().find("Endpoint"), 29, "")), "строка 5: в [Peer] нет Endpoint");
+  EXPECT_EQ(errorOf(sampleKeyText().replace(sampleKeyText().find("Endpoint"), 29, "")), "строка 5: в [Peer] нет Endpoint");
 }
 
 TEST(TunnelKeyTest, BadValuesQuoteTheLineButNeverASecret) {
@@ -98,29 +98,29 @@ TEST(TunnelKeyTest, BadValuesQuoteTheLineButNeverASecret) {
   // One byte too many, the right length without padding, characters outside Base64.
   for (std::string_view key : {"jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWuoA", "jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWu!=",
                                "jBA55xcLAlLrUOQji5V5t0IDhYd"}) {
-    const std::string text = keyText("", fmt::format("PresharedKey = {}", key));
+    const std::string text = sampleKeyText("", fmt::format("PresharedKey = {}", key));
     const std::string error = errorOf(text);
     EXPECT_NE(error.find("«PresharedKey = …»"), std::string::npos) << error;
     EXPECT_EQ(error.find(key), std::string::npos) << error;
   }
-  EXPECT_EQ(errorOf(keyText("", "", "[2001:db8::1:51820")),
+  EXPECT_EQ(errorOf(sampleKeyText("", "", "[2001:db8::1:51820")),
             "строка 8: «Endpoint = [2001:db8::1:51820» — ожидается «адрес:порт», «имя:порт» или «[IPv6]:порт» с портом "
             "от 1 до 65535");
-  EXPECT_EQ(errorOf(keyText("Address = 10.0.0.2/33")),
+  EXPECT_EQ(errorOf(sampleKeyText("Address = 10.0.0.2/33")),
             "строка 4: «Address = 10.0.0.2/33» — не адрес с длиной префикса: «10.0.0.2/33»");
-  EXPECT_EQ(errorOf(keyText("DNS = 1.1.1.1, not a name")),
+  EXPECT_EQ(errorOf(sampleKeyText("DNS = 1.1.1.1, not a name")),
             "строка 4: «DNS = 1.1.1.1, not a name» — не адрес DNS-сервера и не домен поиска: «not a name»");
-  EXPECT_EQ(errorOf(keyText("", "PersistentKeepalive = soon")),
+  EXPECT_EQ(errorOf(sampleKeyText("", "PersistentKeepalive = soon")),
             "строка 9: «PersistentKeepalive = soon» — интервал должен быть от 0 до 65535 секунд или off");
 }
 
 TEST(TunnelKeyTest, AbsurdMtusAreRefusedAndIPv6NeedsItsMinimum) {
   for (std::string_view mtu : {"0", "575", "9001", "-1400", "1e3", "99999999999", "1400.5"}) {
-    EXPECT_NE(errorOf(keyText(fmt::format("MTU = {}", mtu))).find("MTU должен быть от 576 до 9000"), std::string::npos) << mtu;
+    EXPECT_NE(errorOf(sampleKeyText(fmt::format("MTU = {}", mtu))).find("MTU должен быть от 576 до 9000"), std::string::npos) << mtu;
   }
-  EXPECT_TRUE(parseTunnelKey(keyText("MTU = 576")).has_value());
-  EXPECT_TRUE(parseTunnelKey(keyText("MTU = 9000")).has_value());
-  EXPECT_EQ(errorOf(keyText("Address = fd00::2/128\nMTU = 1200")),
+  EXPECT_TRUE(parseTunnelKey(sampleKeyText("MTU = 576")).has_value());
+  EXPECT_TRUE(parseTunnelKey(sampleKeyText("MTU = 9000")).has_value());
+  EXPECT_EQ(errorOf(sampleKeyText("Address = fd00::2/128\nMTU = 1200")),
             "строка 1: MTU 1200 меньше 1280, без которых IPv6-адрес интерфейса не работает");
 }
 
@@ -128,13 +128,13 @@ TEST(TunnelKeyTest, StructureMistakesAreRefusedWhereTheyHappen) {
   EXPECT_EQ(errorOf("PrivateKey = x\n"), "строка 1: «PrivateKey = …» — строка вне раздела [Interface] или [Peer]");
   EXPECT_EQ(errorOf("[Interface\n"), "строка 1: «[Interface» — заголовок раздела без «]»");
   EXPECT_EQ(errorOf("[Wireguard]\n"), "строка 1: «[Wireguard]» — неизвестный раздел (ожидается [Interface] или [Peer])");
-  EXPECT_EQ(errorOf(keyText("[Interface]")), "строка 4: «[Interface]» — второй раздел [Interface]");
-  EXPECT_EQ(errorOf(keyText("MTU = 1400\nMTU = 1300")), "строка 5: «MTU = 1300» — ключ повторяется");
-  EXPECT_EQ(errorOf(keyText("Adress = 10.0.0.3/32")), "строка 4: «Adress = 10.0.0.3/32» — неизвестный ключ в разделе [Interface]");
-  EXPECT_EQ(errorOf(keyText("Address")), "строка 4: «Address» — ожидается «Ключ = Значение»");
-  EXPECT_EQ(errorOf(keyText("Address =")), "строка 4: «Address =» — пустое значение");
+  EXPECT_EQ(errorOf(sampleKeyText("[Interface]")), "строка 4: «[Interface]» — второй раздел [Interface]");
+  EXPECT_EQ(errorOf(sampleKeyText("MTU = 1400\nMTU = 1300")), "строка 5: «MTU = 1300» — ключ повторяется");
+  EXPECT_EQ(errorOf(sampleKeyText("Adress = 10.0.0.3/32")), "строка 4: «Adress = 10.0.0.3/32» — неизвестный ключ в разделе [Interface]");
+  EXPECT_EQ(errorOf(sampleKeyText("Address")), "строка 4: «Address» — ожидается «Ключ = Значение»");
+  EXPECT_EQ(errorOf(sampleKeyText("Address =")), "строка 4: «Address =» — пустое значение");
   // The same server twice would make the device drop one of them silently.
-  EXPECT_EQ(errorOf(keyText("", fmt::format("[Peer]\nPublicKey = {}", kServer))),
+  EXPECT_EQ(errorOf(sampleKeyText("", fmt::format("[Peer]\nPublicKey = {}", kServer))),
             "строка 10: «PublicKey = v/7M2+2OWnKiY1bBBRCZdonA03KacdWGweHDlBqeHIk=» — этот PublicKey уже есть у другого пира");
   // Control bytes are not copied into a message that ends up on screen and in the log.
   EXPECT_EQ(errorOf("\x1b[31m\n"), "строка 1: «?[31m» — ожидается «Ключ = Значение»");
@@ -160,10 +160,10 @@ TEST(TunnelKeyTest, BoundsKeepHostileKeysCheap) {
   EXPECT_EQ(errorOf(std::string(kMaxKeyTextBytes + 1, '#')), "текст ключа длиннее 65536 байт");
   std::string addresses = "Address = 10.0.0.1/32";
   for (int i = 2; i <= 17; ++i) addresses += fmt::format(", 10.0.0.{}/32", i);
-  EXPECT_NE(errorOf(keyText(addresses)).find("адресов больше 16"), std::string::npos);
+  EXPECT_NE(errorOf(sampleKeyText(addresses)).find("адресов больше 16"), std::string::npos);
   // A long line is quoted only in part.
   const std::string longLine = "DNS = " + std::string(300, 'x');
-  const std::string error = errorOf(keyText(longLine));
+  const std::string error = errorOf(sampleKeyText(longLine));
   EXPECT_LT(error.size(), 400u);
   EXPECT_NE(error.find("…»"), std::string::npos);
 }

@@ -196,7 +196,7 @@ TEST_F(TunnelSessionTest, TheDeviceDyingEndsTheSessionAndDestroyingItRestoresToo
 }
 
 // Preparation: all of it happens before the system is touched, so a refusal here changes nothing.
-const std::string kKey =
+const std::string kSessionKey =
     "[Interface]\nPrivateKey = jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWuo=\nAddress = 10.66.1.2/32\n[Peer]\n"
     "PublicKey = v/7M2+2OWnKiY1bBBRCZdonA03KacdWGweHDlBqeHIk=\nAllowedIPs = 0.0.0.0/0\nEndpoint = vpn.example.net:51820\n";
 
@@ -214,7 +214,7 @@ HostResolver resolverFor(std::map<std::string, std::string> table, std::vector<s
 }
 
 TEST(SessionPreparationTest, ResolvesTheEndpointIntoTheDeviceConfiguration) {
-  auto prepared = prepareSession(Json{{"wgQuickConfig", kKey}, {"routing.goMode", "2"}},
+  auto prepared = prepareSession(Json{{"wgQuickConfig", kSessionKey}, {"routing.goMode", "2"}},
                                  resolverFor({{"vpn.example.net", "10.200.0.1"}}));
   ASSERT_TRUE(prepared.has_value()) << prepared.error().message;
   EXPECT_NE(prepared->session.setRequest.find("endpoint=10.200.0.1:51820\n"), std::string::npos);
@@ -228,20 +228,20 @@ TEST(SessionPreparationTest, RefusalsCarryTheirCodeAndNeverTheKey) {
   EXPECT_EQ(bad.error().code, static_cast<int>(NEVPNErrorCode::configurationInvalid));
   EXPECT_EQ(bad.error().message.find("short"), std::string::npos);
 
-  auto unresolved = prepareSession(Json{{"wgQuickConfig", kKey}}, resolverFor({}));
+  auto unresolved = prepareSession(Json{{"wgQuickConfig", kSessionKey}}, resolverFor({}));
   ASSERT_FALSE(unresolved.has_value());
   EXPECT_EQ(unresolved.error().code, static_cast<int>(NEVPNErrorCode::connectionFailed));
   EXPECT_EQ(unresolved.error().message,
             "строка 4: Endpoint «vpn.example.net:51820» не разрешается: Name or service not known");
 
   // The made-up servers of a development backend: nothing is sent towards them.
-  auto documentation = prepareSession(Json{{"wgQuickConfig", kKey}}, resolverFor({{"vpn.example.net", "203.0.113.10"}}));
+  auto documentation = prepareSession(Json{{"wgQuickConfig", kSessionKey}}, resolverFor({{"vpn.example.net", "203.0.113.10"}}));
   ASSERT_FALSE(documentation.has_value());
   EXPECT_NE(documentation.error().message.find("адрес из диапазона для документации"), std::string::npos);
 }
 
 TEST(SessionPreparationTest, SmartWithoutAListAndServicesWithWatchDomains) {
-  auto smart = prepareSession(Json{{"wgQuickConfig", kKey}, {"geodata.geoip_cache.path", "/nonexistent/geoip.txt"}},
+  auto smart = prepareSession(Json{{"wgQuickConfig", kSessionKey}, {"geodata.geoip_cache.path", "/nonexistent/geoip.txt"}},
                               resolverFor({{"vpn.example.net", "10.200.0.1"}}));
   ASSERT_TRUE(smart.has_value());
   EXPECT_TRUE(std::ranges::none_of(smart->session.plan.routes, [](const PlannedRoute& r) { return r.bypass; }));
@@ -251,7 +251,7 @@ TEST(SessionPreparationTest, SmartWithoutAListAndServicesWithWatchDomains) {
 
   std::vector<std::string> asked;
   auto services = prepareSession(
-      Json{{"wgQuickConfig", kKey}, {"routing.goMode", "1"}, {"routing.watchDomains", "a.example\nb.example\nc.example"}},
+      Json{{"wgQuickConfig", kSessionKey}, {"routing.goMode", "1"}, {"routing.watchDomains", "a.example\nb.example\nc.example"}},
       resolverFor({{"vpn.example.net", "10.200.0.1"}, {"a.example", "10.5.0.1"}, {"c.example", "10.5.0.3"}}, &asked));
   ASSERT_TRUE(services.has_value());
   std::vector<std::string> routes;

@@ -13,7 +13,7 @@ using testing::FakeDeviceSocket;
 
 using namespace std::chrono_literals;
 
-constexpr std::string_view kKey =
+constexpr std::string_view kUapiKey =
     "[Interface]\nPrivateKey = jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWuo=\nAddress = 10.66.1.2/32\nListenPort = 0\n"
     "[Peer]\nPublicKey = v/7M2+2OWnKiY1bBBRCZdonA03KacdWGweHDlBqeHIk=\n"
     "PresharedKey = ePy+5bRjPpKIPIq5M/XmEqVmhaIPXFEHBbv4xdFnLgw=\nAllowedIPs = 0.0.0.0/0, ::/0\n"
@@ -24,7 +24,7 @@ constexpr std::string_view kKey =
 constexpr std::string_view kServerHex = "bffeccdbed8e5a72a26356c10510997689c0d3729a71d586c1e1c3941a9e1c89";
 
 TEST(UapiTest, TheSetRequestCarriesTheWholeConfigurationInHex) {
-  auto key = parseTunnelKey(kKey);
+  auto key = parseTunnelKey(kUapiKey);
   ASSERT_TRUE(key.has_value()) << key.error().message;
   const std::string request =
       uapiSetRequest(*key, {{*IpAddress::parse("198.51.100.7"), 51820}, {*IpAddress::parse("2001:db8::7"), 443}}, 0x6E76);

@@ -17,8 +17,8 @@ using namespace std::chrono_literals;
 using testing::FakeMacTools;
 namespace texts = update_texts;
 
-constexpr std::string_view kImageURL = "https://dl.example.test/Norvik-2.0.dmg";
-const std::string kImage = std::string(200 * 1024, 'D') + "disk image";
+constexpr std::string_view kInstallerImageURL = "https://dl.example.test/Norvik-2.0.dmg";
+const std::string kInstallerImage = std::string(200 * 1024, 'D') + "disk image";
 
 class DiskImageInstallerTest : public ::testing::Test {
  protected:
@@ -30,7 +30,7 @@ class DiskImageInstallerTest : public ::testing::Test {
       std::filesystem::create_directories(d);
     }
     FakeMacTools::writeText(config_.installedApp() / "Contents" / "version", "1.0");
-    downloader_.serve(std::string(kImageURL), kImage);
+    downloader_.serve(std::string(kInstallerImageURL), kInstallerImage);
   }
 
   InstallResult install(DiskImageSource source, ProcessRunner* runner = nullptr) {
@@ -42,9 +42,9 @@ class DiskImageInstallerTest : public ::testing::Test {
     EXPECT_FALSE(installer.isRunning());
     return result ? std::move(*result) : std::unexpected(InstallFailure{"no result", ""});
   }
-  static DiskImageSource source(std::optional<std::uint64_t> length = kImage.size(),
+  static DiskImageSource source(std::optional<std::uint64_t> length = kInstallerImage.size(),
                                 std::optional<std::string> signature = std::nullopt) {
-    return DiskImageSource{std::string(kImageURL), "2.0", length, std::move(signature), false};
+    return DiskImageSource{std::string(kInstallerImageURL), "2.0", length, std::move(signature), false};
   }
   std::string installedVersion() const { return FakeMacTools::readText(config_.installedApp() / "Contents" / "version"); }
   std::string mountedApp() const { return (tools_.mountPoint / "Norvik.app").string(); }
@@ -76,7 +76,7 @@ TEST_F(DiskImageInstallerTest, InstallsStepByStepWithTheExactToolsAndOptions) {
   const auto& request = downloader_.requests().at(0);
   EXPECT_TRUE(request.destination.filename().string().starts_with("Norvik-update-")) << request.destination;
   EXPECT_EQ(request.destination.parent_path(), config_.temporaryDirectory);
-  EXPECT_EQ(request.maxBytes, kImage.size());
+  EXPECT_EQ(request.maxBytes, kInstallerImage.size());
   const std::string app = config_.installedApp().string();
   const std::string staging = config_.stagingApp().string();
   const std::vector<std::vector<std::string>> expected = {
@@ -103,13 +103,13 @@ TEST_F(DiskImageInstallerTest, InstallsStepByStepWithTheExactToolsAndOptions) {
   std::vector<std::uint64_t> received;
   for (const auto& p : progress_) {
     if (p.step == InstallStep::downloading) {
-      EXPECT_EQ(p.download.total, kImage.size());
+      EXPECT_EQ(p.download.total, kInstallerImage.size());
       received.push_back(p.download.received);
     }
   }
   EXPECT_GE(received.size(), 4u);
   EXPECT_TRUE(std::is_sorted(received.begin(), received.end()));
-  EXPECT_EQ(received.back(), kImage.size());
+  EXPECT_EQ(received.back(), kInstallerImage.size());
   EXPECT_EQ(progress_.back().step, InstallStep::relaunching);
 }
 
@@ -244,22 +244,22 @@ TEST(ShellQuotingTest, EveryByteSurvivesARealShell) {
 
 TEST_F(DiskImageInstallerTest, TheDownloadIsCheckedBeforeAnythingIsMounted) {
   testing::Ed25519Signer signer;
-  EXPECT_EQ(install(source(kImage.size(), signer.sign(kImage))).error().userMessage, texts::kCouldNotUpdate)
+  EXPECT_EQ(install(source(kInstallerImage.size(), signer.sign(kInstallerImage))).error().userMessage, texts::kCouldNotUpdate)
       << "a signature nobody can check is not trusted";
   config_.ed25519PublicKey = signer.publicKey();
 
-  auto shorter = install(source(kImage.size() + 1));
+  auto shorter = install(source(kInstallerImage.size() + 1));
   EXPECT_EQ(shorter.error().userMessage, texts::kFileDamaged);
-  EXPECT_EQ(shorter.error().detail, fmt::format("downloaded {} bytes, the feed says {}", kImage.size(), kImage.size() + 1));
+  EXPECT_EQ(shorter.error().detail, fmt::format("downloaded {} bytes, the feed says {}", kInstallerImage.size(), kInstallerImage.size() + 1));
 
-  auto longer = install(source(kImage.size() - 1));
+  auto longer = install(source(kInstallerImage.size() - 1));
   EXPECT_EQ(longer.error().userMessage, texts::kFileDamaged);
 
-  auto tampered = install(source(kImage.size(), signer.sign(kImage + "x")));
+  auto tampered = install(source(kInstallerImage.size(), signer.sign(kInstallerImage + "x")));
   EXPECT_EQ(tampered.error().userMessage, texts::kFileDamaged);
   EXPECT_EQ(tampered.error().detail, "Ed25519 signature: mismatch");
 
-  auto otherKey = install(source(kImage.size(), testing::Ed25519Signer().sign(kImage)));
+  auto otherKey = install(source(kInstallerImage.size(), testing::Ed25519Signer().sign(kInstallerImage)));
   EXPECT_EQ(otherKey.error().detail, "Ed25519 signature: mismatch");
 
   auto required = source();
@@ -269,7 +269,7 @@ TEST_F(DiskImageInstallerTest, TheDownloadIsCheckedBeforeAnythingIsMounted) {
   EXPECT_TRUE(runner_.commands().empty()) << "nothing was mounted";
   EXPECT_EQ(filesIn(config_.temporaryDirectory), 0u);
 
-  auto good = install(source(kImage.size(), signer.sign(kImage)));
+  auto good = install(source(kInstallerImage.size(), signer.sign(kInstallerImage)));
   EXPECT_TRUE(good.has_value()) << good.error().detail;
 }
 
@@ -280,7 +280,7 @@ TEST_F(DiskImageInstallerTest, DownloadFailuresKeepTheirOwnMessages) {
 
   // An http link is fetched over https.
   install({"http://dl.example.test/Norvik-2.0.dmg", "2.0"});
-  EXPECT_EQ(downloader_.requests().back().url, kImageURL);
+  EXPECT_EQ(downloader_.requests().back().url, kInstallerImageURL);
 
   config_.temporaryDirectory = dir_ / "no-such-dir";
   EXPECT_EQ(install(source()).error().userMessage, texts::kDownloadNotSaved);

@@ -20,7 +20,7 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 
 // State of one transfer, touched only by the worker that runs it.
-struct Transfer {
+struct DownloadTransfer {
   EventLoop* loop = nullptr;
   std::shared_ptr<DownloadProgressHandler> progress;
   std::shared_ptr<std::atomic<bool>> cancelled;
@@ -39,8 +39,8 @@ struct Transfer {
   }
 };
 
-size_t onBody(char* data, size_t size, size_t count, void* userData) {
-  auto* t = static_cast<Transfer*>(userData);
+size_t onDownloadBody(char* data, size_t size, size_t count, void* userData) {
+  auto* t = static_cast<DownloadTransfer*>(userData);
   const size_t n = size * count;
   if (t->maxBytes && t->received + n > *t->maxBytes) {
     t->tooLarge = true;
@@ -61,7 +61,7 @@ size_t onBody(char* data, size_t size, size_t count, void* userData) {
 }
 
 int onProgress(void* userData, curl_off_t dlTotal, curl_off_t, curl_off_t, curl_off_t) {
-  auto* t = static_cast<Transfer*>(userData);
+  auto* t = static_cast<DownloadTransfer*>(userData);
   if (t->cancelled->load()) return 1;  // aborts with CURLE_ABORTED_BY_CALLBACK
   if (dlTotal > 0) t->total = static_cast<std::uint64_t>(dlTotal);
   if (SteadyClock::now() - t->lastReport >= kProgressInterval) t->report();
@@ -89,7 +89,7 @@ DownloadError networkFailure(CURL* curl, CURLcode code, const char* detail) {
   return DownloadError{DownloadErrorKind::network, error.message, error, 0};
 }
 
-DownloadResult performDownload(const DownloadRequest& request, const std::string& extraCaPem, Transfer& t) {
+DownloadResult performDownload(const DownloadRequest& request, const std::string& extraCaPem, DownloadTransfer& t) {
   const int fd = ::open(request.destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) {
     const Error e = posixError(errno, "open", request.destination);
@@ -118,7 +118,7 @@ DownloadResult performDownload(const DownloadRequest& request, const std::string
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, (stallMs + 999) / 1000);
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &onBody);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &onDownloadBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &t);
   curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &onProgress);
@@ -169,7 +169,7 @@ DownloadHandle CurlFileDownloader::download(DownloadRequest request, DownloadPro
   auto progressHandler = std::make_shared<DownloadProgressHandler>(std::move(progress));
   loop_.runBlocking([loop = &loop_, pem = extraCaPem_, request = std::move(request), progressHandler, cancelled,
                      completion = std::move(completion)]() mutable {
-    Transfer transfer;
+    DownloadTransfer transfer;
     transfer.loop = loop;
     transfer.progress = progressHandler;
     transfer.cancelled = cancelled;

@@ -17,14 +17,14 @@ struct CurlHttpTransport::Config {
 
 namespace {
 
-struct Transfer {
+struct HttpTransfer {
   const CurlHttpTransport::Config* config;
   HttpResponse response;
   bool tooLarge = false;
 };
 
-size_t onBody(char* data, size_t size, size_t count, void* userData) {
-  auto* transfer = static_cast<Transfer*>(userData);
+size_t onHttpBody(char* data, size_t size, size_t count, void* userData) {
+  auto* transfer = static_cast<HttpTransfer*>(userData);
   const size_t n = size * count;
   if (transfer->response.body.size() + n > transfer->config->maxResponseBytes) {
     transfer->tooLarge = true;
@@ -34,8 +34,8 @@ size_t onBody(char* data, size_t size, size_t count, void* userData) {
   return n;
 }
 
-size_t onHeader(char* data, size_t size, size_t count, void* userData) {
-  auto* transfer = static_cast<Transfer*>(userData);
+size_t onHttpHeader(char* data, size_t size, size_t count, void* userData) {
+  auto* transfer = static_cast<HttpTransfer*>(userData);
   const size_t n = size * count;
   std::string_view line(data, n);
   if (line.starts_with("HTTP/")) {
@@ -148,7 +148,7 @@ HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpReq
   CURL* curl = own ? own->handle : threadHandle.get();
   if (!curl) return std::unexpected(NetworkError{NetworkErrorKind::other, "curl_easy_init failed", 0, false});
 
-  Transfer transfer{&config, {}, false};
+  HttpTransfer transfer{&config, {}, false};
   char errorText[CURL_ERROR_SIZE] = {};
   HeaderList headers;
   for (const auto& [name, value] : request.headers) headers.add(name + ": " + value);
@@ -173,9 +173,9 @@ HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpReq
   const std::string interface = request.interfaceName ? "if!" + *request.interfaceName : std::string();
   if (request.interfaceName) curl_easy_setopt(curl, CURLOPT_INTERFACE, interface.c_str());
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &onBody);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &onHttpBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &onHeader);
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &onHttpHeader);
   curl_easy_setopt(curl, CURLOPT_HEADERDATA, &transfer);
   if (request.method == "GET") {
     curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);

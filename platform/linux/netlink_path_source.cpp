@@ -24,7 +24,7 @@
 namespace norvik {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
 constexpr std::size_t kReceiveBuffer = 64 * 1024;
 constexpr int kDumpAttempts = 3;
@@ -380,13 +380,13 @@ void NetlinkPathSource::run(PhysicalPathSourceOptions options, Handler handler) 
 
   std::vector<std::uint8_t> buffer(kReceiveBuffer);
   bool inBurst = false;
-  Clock::time_point burstStart{};
-  Clock::time_point lastMessage{};
+  SteadyClock::time_point burstStart{};
+  SteadyClock::time_point lastMessage{};
   for (;;) {
     int timeoutMs = -1;
     if (inBurst) {
       const auto due = std::min(lastMessage + options_.quietPeriod, burstStart + options_.maxDelay);
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()).count();
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - SteadyClock::now()).count();
       timeoutMs = static_cast<int>(std::max<std::int64_t>(left, 0));
     }
     pollfd fds[2] = {{stopEvent_, POLLIN, 0}, {eventSocket_, POLLIN, 0}};
@@ -414,14 +414,14 @@ void NetlinkPathSource::run(PhysicalPathSourceOptions options, Handler handler) 
         break;
       }
       if (changed) {
-        lastMessage = Clock::now();
+        lastMessage = SteadyClock::now();
         if (!inBurst) burstStart = lastMessage;
         inBurst = true;
       }
     }
 
     if (inBurst) {
-      const auto now = Clock::now();
+      const auto now = SteadyClock::now();
       if (now - lastMessage >= options_.quietPeriod || now - burstStart >= options_.maxDelay) {
         inBurst = false;
         observeAndDeliver();
