@@ -50,7 +50,11 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
   if (!lock) return std::unexpected(lock.error());
 
   AsioEventLoop loop;
-  ApplicationOptions options{paths, global.backend, global.caFile, global.provisioning, /*logToStderr=*/true,
+  ApplicationOptions options{paths,
+                             global.backend,
+                             global.caFile,
+                             global.provisioning,
+                             /*logToStderr=*/true,
                              agentOptions.simulatedConnectDelay};
   // A simulated connect time asks for the simulated tunnel, unless a tunnel is named.
   if (global.tunnel) {
@@ -63,10 +67,9 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
   Log& log = *(*app)->platform().log;
 
   ControlCommands commands(**app);
-  auto server = ControlServer::open(loop, paths.runtime() / "agent.sock", log,
-                                    [&commands](const nlohmann::json& request, ControlReply reply) {
-                                      commands.handle(request, std::move(reply));
-                                    });
+  auto server = ControlServer::open(
+      loop, paths.runtime() / "agent.sock", log,
+      [&commands](const nlohmann::json& request, ControlReply reply) { commands.handle(request, std::move(reply)); });
   if (!server) return failure(ExitCode::usage, server.error().description());
 
   asio::signal_set signals(loop.context(), SIGINT, SIGTERM);

@@ -83,7 +83,8 @@ struct Exchange {
   }
 };
 
-CommandResult finishWith(const std::expected<Json, CommandError>& answer, const std::function<void(const Json&)>& onOk) {
+CommandResult finishWith(const std::expected<Json, CommandError>& answer,
+                         const std::function<void(const Json&)>& onOk) {
   if (!answer) return std::unexpected(answer.error());
   if (answer->value("ok", false)) {
     onOk(*answer);
@@ -135,7 +136,8 @@ CommandResult runMode(const GlobalOptions& global, const ModeOptions& options) {
     return finishWith(exchange.run(Json{{"command", "mode"}}), [](const Json& answer) {
       fmt::print("{}", describe(answer["status"]));
       std::string allowed;
-      for (const auto& mode : answer.value("allowed", Json::array())) allowed += (allowed.empty() ? "" : ", ") + mode.get<std::string>();
+      for (const auto& mode : answer.value("allowed", Json::array()))
+        allowed += (allowed.empty() ? "" : ", ") + mode.get<std::string>();
       fmt::print("  {:<12} {}\n", "Доступны:", allowed);
     });
   }
@@ -151,9 +153,7 @@ CommandResult runMode(const GlobalOptions& global, const ModeOptions& options) {
     request["confirmed"] = true;
     answer = exchange.run(request);
   }
-  return finishWith(answer, [](const Json& reply) {
-    fmt::print("Режим: {}\n", text(reply["status"], "modeLabel"));
-  });
+  return finishWith(answer, [](const Json& reply) { fmt::print("Режим: {}\n", text(reply["status"], "modeLabel")); });
 }
 
 struct SitesOptions {
@@ -166,7 +166,8 @@ CommandResult runSites(const GlobalOptions& global, const SitesOptions& options)
   return finishWith(Exchange{global}.run(request), [](const Json& answer) {
     fmt::print("Сайты через VPN\n");
     for (const auto& service : answer.value("services", Json::array())) {
-      fmt::print("  [{}] {:<10} {}\n", service.value("on", false) ? "x" : " ", text(service, "key"), text(service, "title"));
+      fmt::print("  [{}] {:<10} {}\n", service.value("on", false) ? "x" : " ", text(service, "key"),
+                 text(service, "title"));
     }
     const auto domains = answer.value("domains", Json::array());
     if (!domains.empty()) fmt::print("Свои сайты\n");
@@ -202,8 +203,7 @@ CommandResult runLogs(const GlobalOptions& global, const LogsOptions& options) {
   for (std::size_t i = 0; i + 1 < content->size(); ++i) {
     if ((*content)[i] == '\n') lineStarts.push_back(i + 1);
   }
-  const std::size_t start =
-      lineStarts.size() > options.lines ? lineStarts[lineStarts.size() - options.lines] : 0;
+  const std::size_t start = lineStarts.size() > options.lines ? lineStarts[lineStarts.size() - options.lines] : 0;
   fmt::print("{}", std::string_view(*content).substr(start));
   std::fflush(stdout);
   if (!options.follow) return {};
@@ -230,18 +230,21 @@ CommandResult runLogs(const GlobalOptions& global, const LogsOptions& options) {
 void addAgentCommands(CLI::App& app, const GlobalOptions& global, CommandResult& result) {
   auto agentOptions = std::make_shared<AgentOptions>();
   auto* agent = app.add_subcommand("agent", "Запустить агент Norvik (приложение) в этом терминале");
-  agent->add_option("--simulated-connect-ms", [agentOptions](const CLI::results_t& values) {
-    // Whole milliseconds up to a day; anything else is refused as a usage error (exit status 2).
-    std::int64_t milliseconds = 0;
-    const std::string& text = values.at(0);
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), milliseconds);
-    if (error != std::errc() || end != text.data() + text.size() || milliseconds < 0 || milliseconds > 86'400'000) {
-      return false;
-    }
-    agentOptions->simulatedConnectDelay = std::chrono::milliseconds(milliseconds);
-    agentOptions->simulatedConnectGiven = true;
-    return true;
-  }, "How long the simulated tunnel takes to connect (whole milliseconds)");
+  agent->add_option(
+      "--simulated-connect-ms",
+      [agentOptions](const CLI::results_t& values) {
+        // Whole milliseconds up to a day; anything else is refused as a usage error (exit status 2).
+        std::int64_t milliseconds = 0;
+        const std::string& text = values.at(0);
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), milliseconds);
+        if (error != std::errc() || end != text.data() + text.size() || milliseconds < 0 || milliseconds > 86'400'000) {
+          return false;
+        }
+        agentOptions->simulatedConnectDelay = std::chrono::milliseconds(milliseconds);
+        agentOptions->simulatedConnectGiven = true;
+        return true;
+      },
+      "How long the simulated tunnel takes to connect (whole milliseconds)");
   agent->callback([&global, &result, agentOptions] { result = runAgent(global, *agentOptions); });
 
   auto json = std::make_shared<bool>(false);
@@ -249,9 +252,10 @@ void addAgentCommands(CLI::App& app, const GlobalOptions& global, CommandResult&
   status->add_flag("--json", *json, "Машиночитаемый вывод");
   status->callback([&global, &result, json] { result = runStatus(global, *json); });
 
-  const std::pair<const char*, const char*> actions[] = {
-      {"connect", "Подключить VPN"}, {"disconnect", "Отключить VPN"}, {"toggle", "Переключить VPN"},
-      {"change-server", "Сменить сервер"}};
+  const std::pair<const char*, const char*> actions[] = {{"connect", "Подключить VPN"},
+                                                         {"disconnect", "Отключить VPN"},
+                                                         {"toggle", "Переключить VPN"},
+                                                         {"change-server", "Сменить сервер"}};
   for (const auto& [name, help] : actions) {
     app.add_subcommand(name, help)->callback([&global, &result, command = std::string(name)] {
       result = runAction(global, command);
@@ -260,7 +264,8 @@ void addAgentCommands(CLI::App& app, const GlobalOptions& global, CommandResult&
 
   auto mode = std::make_shared<ModeOptions>();
   auto* modeCommand = app.add_subcommand("mode", "Режим маршрутизации");
-  modeCommand->add_option("mode", mode->mode, "full, smart или services")->check(CLI::IsMember({"full", "smart", "services"}));
+  modeCommand->add_option("mode", mode->mode, "full, smart или services")
+      ->check(CLI::IsMember({"full", "smart", "services"}));
   modeCommand->add_flag("--yes", mode->yes, "Подтвердить включение Обычного режима без вопроса");
   modeCommand->callback([&global, &result, mode] { result = runMode(global, *mode); });
 

@@ -31,8 +31,8 @@ class AgentIntegrationTest : public ::testing::Test {
   void SetUp() override {
     backend_ = std::make_unique<BackgroundProcess>(
         std::vector<std::string>{NORVIK_DEVBACKEND_PATH, "--state-dir", (dir_ / "backend").string(), "--port", "0",
-                                 "--port-file", portFile_.string(), "--write-ca", ca_.string(),
-                                 "--write-provisioning", provisioning_.string()},
+                                 "--port-file", portFile_.string(), "--write-ca", ca_.string(), "--write-provisioning",
+                                 provisioning_.string()},
         dir_ / "backend.log");
     ASSERT_TRUE(waitFor([&] { return !readFile(portFile_).value_or("").empty(); })) << backend_->output();
     std::string port = *readFile(portFile_);
@@ -41,8 +41,8 @@ class AgentIntegrationTest : public ::testing::Test {
   }
 
   std::vector<std::string> global() const {
-    return {NORVIK_CLI_PATH, "--home", home_.string(), "--backend", base_ + "/api/", "--ca-file", ca_.string(),
-            "--provisioning", provisioning_.string()};
+    return {NORVIK_CLI_PATH, "--home",     home_.string(),   "--backend",           base_ + "/api/",
+            "--ca-file",     ca_.string(), "--provisioning", provisioning_.string()};
   }
 
   void startAgent() {
@@ -67,7 +67,8 @@ class AgentIntegrationTest : public ::testing::Test {
   Json admin(std::string method, std::string path, Json body = nullptr) {
     testing::VirtualEventLoop loop;
     auto http = CurlHttpTransport::create(loop, {ca_}).value();
-    HttpRequest request{method, base_ + path, {{"Content-Type", "application/json"}}, body.is_null() ? "" : body.dump(), 10s};
+    HttpRequest request{
+        method, base_ + path, {{"Content-Type", "application/json"}}, body.is_null() ? "" : body.dump(), 10s};
     auto result = http->perform(request);
     if (!result) return Json{{"transport_error", result.error().message}};
     return Json::parse(result->body, nullptr, false);
@@ -123,8 +124,8 @@ TEST_F(AgentIntegrationTest, A503StormOnMainLeavesTheToggleUsableFromTheCachedCo
   ASSERT_EQ(connected.exitStatus, 0) << connected.err << agent_->output();
   EXPECT_EQ(status()["server"], "203.0.113.10") << "the installed key, from the last run";
   EXPECT_EQ(received("getkey"), keysBefore) << "no new key was needed";
-  ASSERT_TRUE(waitFor([&] { return admin("GET", "/admin/requests")["endpoints"]["main"]["statuses"].value("503", 0) >= 4; },
-                      30s));
+  ASSERT_TRUE(waitFor(
+      [&] { return admin("GET", "/admin/requests")["endpoints"]["main"]["statuses"].value("503", 0) >= 4; }, 30s));
   EXPECT_EQ(status()["switchLocked"], false);
 }
 
@@ -207,14 +208,18 @@ TEST_F(AgentIntegrationTest, TheWidgetsToggleConnectsAndItsStateFollowsTheTunnel
 
   // The widget writes its command and leaves; the agent reads it on its poll.
   const std::time_t now = std::time(nullptr);
-  const Json command = {{"kind", "toggle"}, {"issuedAt", fmt::format("{:%FT%TZ}", fmt::gmtime(now))}, {"id", "widget-1"}};
+  const Json command = {
+      {"kind", "toggle"}, {"issuedAt", fmt::format("{:%FT%TZ}", fmt::gmtime(now))}, {"id", "widget-1"}};
   ASSERT_TRUE(writeFileAtomically(container / "widget-command.json", command.dump()));
   ASSERT_TRUE(waitFor([&] { return status().value("tunnel", "") == "connected"; }, 20s)) << agent_->output();
   EXPECT_EQ(received("getkey"), 1);
-  ASSERT_TRUE(waitFor([&] {
-    const Json state = widgetState();
-    return state.value("phase", "") == "connected" && state.contains("trafficDown");
-  }, 15s)) << widgetState().dump();
+  ASSERT_TRUE(waitFor(
+      [&] {
+        const Json state = widgetState();
+        return state.value("phase", "") == "connected" && state.contains("trafficDown");
+      },
+      15s))
+      << widgetState().dump();
   EXPECT_EQ(widgetState()["tunnelAddress"], "203.0.113.10");
 
   ASSERT_EQ(agent_->stop(), 0);

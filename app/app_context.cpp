@@ -39,8 +39,7 @@ std::expected<NetworkService*, CommandError> AppContext::backend() {
 
   auto path = provisioningPath(options_.provisioning);
   if (!path) {
-    return failure(ExitCode::usage,
-                   "no provisioning file: pass --provisioning FILE or set NORVIK_PROVISIONING");
+    return failure(ExitCode::usage, "no provisioning file: pass --provisioning FILE or set NORVIK_PROVISIONING");
   }
   auto loaded = loadProvisioning(*path);
   if (!loaded) return failure(ExitCode::usage, loaded.error().message);
@@ -54,7 +53,8 @@ std::expected<NetworkService*, CommandError> AppContext::backend() {
   NetworkServiceConfig config;
   if (options_.backend) {
     auto location = BackendLocation::fromURL(*options_.backend);
-    if (!location) return failure(ExitCode::usage, fmt::format("--backend {}: {}", *options_.backend, location.error()));
+    if (!location)
+      return failure(ExitCode::usage, fmt::format("--backend {}: {}", *options_.backend, location.error()));
     config.location = std::move(*location);
   }
   config.supportHmacSecret = provisioning_->supportHmacSecret;

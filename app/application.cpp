@@ -47,20 +47,19 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::crea
   app->security_ = std::make_unique<SecurityManager>(*provisioning, *p.secureItems, *p.standardDefaults, *p.crypto,
                                                      *p.clock, *p.log);
   app->warmUp_ = std::make_unique<VendorIDWarmUp>(loop, *app->security_, *p.log);
-  app->wake_ = std::make_unique<WakeDetector>(loop, &WakeDetector::systemSleepOffset,
-                                              [raw = app.get()](std::chrono::seconds slept) {
-                                                raw->platform_.log->format("[Sleep] пробуждение после сна ({} с)",
-                                                                           slept.count());
-                                                raw->warmUp_->start();
-                                                if (raw->health_) raw->health_->systemDidWake();
-                                              });
+  app->wake_ = std::make_unique<WakeDetector>(
+      loop, &WakeDetector::systemSleepOffset, [raw = app.get()](std::chrono::seconds slept) {
+        raw->platform_.log->format("[Sleep] пробуждение после сна ({} с)", slept.count());
+        raw->warmUp_->start();
+        if (raw->health_) raw->health_->systemDidWake();
+      });
   app->network_ = std::make_unique<NetworkService>(loop, *p.http, *app->security_, *p.standardDefaults, *p.clock,
                                                    *p.log, std::move(networkConfig));
 
   // The real tunnel when this machine lets norvik-tunnel create interfaces, unless forced otherwise.
-  auto tunnels = makeLinuxTunnelService({loop, *p.clock, *p.log, app->notifications_.get(), options.tunnel,
-                                         options.paths.home / "tunnel" / "preferences.json",
-                                         options.simulatedConnectDelay});
+  auto tunnels =
+      makeLinuxTunnelService({loop, *p.clock, *p.log, app->notifications_.get(), options.tunnel,
+                              options.paths.home / "tunnel" / "preferences.json", options.simulatedConnectDelay});
   if (!tunnels) return failure(ExitCode::usage, tunnels.error());
   app->tunnels_ = std::move(tunnels->service);
   app->tunnelServiceName_ = std::move(tunnels->name);
@@ -73,22 +72,23 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::crea
                                                       *p.log, *p.analytics);
   app->geoip_ = std::make_unique<GeoIPCache>(loop, *p.groupDefaults, *app->network_, geodata, *p.log);
   app->flags_ = std::make_unique<IOSFixesCache>(*p.groupDefaults, responses, *p.log);
-  app->extras_ = std::make_unique<TunnelExtrasSnapshot>(*p.groupDefaults, app->geoip_->cacheFile(),
-                                                        [network = app->network_.get()] {
-                                                          return network->netProfile().keyValueText();
-                                                        });
+  app->extras_ = std::make_unique<TunnelExtrasSnapshot>(
+      *p.groupDefaults, app->geoip_->cacheFile(),
+      [network = app->network_.get()] { return network->netProfile().keyValueText(); });
   app->vpn_ = std::make_unique<VPNManager>(VPNManager::Dependencies{
-      loop, *app->tunnels_, *app->notifications_, *p.groupDefaults, *p.standardDefaults, *p.clock, *p.log,
-      *p.analytics, [extras = app->extras_.get()] { return extras->snapshot(); }});
+      loop, *app->tunnels_, *app->notifications_, *p.groupDefaults, *p.standardDefaults, *p.clock, *p.log, *p.analytics,
+      [extras = app->extras_.get()] { return extras->snapshot(); }});
   app->overlays_ = std::make_unique<OverlayQueue>(loop);
   // Before connecting, the health check's probes make sure there is an internet to connect over.
   auto preConnectCheck = [raw = app.get()](VPNViewModel::PreConnectAnswer answer) {
-    raw->health_->preConnectCheck(
-        [answer = std::move(answer)](std::optional<SmartStatusDialogRequest> dialog) mutable {
-          if (!dialog) return answer(std::nullopt);
-          answer(OverlayItem{OverlayItem::Kind::dialog, dialog->identifier, dialog->texts.title,
-                             dialog->texts.message, {OverlayButton{dialog->texts.primary, {}}}});
-        });
+    raw->health_->preConnectCheck([answer = std::move(answer)](std::optional<SmartStatusDialogRequest> dialog) mutable {
+      if (!dialog) return answer(std::nullopt);
+      answer(OverlayItem{OverlayItem::Kind::dialog,
+                         dialog->identifier,
+                         dialog->texts.title,
+                         dialog->texts.message,
+                         {OverlayButton{dialog->texts.primary, {}}}});
+    });
   };
   app->home_ = std::make_unique<VPNViewModel>(VPNViewModel::Dependencies{
       loop, *app->network_, *app->vpn_, *app->overlays_, *p.log, *p.analytics, std::move(preConnectCheck)});

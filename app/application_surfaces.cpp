@@ -74,9 +74,8 @@ void Application::createSurfaces() {
       extensionRequests_ = std::make_unique<TunnelHelperExtensionRequests>(
           loop_, TunnelHelperExtensionRequests::Options{bundle, paths_.home / "extensions", *helper,
                                                         applicationsDirectoryFor(bundle)});
-      extensions_ = std::make_unique<SystemExtensionManager>(
-          SystemExtensionManager::Dependencies{loop_, *extensionRequests_, *vpn_, *p.standardDefaults, *p.log,
-                                               *p.analytics});
+      extensions_ = std::make_unique<SystemExtensionManager>(SystemExtensionManager::Dependencies{
+          loop_, *extensionRequests_, *vpn_, *p.standardDefaults, *p.log, *p.analytics});
     }
   }
 }

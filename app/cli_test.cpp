@@ -43,8 +43,8 @@ class CliTest : public ::testing::Test {
   }
 
   ProcessResult api(std::vector<std::string> args) {
-    std::vector<std::string> argv = {"--backend", server_.url("/api/"), "--ca-file", server_.caFile().string(),
-                                     "--provisioning", provisioning_.string(), "debug", "api"};
+    std::vector<std::string> argv = {"--backend",      server_.url("/api/"),   "--ca-file", server_.caFile().string(),
+                                     "--provisioning", provisioning_.string(), "debug",     "api"};
     argv.insert(argv.end(), args.begin(), args.end());
     return norvik(argv);
   }
@@ -116,7 +116,9 @@ TEST_F(CliTest, ConfigurationErrorsExitWithStatusTwoAndSayWhatIsWrong) {
   EXPECT_NE(partial.err.find("\"hmac_secret_key\" is missing"), std::string::npos) << partial.err;
 
   EXPECT_EQ(api({"no_such_endpoint"}).exitStatus, 2);
-  EXPECT_EQ(norvik({"--backend", "ftp://x/", "--provisioning", (dir_ / "absent").string(), "debug", "api", "main"}).exitStatus, 2);
+  EXPECT_EQ(norvik({"--backend", "ftp://x/", "--provisioning", (dir_ / "absent").string(), "debug", "api", "main"})
+                .exitStatus,
+            2);
   EXPECT_EQ(norvik({"no-such-command"}).exitStatus, 2);
   // Numbers that are not whole milliseconds, or do not fit, are usage errors rather than a crash.
   for (const char* delay : {"1e3", "99999999999999999999999", "-5", "12ms"}) {

@@ -10,9 +10,9 @@ namespace norvik::cli {
 // Exit statuses of the norvik command, decided in one place (cli.cpp).
 enum class ExitCode : int {
   ok = 0,
-  failed = 1,       // the operation ran and failed; its message is printed
-  usage = 2,        // bad arguments or configuration (provisioning, home, CA file)
-  noAgent = 3,      // the command needs the agent and none runs
+  failed = 1,   // the operation ran and failed; its message is printed
+  usage = 2,    // bad arguments or configuration (provisioning, home, CA file)
+  noAgent = 3,  // the command needs the agent and none runs
 };
 
 struct CommandError {

@@ -12,7 +12,8 @@ namespace norvik {
 std::expected<ControlClient, ControlClient::Error> ControlClient::connect(const std::filesystem::path& socketPath) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (socketPath.native().size() >= sizeof address.sun_path) return std::unexpected(Error{Failure::io, "socket path too long"});
+  if (socketPath.native().size() >= sizeof address.sun_path)
+    return std::unexpected(Error{Failure::io, "socket path too long"});
   std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return std::unexpected(Error{Failure::io, std::strerror(errno)});
@@ -26,7 +27,8 @@ std::expected<ControlClient, ControlClient::Error> ControlClient::connect(const 
   return ControlClient(fd);
 }
 
-ControlClient::ControlClient(ControlClient&& other) noexcept : fd_(std::exchange(other.fd_, -1)), buffer_(std::move(other.buffer_)) {}
+ControlClient::ControlClient(ControlClient&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)), buffer_(std::move(other.buffer_)) {}
 
 ControlClient::~ControlClient() {
   if (fd_ >= 0) ::close(fd_);
@@ -54,7 +56,8 @@ std::expected<nlohmann::json, ControlClient::Error> ControlClient::request(
       if (answer.contains("ok")) return answer;
       if (onEvent) onEvent(answer);
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) return std::unexpected(Error{Failure::timedOut, "no answer in time"});
     pollfd pfd{fd_, POLLIN, 0};
     const int ready = ::poll(&pfd, 1, static_cast<int>(std::min<long long>(left.count(), 1000)));

@@ -17,11 +17,15 @@ using Json = nlohmann::json;
 // The tunnel states as the menu bar words them.
 std::string_view tunnelText(TunnelStatus status) {
   switch (status) {
-    case TunnelStatus::connected: return "Защищено";
+    case TunnelStatus::connected:
+      return "Защищено";
     case TunnelStatus::connecting:
-    case TunnelStatus::reasserting: return "Подключение...";
-    case TunnelStatus::disconnecting: return "Отключение...";
-    default: return "Отключено";
+    case TunnelStatus::reasserting:
+      return "Подключение...";
+    case TunnelStatus::disconnecting:
+      return "Отключение...";
+    default:
+      return "Отключено";
   }
 }
 
@@ -44,7 +48,8 @@ bool isUp(TunnelStatus s) {
 
 std::string isoTime(Clock::TimePoint moment) {
   const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(moment.time_since_epoch()) % 1000;
-  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(moment)), ms.count());
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(moment)),
+                     ms.count());
 }
 
 std::optional<VPNRoutingMode> modeNamed(std::string_view name) {
@@ -60,7 +65,8 @@ std::optional<VPNRoutingMode> modeNamed(std::string_view name) {
 // answers at most once, and ends with its time limit or when the client hangs up.
 class ControlCommands::Wait {
  public:
-  Wait(EventLoop& loop, ControlReply reply, std::chrono::seconds limit, std::function<void(const ControlReply&)> onTimeout)
+  Wait(EventLoop& loop, ControlReply reply, std::chrono::seconds limit,
+       std::function<void(const ControlReply&)> onTimeout)
       : reply_(std::move(reply)) {
     timer_.start(loop, limit, [this, onTimeout = std::move(onTimeout)] {
       if (!done_) {
@@ -130,7 +136,8 @@ Json ControlCommands::status() {
   out["busy"] = home.busyText().get() ? Json(home.busyText().get()->text) : Json(nullptr);
   // The health check's verdict while it has one for this connection.
   SmartStatusEngine& health = app_.health();
-  const bool verdict = health.health().get().kind() != SmartStatusHealth::Case::none && !health.statusText().get().empty();
+  const bool verdict =
+      health.health().get().kind() != SmartStatusHealth::Case::none && !health.statusText().get().empty();
   out["health"] = verdict ? Json(health.statusText().get()) : Json(nullptr);
   out["healthRaw"] = health.healthRaw().get() ? Json(*health.healthRaw().get()) : Json(nullptr);
   if (const auto& error = home.lastError().get()) {
@@ -186,9 +193,9 @@ void ControlCommands::connect(ControlReply reply) {
   if (vpn.connectionState().get() == TunnelStatus::connected) return finishOk(reply, "VPN уже подключён");
 
   auto wait = std::make_unique<Wait>(app_.loop(), reply, kConnectLimit, [this](const ControlReply& r) {
-                                       finishError(r, "failed", "Ошибка подключения",
-                                                   "Не удалось подключиться к VPN. Попробуйте снова или смените сервер.");
-                                     });
+    finishError(r, "failed", "Ошибка подключения",
+                "Не удалось подключиться к VPN. Попробуйте снова или смените сервер.");
+  });
   Wait* w = wait.get();
   w->watch<std::optional<BusyText>>(home.busyText(), [w](const std::optional<BusyText>& busy) {
     if (busy) w->reply().event(Json{{"event", "progress"}, {"busy", busy->text}});
@@ -247,7 +254,8 @@ void ControlCommands::changeServer(ControlReply reply) {
     if (outcome.ok) {
       finishOk(w->reply(), "Сервер сменён");
     } else {
-      const auto error = outcome.error.value_or(VPNViewModel::ShownError{"", "Не удалось сменить сервер. Попробуйте позже."});
+      const auto error =
+          outcome.error.value_or(VPNViewModel::ShownError{"", "Не удалось сменить сервер. Попробуйте позже."});
       finishError(w->reply(), "failed", error.title, error.message);
     }
     return true;
@@ -303,7 +311,8 @@ void ControlCommands::sites(const Json& request, ControlReply reply) {
   auto listing = [&] {
     Json services = Json::array();
     for (const auto& item : sites.catalog()) {
-      services.push_back({{"key", item.key}, {"title", item.title}, {"on", sites.selectedServices().get().contains(item.key)}});
+      services.push_back(
+          {{"key", item.key}, {"title", item.title}, {"on", sites.selectedServices().get().contains(item.key)}});
     }
     Json domains = Json::array();
     const auto& disabled = sites.disabledDomains().get();
@@ -340,11 +349,26 @@ void ControlCommands::watch(ControlReply reply) {
   Wait* w = wait.get();
   auto send = [this, w] { w->reply().event(Json{{"event", "status"}, {"status", status()}}); };
   send();
-  w->watch<TunnelStatus>(app_.vpn().connectionState(), [send](const TunnelStatus&) { send(); return false; });
-  w->watch<std::optional<BusyText>>(app_.home().busyText(), [send](const auto&) { send(); return false; });
-  w->watch<std::optional<VPNViewModel::ShownError>>(app_.home().lastError(), [send](const auto&) { send(); return false; });
-  w->watch<VPNRoutingMode>(app_.modes().currentMode(), [send](const VPNRoutingMode&) { send(); return false; });
-  w->watch<std::string>(app_.health().statusText(), [send](const std::string&) { send(); return false; });
+  w->watch<TunnelStatus>(app_.vpn().connectionState(), [send](const TunnelStatus&) {
+    send();
+    return false;
+  });
+  w->watch<std::optional<BusyText>>(app_.home().busyText(), [send](const auto&) {
+    send();
+    return false;
+  });
+  w->watch<std::optional<VPNViewModel::ShownError>>(app_.home().lastError(), [send](const auto&) {
+    send();
+    return false;
+  });
+  w->watch<VPNRoutingMode>(app_.modes().currentMode(), [send](const VPNRoutingMode&) {
+    send();
+    return false;
+  });
+  w->watch<std::string>(app_.health().statusText(), [send](const std::string&) {
+    send();
+    return false;
+  });
   track(std::move(wait));
 }
 

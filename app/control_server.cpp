@@ -53,16 +53,17 @@ class ControlSession : public std::enable_shared_from_this<ControlSession> {
 
  private:
   void readLine() {
-    asio::async_read_until(socket_, buffer_, '\n', [self = shared_from_this()](const asio::error_code& error, std::size_t n) {
-      self->onRead(error, n);
-    });
+    asio::async_read_until(
+        socket_, buffer_, '\n',
+        [self = shared_from_this()](const asio::error_code& error, std::size_t n) { self->onRead(error, n); });
   }
 
   void onRead(const asio::error_code& error, std::size_t n) {
     if (closed_) return;
     if (error == asio::error::not_found) return refuse("request line too long");
     if (error) return close();  // the client hung up
-    std::string line(asio::buffers_begin(buffer_.data()), asio::buffers_begin(buffer_.data()) + static_cast<std::ptrdiff_t>(n));
+    std::string line(asio::buffers_begin(buffer_.data()),
+                     asio::buffers_begin(buffer_.data()) + static_cast<std::ptrdiff_t>(n));
     buffer_.consume(n);
     line.pop_back();  // the newline
     pending_.push_back(std::move(line));
@@ -96,11 +97,12 @@ class ControlSession : public std::enable_shared_from_this<ControlSession> {
       return;
     }
     writing_ = true;
-    asio::async_write(socket_, asio::buffer(outbox_.front()), [self = shared_from_this()](const asio::error_code& error, std::size_t) {
-      if (error) return self->close();
-      self->outbox_.pop_front();
-      self->writeNext();
-    });
+    asio::async_write(socket_, asio::buffer(outbox_.front()),
+                      [self = shared_from_this()](const asio::error_code& error, std::size_t) {
+                        if (error) return self->close();
+                        self->outbox_.pop_front();
+                        self->writeNext();
+                      });
   }
 
   stream_protocol::socket socket_;
@@ -147,7 +149,8 @@ std::expected<std::unique_ptr<ControlServer>, Error> ControlServer::open(AsioEve
                                                                          std::filesystem::path socketPath, Log& log,
                                                                          RequestHandler handler) {
   if (socketPath.native().size() >= sizeof(sockaddr_un::sun_path)) {
-    return std::unexpected(Error{"POSIX", ENAMETOOLONG, fmt::format("{}: the socket path is too long", socketPath.string())});
+    return std::unexpected(
+        Error{"POSIX", ENAMETOOLONG, fmt::format("{}: the socket path is too long", socketPath.string())});
   }
   if (auto made = makeDirectories(socketPath.parent_path(), 0700); !made) return std::unexpected(made.error());
   // The caller holds the agent's lock, so a socket file left here belongs to an agent that died.
@@ -159,7 +162,8 @@ std::expected<std::unique_ptr<ControlServer>, Error> ControlServer::open(AsioEve
   if (!error) impl->acceptor.bind(stream_protocol::endpoint(socketPath.string()), error);
   if (!error) ::chmod(socketPath.c_str(), 0600);
   if (!error) impl->acceptor.listen(asio::socket_base::max_listen_connections, error);
-  if (error) return std::unexpected(Error{"POSIX", error.value(), fmt::format("{}: {}", socketPath.string(), error.message())});
+  if (error)
+    return std::unexpected(Error{"POSIX", error.value(), fmt::format("{}: {}", socketPath.string(), error.message())});
 
   std::unique_ptr<ControlServer> server(new ControlServer(std::move(impl)));
   server->accept();

@@ -84,7 +84,8 @@ TEST_F(ControlServerTest, ProgressLinesComeBeforeTheFinalAnswerAndTheConnectionS
     std::vector<Json> lines;
     auto client = ControlClient::connect(path);
     if (!client) return lines;
-    auto first = client->request(Json{{"command", "slow"}}, [&](const Json& line) { lines.push_back(line); }, 2s);
+    auto first = client->request(
+        Json{{"command", "slow"}}, [&](const Json& line) { lines.push_back(line); }, 2s);
     if (first) lines.push_back(*first);
     auto second = client->request(Json{{"command", "status"}}, nullptr, 2s);
     if (second) lines.push_back(*second);
@@ -105,7 +106,8 @@ TEST_F(ControlServerTest, GarbageIsAnsweredAndTheConnectionClosedWhileOthersCarr
     answers.push_back(exchangeRaw(path, "[1, 2, 3]\n{\"command\": \"status\"}\n"));
     answers.push_back(exchangeRaw(path, std::string(70 * 1024, 'x')));
     auto client = ControlClient::connect(path);
-    auto ok = client ? client->request(Json{{"command", "status"}}, nullptr, 2s) : std::unexpected(ControlClient::Error{});
+    auto ok =
+        client ? client->request(Json{{"command", "status"}}, nullptr, 2s) : std::unexpected(ControlClient::Error{});
     answers.push_back(ok ? ok->dump() : "failed");
     return answers;
   });

@@ -23,7 +23,8 @@ CommandResult runApi(const GlobalOptions& global, const ApiOptions& options) {
   if (!endpoint) {
     std::vector<std::string_view> names;
     for (const auto& e : endpoints::kAll) names.push_back(e.name);
-    return failure(ExitCode::usage, fmt::format("unknown endpoint \"{}\"; known: {}", options.endpoint, fmt::join(names, ", ")));
+    return failure(ExitCode::usage,
+                   fmt::format("unknown endpoint \"{}\"; known: {}", options.endpoint, fmt::join(names, ", ")));
   }
   nlohmann::json params = nlohmann::json::object();
   for (const auto& param : options.params) {
@@ -54,7 +55,8 @@ CommandResult runApi(const GlobalOptions& global, const ApiOptions& options) {
   fmt::print("{}\n", body);
   if (endpoint->name == endpoints::kMain.name) {
     auto decoded = decodeAPIResponse(body);
-    if (!decoded) return failure(ExitCode::failed, fmt::format("DECODE_ERROR: Failed to decode response ({})", decoded.error()));
+    if (!decoded)
+      return failure(ExitCode::failed, fmt::format("DECODE_ERROR: Failed to decode response ({})", decoded.error()));
     fmt::print("{}", summarizeMainResponse(*decoded, body));
   }
   return {};
@@ -71,7 +73,8 @@ CommandResult runVendorId(const GlobalOptions& global) {
 CommandResult runSecureStoreLock(const GlobalOptions& global, bool lock) {
   const auto marker = AppPaths::resolve(global.home).secureStore() / "locked";
   if (lock) {
-    if (auto made = makeDirectories(marker.parent_path(), 0700); !made) return failure(ExitCode::failed, made.error().message);
+    if (auto made = makeDirectories(marker.parent_path(), 0700); !made)
+      return failure(ExitCode::failed, made.error().message);
     if (auto written = writeFileAtomically(marker, "", 0600); !written) {
       return failure(ExitCode::failed, written.error().message);
     }
@@ -101,10 +104,12 @@ void addDebugCommands(CLI::App& app, const GlobalOptions& global, CommandResult&
 
   auto* store = debug->add_subcommand("secure-store", "Lock or unlock the secure item store, as a locked keychain");
   store->require_subcommand(1);
-  store->add_subcommand("lock", "Make the store answer as a locked keychain")
-      ->callback([&global, &result] { result = runSecureStoreLock(global, true); });
-  store->add_subcommand("unlock", "Open the store again")
-      ->callback([&global, &result] { result = runSecureStoreLock(global, false); });
+  store->add_subcommand("lock", "Make the store answer as a locked keychain")->callback([&global, &result] {
+    result = runSecureStoreLock(global, true);
+  });
+  store->add_subcommand("unlock", "Open the store again")->callback([&global, &result] {
+    result = runSecureStoreLock(global, false);
+  });
 }
 
 }  // namespace norvik::cli

@@ -17,7 +17,8 @@ std::string summarizeMainResponse(const APIResponse& r, std::string_view body) {
   auto where = [&](const char* key) -> std::string {
     if (!raw.is_object()) return key;
     if (raw.contains(key)) return key;
-    if (raw.contains("main") && raw["main"].is_object() && raw["main"].contains(key)) return fmt::format("{} (in main)", key);
+    if (raw.contains("main") && raw["main"].is_object() && raw["main"].contains(key))
+      return fmt::format("{} (in main)", key);
     return key;
   };
 
@@ -36,8 +37,8 @@ std::string summarizeMainResponse(const APIResponse& r, std::string_view body) {
   out += fmt::format("sections:     {}\n", fmt::join(sections, ", "));
   out += fmt::format("key:          {}\n",
                      r.main.keyData ? fmt::format("present, server {}", r.main.keyIP.value_or("not named")) : "none");
-  out += fmt::format("account:      active {}, subscription {}, ends {}\n", onOff(r.main.isActive), onOff(r.main.subActive),
-                     number(r.main.subExpireTs));
+  out += fmt::format("account:      active {}, subscription {}, ends {}\n", onOff(r.main.isActive),
+                     onOff(r.main.subActive), number(r.main.subExpireTs));
   if (r.routing) {
     const auto& routing = *r.routing;
     out += fmt::format("routing:      allowed [{}], forced {}, default {}, kill switch {}, {} services, lists {}\n",
@@ -47,7 +48,8 @@ std::string summarizeMainResponse(const APIResponse& r, std::string_view body) {
   } else {
     out += "routing:      none\n";
   }
-  out += fmt::format("geoip:        version {}, bypass {}\n", r.main.geoipVersion.value_or("none"), onOff(r.main.geoBypass()));
+  out += fmt::format("geoip:        version {}, bypass {}\n", r.main.geoipVersion.value_or("none"),
+                     onOff(r.main.geoBypass()));
   out += fmt::format("flags:        iosFixedEnable {}, {} feature flags\n", onOff(r.main.iosFixedEnable),
                      r.main.iosFixes ? r.main.iosFixes->size() : 0);
   out += fmt::format("announced:    {}\n", r.main.mainDomain.value_or("no host"));

@@ -80,14 +80,17 @@ std::expected<UpdateSession, CommandError> openSession(AppContext& context, cons
   session.installer = std::make_unique<DiskImageInstaller>(context.loop(), *platform.downloads, *platform.processes,
                                                            *platform.log, installerConfig);
   auto* quit = &session.quitRequested;
-  session.updater = std::make_unique<AppUpdater>(
-      context.loop(), *platform.http, std::make_unique<FeedAppcastUpdater>(*platform.http), *session.installer,
-      *platform.log, *config, AppUpdater::Hooks{[quit, &context] {
-        *quit = true;
-        context.loop().stop();
-      }, nullptr});
+  session.updater =
+      std::make_unique<AppUpdater>(context.loop(), *platform.http, std::make_unique<FeedAppcastUpdater>(*platform.http),
+                                   *session.installer, *platform.log, *config,
+                                   AppUpdater::Hooks{[quit, &context] {
+                                                       *quit = true;
+                                                       context.loop().stop();
+                                                     },
+                                                     nullptr});
   session.updater->start();
-  if (!session.updater->hasAppcastUpdater()) return failure(ExitCode::failed, "the update feed client did not start; see the log");
+  if (!session.updater->hasAppcastUpdater())
+    return failure(ExitCode::failed, "the update feed client did not start; see the log");
   return session;
 }
 
@@ -125,7 +128,9 @@ CommandResult runCheck(const GlobalOptions& global, const FeedOptions& options) 
 
   fmt::print("{}\n", update_texts::kConnecting);
   std::fflush(stdout);
-  auto settled = [&] { return !updater.state().get().is<AppUpdateState::Checking>() && !updater.releaseNotesLoading().get(); };
+  auto settled = [&] {
+    return !updater.state().get().is<AppUpdateState::Checking>() && !updater.releaseNotesLoading().get();
+  };
   auto stopWhenSettled = [&](const auto&) {
     if (settled()) (*context)->loop().stop();
   };
@@ -170,8 +175,10 @@ class ProgressPrinter {
       const int tenth = d.total && *d.total > 0 ? static_cast<int>(d.received * 10 / *d.total) : -1;
       if (tenth == lastTenth_ && d.received != 0) return;
       lastTenth_ = tenth;
-      if (d.total) fmt::print("{}: {} / {} bytes\n", update_texts::kDownloading, d.received, *d.total);
-      else fmt::print("{}: {} bytes\n", update_texts::kDownloading, d.received);
+      if (d.total)
+        fmt::print("{}: {} / {} bytes\n", update_texts::kDownloading, d.received, *d.total);
+      else
+        fmt::print("{}: {} bytes\n", update_texts::kDownloading, d.received);
       std::fflush(stdout);
       return;
     }
@@ -179,9 +186,9 @@ class ProgressPrinter {
     if (d.total && *d.total > 0) {
       const double share = std::min(1.0, static_cast<double>(d.received) / static_cast<double>(*d.total));
       const int filled = static_cast<int>(share * kWidth);
-      fmt::print("\r{} [{}{}] {:3.0f}%  {} / {} ({} / {} bytes)\x1b[K", update_texts::kDownloading, std::string(filled, '#'),
-                 std::string(kWidth - filled, '-'), share * 100, bytesText(d.received), bytesText(*d.total), d.received,
-                 *d.total);
+      fmt::print("\r{} [{}{}] {:3.0f}%  {} / {} ({} / {} bytes)\x1b[K", update_texts::kDownloading,
+                 std::string(filled, '#'), std::string(kWidth - filled, '-'), share * 100, bytesText(d.received),
+                 bytesText(*d.total), d.received, *d.total);
     } else {
       fmt::print("\r{} {} ({} bytes)\x1b[K", update_texts::kDownloading, bytesText(d.received), d.received);
     }
@@ -235,8 +242,10 @@ CommandResult runInstall(const GlobalOptions& global, const InstallOptions& opti
 
 void addFeedOptions(CLI::App* command, FeedOptions& options) {
   command->add_option("--feed", options.feed, "Update feed URL (default: the built-in update host's /mac/appcast.xml)");
-  command->add_option("--mirror", options.mirror, "Mirror feed URL, tried after the feed fails (default: none with --feed)");
-  command->add_option("--current-version", options.currentVersion, "Compare the feed with this build version instead of ours");
+  command->add_option("--mirror", options.mirror,
+                      "Mirror feed URL, tried after the feed fails (default: none with --feed)");
+  command->add_option("--current-version", options.currentVersion,
+                      "Compare the feed with this build version instead of ours");
   command->add_flag("--beta", options.beta, "Also offer releases of the beta channel");
 }
 

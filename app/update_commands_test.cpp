@@ -25,7 +25,8 @@ class UpdateCommandsTest : public ::testing::Test {
     server_.setHandler([this](const ServerRequest& r) {
       if (r.path == "/mac/appcast.xml") return feedReply_;
       if (r.path == "/mirror/mac/appcast.xml") return ServerReply{200, feed(), "application/xml"};
-      if (r.path == "/notes/2.0.html") return ServerReply{200, "<h2>Что нового</h2><ul><li>Быстрее</li></ul>", "text/html"};
+      if (r.path == "/notes/2.0.html")
+        return ServerReply{200, "<h2>Что нового</h2><ul><li>Быстрее</li></ul>", "text/html"};
       if (r.path == "/dl/Norvik-2.0.dmg") return ServerReply{200, kImage, "application/octet-stream"};
       return ServerReply{404, "", "text/plain"};
     });
@@ -36,9 +37,11 @@ class UpdateCommandsTest : public ::testing::Test {
     if (signImage_) signature = " sparkle:edSignature=\"" + signer_.sign(kImage) + "\"";
     return R"(<rss xmlns:sparkle="http://www.andymatuschak.org/xml-namespaces/sparkle"><channel><item>
       <title>Norvik 2.0</title><sparkle:version>2.0.0</sparkle:version><sparkle:shortVersionString>2.0</sparkle:shortVersionString>
-      <sparkle:releaseNotesLink>)" + server_.url("/notes/2.0.html") + R"(</sparkle:releaseNotesLink>
-      <enclosure url=")" + server_.url("/dl/Norvik-2.0.dmg") + "\" length=\"" + std::to_string(kImage.size()) + "\"" +
-           signature + R"(/></item></channel></rss>)";
+      <sparkle:releaseNotesLink>)" +
+           server_.url("/notes/2.0.html") + R"(</sparkle:releaseNotesLink>
+      <enclosure url=")" +
+           server_.url("/dl/Norvik-2.0.dmg") + "\" length=\"" + std::to_string(kImage.size()) + "\"" + signature +
+           R"(/></item></channel></rss>)";
   }
 
   void provisionUpdateKey() {
@@ -80,16 +83,19 @@ class UpdateCommandsTest : public ::testing::Test {
 TEST_F(UpdateCommandsTest, CheckPrintsWhatTheFeedOffers) {
   auto result = norvik({"update", "check", "--feed", feedURL()});
   ASSERT_EQ(result.exitStatus, 0) << result.err;
-  EXPECT_EQ(result.out, "Подключаемся к серверу обновлений…\n"
-                        "Доступна версия 2.0\n"
-                        "  title: Norvik 2.0\n"
-                        "  build: 2.0.0\n"
-                        "  file: " + server_.url("/dl/Norvik-2.0.dmg") + "\n"
-                        "  length: 307200 bytes\n"
-                        "  signature: none\n"
-                        "  release notes:\n"
-                        "    Что нового\n"
-                        "    Быстрее\n");
+  EXPECT_EQ(result.out,
+            "Подключаемся к серверу обновлений…\n"
+            "Доступна версия 2.0\n"
+            "  title: Norvik 2.0\n"
+            "  build: 2.0.0\n"
+            "  file: " +
+                server_.url("/dl/Norvik-2.0.dmg") +
+                "\n"
+                "  length: 307200 bytes\n"
+                "  signature: none\n"
+                "  release notes:\n"
+                "    Что нового\n"
+                "    Быстрее\n");
 
   auto upToDate = norvik({"update", "check", "--feed", feedURL(), "--current-version", "2.0.0"});
   ASSERT_EQ(upToDate.exitStatus, 0) << upToDate.err;
@@ -98,7 +104,8 @@ TEST_F(UpdateCommandsTest, CheckPrintsWhatTheFeedOffers) {
 
 TEST_F(UpdateCommandsTest, CheckFallsBackToTheMirrorAndReportsAFeedThatIsDown) {
   feedReply_ = ServerReply{503, "busy", "text/plain"};
-  auto viaMirror = norvik({"-v", "update", "check", "--feed", feedURL(), "--mirror", server_.url("/mirror/mac/appcast.xml")});
+  auto viaMirror =
+      norvik({"-v", "update", "check", "--feed", feedURL(), "--mirror", server_.url("/mirror/mac/appcast.xml")});
   ASSERT_EQ(viaMirror.exitStatus, 0) << viaMirror.err;
   EXPECT_NE(viaMirror.out.find("Доступна версия 2.0"), std::string::npos);
   EXPECT_NE(viaMirror.err.find("[Update] фид: зеркало"), std::string::npos) << viaMirror.err;

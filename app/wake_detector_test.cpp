@@ -13,7 +13,8 @@ TEST(WakeDetector, ASleepIsTheGrowthOfTheGapBetweenBootTimeAndMonotonicTime) {
   testing::VirtualEventLoop loop;
   std::chrono::nanoseconds offset = 100s;
   std::vector<std::chrono::seconds> wakes;
-  WakeDetector detector(loop, [&] { return offset; }, [&](std::chrono::seconds slept) { wakes.push_back(slept); });
+  WakeDetector detector(
+      loop, [&] { return offset; }, [&](std::chrono::seconds slept) { wakes.push_back(slept); });
   detector.start();
 
   loop.advance(1min);

@@ -21,12 +21,18 @@ APIError decodeError(std::string_view detail) {
 
 std::string_view codeForStatus(int status) {
   switch (status) {
-    case 400: return kBadRequest;
-    case 401: return kUnauthorized;
-    case 403: return kForbidden;
-    case 429: return kRateLimit;
-    case 503: return kServerOverload;
-    default: return kHttpError;
+    case 400:
+      return kBadRequest;
+    case 401:
+      return kUnauthorized;
+    case 403:
+      return kForbidden;
+    case 429:
+      return kRateLimit;
+    case 503:
+      return kServerOverload;
+    default:
+      return kHttpError;
   }
 }
 

@@ -143,7 +143,7 @@ struct ServiceSubscription {
 };
 
 struct ServiceUser {
-  bool available = false;  // required
+  bool available = false;                      // required
   std::optional<ServiceSubscription> service;  // "subscription"
   std::optional<std::vector<PaymentHistoryItem>> paymentHistory;
   bool operator==(const ServiceUser&) const = default;

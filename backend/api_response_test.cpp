@@ -35,7 +35,8 @@ TEST(DecodeAPIResponse, ARealisticDocumentDecodesEverySection) {
 TEST(DecodeAPIResponse, OnlyMainAndInfoAreRequired) {
   auto r = decodeAPIResponse(kMinimal);
   ASSERT_TRUE(r.has_value()) << r.error();
-  EXPECT_FALSE(r->routing || r->options || r->serviceUser || r->subPanel || r->supportConfig || r->netProfile || r->faq);
+  EXPECT_FALSE(r->routing || r->options || r->serviceUser || r->subPanel || r->supportConfig || r->netProfile ||
+               r->faq);
   EXPECT_FALSE(r->main.keyData.has_value());
 
   auto noInfo = decodeAPIResponse(R"({"main": {}})");
@@ -79,7 +80,8 @@ TEST(DecodeAPIResponse, AWrongTypeNamesTheFieldAndQuotesTheValue) {
   auto r = decodeAPIResponse(R"({"main": {"key_ip": 42}, "info": {}})");
   ASSERT_FALSE(r.has_value());
   EXPECT_EQ(r.error(), "\"main.key_ip\": expected a string, found a number 42");
-  auto deep = decodeAPIResponse(R"({"main": {}, "info": {}, "sub_panel": {"state": "x", "payment_history": [{"date": 1}, {"status": false}]}})");
+  auto deep = decodeAPIResponse(
+      R"({"main": {}, "info": {}, "sub_panel": {"state": "x", "payment_history": [{"date": 1}, {"status": false}]}})");
   EXPECT_EQ(deep.error(), "\"sub_panel.payment_history[1].status\": expected a string, found a Boolean false");
 }
 
@@ -91,8 +93,9 @@ TEST(DecodeAPIResponse, GeopWinsOverTheLegacyName) {
 }
 
 TEST(DecodeAPIResponse, BadDocumentsFailWithoutThrowing) {
-  for (std::string_view body : {"", "[]", "null", "{\"main\": [], \"info\": {}}", "{\"main\": {\"main_text\": \"\xC3\x28\"}, \"info\": {}}",
-                                "{\"main\": {}, \"info\": {}", "{\"main\": {}, \"info\": {}, \"sub_panel\": {}}"}) {
+  for (std::string_view body :
+       {"", "[]", "null", "{\"main\": [], \"info\": {}}", "{\"main\": {\"main_text\": \"\xC3\x28\"}, \"info\": {}}",
+        "{\"main\": {}, \"info\": {}", "{\"main\": {}, \"info\": {}, \"sub_panel\": {}}"}) {
     EXPECT_FALSE(decodeAPIResponse(body).has_value()) << body;
   }
   const std::string deep = std::string(100000, '[') + std::string(100000, ']');
@@ -100,7 +103,8 @@ TEST(DecodeAPIResponse, BadDocumentsFailWithoutThrowing) {
 }
 
 TEST(DecodeEndpointResponses, EachTypeReadsItsOwnKeys) {
-  auto key = decodeVPNKeyResponse(R"({"result": "1", "keyData": "[Interface]", "keyIP": "198.51.100.7", "success": true})");
+  auto key =
+      decodeVPNKeyResponse(R"({"result": "1", "keyData": "[Interface]", "keyIP": "198.51.100.7", "success": true})");
   ASSERT_TRUE(key.has_value());
   EXPECT_EQ(key->result, 1);
   EXPECT_EQ(key->keyIP, "198.51.100.7");
@@ -111,7 +115,8 @@ TEST(DecodeEndpointResponses, EachTypeReadsItsOwnKeys) {
 
   auto transfer = decodeTransferResponse(R"({"status": false, "wait_seconds": 30, "attempts_left": 2})");
   EXPECT_EQ(transfer->wait(), 30);
-  auto lists = decodeServiceListsResponse(R"({"version": "17", "services": {"youtube": ["1.2.3.0/24"], "telegram": []}})");
+  auto lists =
+      decodeServiceListsResponse(R"({"version": "17", "services": {"youtube": ["1.2.3.0/24"], "telegram": []}})");
   ASSERT_TRUE(lists.has_value());
   EXPECT_EQ(lists->services->at("youtube"), (std::vector<std::string>{"1.2.3.0/24"}));
   EXPECT_FALSE(decodeServiceListsResponse(R"({"services": {"youtube": [1]}})").has_value());

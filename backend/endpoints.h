@@ -32,13 +32,14 @@ inline constexpr Endpoint kCancelSubscription{"cancel_sub_api", seconds(10), 3, 
 inline constexpr Endpoint kRequestMoveCode{"request_move_code", seconds(15), 2, seconds(2)};
 inline constexpr Endpoint kMoveSubscription{"move_sub", seconds(15), 2, seconds(2)};
 
-inline constexpr Endpoint kAll[] = {kMain,      kGetKey,   kChangeServer, kCheckAppVersion,    kGeoIP,          kServiceLists,
-                                    kAddPush,   kStoreOpen, kCancelSubscription, kRequestMoveCode, kMoveSubscription};
+inline constexpr Endpoint kAll[] = {
+    kMain,    kGetKey,    kChangeServer,       kCheckAppVersion, kGeoIP,           kServiceLists,
+    kAddPush, kStoreOpen, kCancelSubscription, kRequestMoveCode, kMoveSubscription};
 
 // The extra body keys of the endpoints that take one.
-inline constexpr std::string_view kPushTokenKey = "push_token";  // add_push
+inline constexpr std::string_view kPushTokenKey = "push_token";    // add_push
 inline constexpr std::string_view kDeviceNameKey = "device_name";  // request_move_code, move_sub
-inline constexpr std::string_view kMoveCodeKey = "code";          // move_sub
+inline constexpr std::string_view kMoveCodeKey = "code";           // move_sub
 
 [[nodiscard]] const Endpoint* find(std::string_view name);
 

@@ -79,10 +79,8 @@ std::expected<HttpRequest, APIError> NetworkService::buildRequest(const Endpoint
   request.url = known->second;
   request.timeout = endpoint.timeout;
   request.headers = {
-      {"Content-Type", "application/json"},
-      {"X-Timestamp", std::to_string(signature->timestamp)},
-      {"X-Nonce", signature->nonce},
-      {"X-HMAC-Signature", signature->signature},
+      {"Content-Type", "application/json"}, {"X-Timestamp", std::to_string(signature->timestamp)},
+      {"X-Nonce", signature->nonce},        {"X-HMAC-Signature", signature->signature},
       {"User-Agent", "Norvik-macOS/1.0"},
   };
   request.body = std::move(body);
@@ -117,9 +115,10 @@ void NetworkService::attempt(std::shared_ptr<Exchange> exchange) {
 void NetworkService::retryLater(std::shared_ptr<Exchange> exchange) {
   ++exchange->attempt;
   auto* raw = exchange.get();
-  raw->retry = loop_.postAfter(raw->endpoint.retryWait, [weak = weakFactory_.weak(), exchange = std::move(exchange)]() mutable {
-    if (auto self = weak.lock()) self->attempt(std::move(exchange));
-  });
+  raw->retry =
+      loop_.postAfter(raw->endpoint.retryWait, [weak = weakFactory_.weak(), exchange = std::move(exchange)]() mutable {
+        if (auto self = weak.lock()) self->attempt(std::move(exchange));
+      });
 }
 
 void NetworkService::onAnswer(std::shared_ptr<Exchange> exchange, HttpResult result) {
@@ -130,7 +129,8 @@ void NetworkService::onAnswer(std::shared_ptr<Exchange> exchange, HttpResult res
   if (!result) {
     log_.format("Attempt {} failed: {}", exchange->attempt, result.error().message);
     if (attemptsRemain) return retryLater(std::move(exchange));
-    return exchange->finish(std::unexpected(api_error::networkError(result.error().kind == NetworkErrorKind::timedOut)));
+    return exchange->finish(
+        std::unexpected(api_error::networkError(result.error().kind == NetworkErrorKind::timedOut)));
   }
 
   const HttpResponse& response = *result;

@@ -74,8 +74,8 @@ void NetworkService::call(const Endpoint& endpoint, const nlohmann::json& params
 
 void NetworkService::getKey(APICompletion<VPNKeyResponse> completion) {
   auto logKey = [this](const VPNKeyResponse& r) {
-    log_.format("VPNKeyResponse: result={}, keyData exists: {}, keyIP exists: {}", orNone(r.result), r.keyData.has_value(),
-                r.keyIP.has_value());
+    log_.format("VPNKeyResponse: result={}, keyData exists: {}, keyIP exists: {}", orNone(r.result),
+                r.keyData.has_value(), r.keyIP.has_value());
     if (r.error) log_.format("[GetKey] Server returned error field: {}", *r.error);
   };
   call<VPNKeyResponse>(endpoints::kGetKey, nlohmann::json::object(),
@@ -86,12 +86,12 @@ void NetworkService::getKey(APICompletion<VPNKeyResponse> completion) {
 void NetworkService::changeServer(APICompletion<VPNKeyResponse> completion) {
   // The same response type as "getkey", logged under the same label on purpose.
   auto logKey = [this](const VPNKeyResponse& r) {
-    log_.format("VPNKeyResponse: result={}, keyData exists: {}, keyIP exists: {}", orNone(r.result), r.keyData.has_value(),
-                r.keyIP.has_value());
+    log_.format("VPNKeyResponse: result={}, keyData exists: {}, keyIP exists: {}", orNone(r.result),
+                r.keyData.has_value(), r.keyIP.has_value());
   };
   call<VPNKeyResponse>(endpoints::kChangeServer, nlohmann::json::object(),
-                       {"RAW JSON Response from getkey: ", "Change server decoding error: "}, &decodeVPNKeyResponse, logKey,
-                       std::move(completion));
+                       {"RAW JSON Response from getkey: ", "Change server decoding error: "}, &decodeVPNKeyResponse,
+                       logKey, std::move(completion));
 }
 
 void NetworkService::checkAppVersion(APICompletion<AppVersionResponse> completion) {
@@ -120,20 +120,27 @@ void NetworkService::fetchServiceLists(APICompletion<ServiceListsResponse> compl
 }
 
 void NetworkService::addPushToken(std::string token, APICompletion<PushTokenResponse> completion) {
-  auto logPush = [this](const PushTokenResponse& r) { log_.format("Push token registered: {}", r.update.value_or("")); };
+  auto logPush = [this](const PushTokenResponse& r) {
+    log_.format("Push token registered: {}", r.update.value_or(""));
+  };
   call<PushTokenResponse>(endpoints::kAddPush, {{std::string(endpoints::kPushTokenKey), std::move(token)}},
-                          {"", "Push token decoding error: "}, &decodePushTokenResponse, logPush, std::move(completion));
+                          {"", "Push token decoding error: "}, &decodePushTokenResponse, logPush,
+                          std::move(completion));
 }
 
 void NetworkService::storeOpen(APICompletion<StoreOpenResponse> completion) {
-  auto logStore = [this](const StoreOpenResponse& r) { log_.format("Store open fetched (store: {})", orNone(r.store)); };
+  auto logStore = [this](const StoreOpenResponse& r) {
+    log_.format("Store open fetched (store: {})", orNone(r.store));
+  };
   call<StoreOpenResponse>(endpoints::kStoreOpen, nlohmann::json::object(),
                           {"RAW JSON Response from st_open: ", "Store open decoding error: "}, &decodeStoreOpenResponse,
                           logStore, std::move(completion));
 }
 
 void NetworkService::cancelSubscription(APICompletion<CancelServiceResponse> completion) {
-  auto logCancel = [this](const CancelServiceResponse& r) { log_.format("Cancel service response: result={}", r.result); };
+  auto logCancel = [this](const CancelServiceResponse& r) {
+    log_.format("Cancel service response: result={}", r.result);
+  };
   call<CancelServiceResponse>(endpoints::kCancelSubscription, nlohmann::json::object(),
                               {"RAW JSON Response from cancel_sub_api: ", "Cancel service decoding error: "},
                               &decodeCancelServiceResponse, logCancel, std::move(completion));
@@ -143,10 +150,10 @@ void NetworkService::requestMoveCode(std::string deviceName, APICompletion<MoveC
   auto logCode = [this](const MoveCodeResponse& r) {
     if (r.status.value_or(false)) log_.format("[Transfer] Move code created, expires in {} min", orNone(r.expiresMin));
   };
-  call<MoveCodeResponse>(endpoints::kRequestMoveCode, {{std::string(endpoints::kDeviceNameKey), std::move(deviceName)}},
-                         {"[Transfer] RAW JSON Response (request_move_code): ",
-                          "[Transfer] Decoding error (request_move_code): "},
-                         &decodeMoveCodeResponse, logCode, std::move(completion));
+  call<MoveCodeResponse>(
+      endpoints::kRequestMoveCode, {{std::string(endpoints::kDeviceNameKey), std::move(deviceName)}},
+      {"[Transfer] RAW JSON Response (request_move_code): ", "[Transfer] Decoding error (request_move_code): "},
+      &decodeMoveCodeResponse, logCode, std::move(completion));
 }
 
 void NetworkService::moveSubscription(std::string code, std::string deviceName,
@@ -155,7 +162,8 @@ void NetworkService::moveSubscription(std::string code, std::string deviceName,
     if (r.status.value_or(false)) {
       log_.format("[Transfer] Subscription transferred successfully, date: {}", r.dateSub.value_or(""));
     } else {
-      log_.format("[Transfer] Transfer failed: {}, attempts left: {}", r.typeError.value_or(""), orNone(r.attemptsLeft));
+      log_.format("[Transfer] Transfer failed: {}, attempts left: {}", r.typeError.value_or(""),
+                  orNone(r.attemptsLeft));
     }
   };
   call<TransferResponse>(endpoints::kMoveSubscription,

@@ -4,8 +4,8 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/linux/curl_http_transport.h"
-#include "testing/backend_verifier.h"
 #include "testing/backend_environment.h"
+#include "testing/backend_verifier.h"
 #include "testing/http_fakes.h"
 #include "testing/loopback_https_server.h"
 #include "testing/test_provisioning.h"
@@ -72,7 +72,9 @@ TEST_F(NetworkServiceOverTlsTest, TheServerVerifiesTheSignatureAndOpensTheIdenti
 }
 
 TEST_F(NetworkServiceOverTlsTest, A503OnEveryAttemptOfMainMeansFourSendsTwoSecondsApart) {
-  server_.setHandler([](const ServerRequest&) { return ServerReply{503, R"({"message":"busy","title":"Перегрузка"})"}; });
+  server_.setHandler([](const ServerRequest&) {
+    return ServerReply{503, R"({"message":"busy","title":"Перегрузка"})"};
+  });
   NetworkService service(loop, transport_, security, defaults, clock, log, config(server_.url("/api/")));
 
   auto body = sendAndWait(service, endpoints::kMain);

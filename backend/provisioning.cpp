@@ -47,7 +47,8 @@ std::expected<Provisioning, Error> loadProvisioning(const std::filesystem::path&
     *target = it->get<std::string>();
   }
   if (auto it = json.find("update_ed25519_public_key"); it != json.end()) {
-    constexpr const char* kKeyError = "field \"update_ed25519_public_key\" must be the Base64 of a 32-byte Ed25519 public key";
+    constexpr const char* kKeyError =
+        "field \"update_ed25519_public_key\" must be the Base64 of a 32-byte Ed25519 public key";
     if (!it->is_string()) return fail(kKeyError);
     const auto key = base64Decode(trimWhitespace(it->get_ref<const std::string&>()));
     if (!key || key->size() != 32) return fail(kKeyError);

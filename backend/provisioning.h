@@ -28,11 +28,12 @@ struct Provisioning {
   std::optional<std::string> updateEd25519PublicKey{};
 };
 
-// Reads the provisioning file. Every field is a required string, except the optional update key. The error names the file and the
-// field, and never quotes a value.
+// Reads the provisioning file. Every field is a required string, except the optional update key. The error names the
+// file and the field, and never quotes a value.
 [[nodiscard]] std::expected<Provisioning, Error> loadProvisioning(const std::filesystem::path& file);
 
 // The provisioning file named by `explicitPath`, else by $NORVIK_PROVISIONING; nothing when neither is set.
-[[nodiscard]] std::optional<std::filesystem::path> provisioningPath(const std::optional<std::filesystem::path>& explicitPath);
+[[nodiscard]] std::optional<std::filesystem::path> provisioningPath(
+    const std::optional<std::filesystem::path>& explicitPath);
 
 }  // namespace norvik

@@ -66,7 +66,8 @@ TEST_F(ProvisioningTest, TheUpdateKeyIsOptionalButMustBeAnEd25519Key) {
   EXPECT_EQ(load(withKey("\"" + key + "\"")).value().updateEd25519PublicKey, key);
   for (std::string_view bad : {"\"c2hvcnQ=\"", "\"not base64\"", "42"}) {
     auto error = load(withKey(bad)).error().message;
-    EXPECT_NE(error.find("\"update_ed25519_public_key\" must be the Base64 of a 32-byte Ed25519 public key"), std::string::npos)
+    EXPECT_NE(error.find("\"update_ed25519_public_key\" must be the Base64 of a 32-byte Ed25519 public key"),
+              std::string::npos)
         << error;
   }
 }

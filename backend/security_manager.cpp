@@ -46,8 +46,8 @@ VendorID SecurityManager::vendorID() {
   if (stored.status == errSecItemNotFound) {
     std::string fresh = makeUUID();
     // The add's status is not checked: should it fail, the mirror still carries the identifier.
-    (void)secureItems_.add({std::string(kKeychainAccount), std::nullopt, std::string(kSecAttrAccessibleAfterFirstUnlock)},
-                           toBytes(fresh));
+    (void)secureItems_.add(
+        {std::string(kKeychainAccount), std::nullopt, std::string(kSecAttrAccessibleAfterFirstUnlock)}, toBytes(fresh));
     defaults_.setString(kMirrorKey, fresh);
     return {fresh, true};
   }
@@ -70,8 +70,9 @@ VendorID SecurityManager::vendorID() {
     return {*mirror, true};
   }
 
-  log_.format("[VendorID] Keychain недоступен (OSStatus {}) и зеркала нет — запасной ID, запросы к бэкенду заблокированы",
-              stored.status);
+  log_.format(
+      "[VendorID] Keychain недоступен (OSStatus {}) и зеркала нет — запасной ID, запросы к бэкенду заблокированы",
+      stored.status);
   return {makeUUID(), false};
 }
 
@@ -128,8 +129,7 @@ std::string SecurityManager::requestSignature(ByteView body, std::int64_t timest
 
 std::optional<RequestSignature> SecurityManager::signRequest(ByteView body, ByteView nonceBytes) {
   // Whole seconds, truncated toward zero.
-  const auto timestamp =
-      std::chrono::duration_cast<std::chrono::seconds>(clock_.now().time_since_epoch()).count();
+  const auto timestamp = std::chrono::duration_cast<std::chrono::seconds>(clock_.now().time_since_epoch()).count();
   RequestSignature out;
   out.timestamp = static_cast<std::int64_t>(timestamp);
   out.nonce = base64Encode(nonceBytes);

@@ -56,7 +56,7 @@ TEST_F(SecurityManagerTest, ALockedStoreWithoutMirrorGivesAnUntrustedIdentifierS
   store.setLockedStatus(std::nullopt);
   EXPECT_EQ(store.itemCount(), 0u);
   EXPECT_EQ(log.count("[VendorID] Keychain недоступен (OSStatus -25308) и зеркала нет — запасной ID, запросы к "
-                       "бэкенду заблокированы"),
+                      "бэкенду заблокированы"),
             2u);
 
   // Once the store opens, the next read creates the real identifier.
@@ -75,8 +75,9 @@ TEST_F(SecurityManagerTest, TheUuidOverrideWinsOverTheStore) {
 }
 
 TEST_F(SecurityManagerTest, AnOldItemMovesToAfterFirstUnlockOnceAndGetsAMirror) {
-  store.seed({std::string(SecurityManager::kKeychainAccount), std::nullopt, std::string(kSecAttrAccessibleWhenUnlocked)},
-              toBytes(kMirror));
+  store.seed(
+      {std::string(SecurityManager::kKeychainAccount), std::nullopt, std::string(kSecAttrAccessibleWhenUnlocked)},
+      toBytes(kMirror));
   EXPECT_EQ(security.vendorID().identifier, kMirror);
   EXPECT_EQ(defaults.stringValue(SecurityManager::kMirrorKey), kMirror);
   auto attributes = store.copyAttributes({std::string(SecurityManager::kKeychainAccount)});
@@ -120,7 +121,8 @@ TEST_F(SecurityManagerTest, TheSignatureIsHmacOfBodyThenTimestampThenNonce) {
   EXPECT_EQ(security.requestSignature(asBytes("{\"a\":1}"), 1700000000, "bm9uY2U="),
             hexLower(reference.hmacSha256(key, asBytes("{\"a\":1}1700000000bm9uY2U="))));
   // An empty body signs the timestamp and nonce alone.
-  EXPECT_EQ(security.requestSignature({}, 42, "abcdefghijk"), hexLower(reference.hmacSha256(key, asBytes("42abcdefghijk"))));
+  EXPECT_EQ(security.requestSignature({}, 42, "abcdefghijk"),
+            hexLower(reference.hmacSha256(key, asBytes("42abcdefghijk"))));
   EXPECT_TRUE(log.hasLine("[HMAC] Enhanced signature generated (ts: 42, nonce:abcdefgh...)"));
 }
 

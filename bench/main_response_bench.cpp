@@ -25,13 +25,18 @@ std::string documentOfSize(std::size_t bytes) {
                               {"has_list", true},
                               {"domains", nlohmann::json::array()},
                               {"cidr", nlohmann::json::array()}};
-    for (int d = 0; d < 8; ++d) service["domains"].push_back("cdn" + std::to_string(d) + ".service" + std::to_string(i) + ".com");
-    for (int c = 0; c < 16; ++c) service["cidr"].push_back(std::to_string(10 + c) + "." + std::to_string(i % 250) + ".0.0/16");
+    for (int d = 0; d < 8; ++d)
+      service["domains"].push_back("cdn" + std::to_string(d) + ".service" + std::to_string(i) + ".com");
+    for (int c = 0; c < 16; ++c)
+      service["cidr"].push_back(std::to_string(10 + c) + "." + std::to_string(i % 250) + ".0.0/16");
     services.push_back(std::move(service));
     faq.push_back({{"q", "Вопрос номер " + std::to_string(i) + ": почему не открывается сайт?"},
                    {"a", "Попробуйте сменить сервер или включить Умный режим — российские сайты пойдут напрямую."}});
-    payments.push_back({{"payment_id", "p-" + std::to_string(i)}, {"date", 1766361600 + i}, {"amount", "299 ₽"},
-                        {"amount_rub", 299.0}, {"status", "paid"}});
+    payments.push_back({{"payment_id", "p-" + std::to_string(i)},
+                        {"date", 1766361600 + i},
+                        {"amount", "299 ₽"},
+                        {"amount_rub", 299.0},
+                        {"status", "paid"}});
   }
   return doc.dump();
 }

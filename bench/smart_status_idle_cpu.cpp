@@ -70,7 +70,8 @@ int main(int argc, char** argv) {
   close(toChild[0]);
   std::string facts;
   char buffer[512];
-  for (ssize_t n; std::count(facts.begin(), facts.end(), '\n') < 2 && (n = read(toParent[0], buffer, sizeof buffer)) > 0;) {
+  for (ssize_t n;
+       std::count(facts.begin(), facts.end(), '\n') < 2 && (n = read(toParent[0], buffer, sizeof buffer)) > 0;) {
     facts.append(buffer, static_cast<std::size_t>(n));
   }
   const std::string probeUrl = facts.substr(0, facts.find('\n'));
@@ -91,8 +92,8 @@ int main(int argc, char** argv) {
   DeviceClockCheck clockCheck{loop, log};
   auto http = CurlHttpTransport::create(loop, {caFile}).value();
   HttpHealthProbes probes{{loop, *http, clock, log, nullptr, &pathMonitor, &clockCheck}};
-  SmartStatusEngine engine{{loop, clock, log, analytics, standard, store, vpn, tunnels, probes, &pathMonitor,
-                            &clockCheck}};
+  SmartStatusEngine engine{
+      {loop, clock, log, analytics, standard, store, vpn, tunnels, probes, &pathMonitor, &clockCheck}};
 
   MainConfig main;
   main.smartStatus = nlohmann::json{{"enabled", !off}, {"probe_tunnel_urls", {probeUrl}}};
@@ -130,7 +131,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::printf("policy=%s seconds=%d cpu_ms=%.2f share_of_one_core=%.4f%% windows=%zu tunnel_probes_reached=%d\n",
-              off ? "off" : "on", seconds, used * 1000, used / seconds * 100,
-              log.count("[SmartStatus] окно проверки:"), probesServed);
+              off ? "off" : "on", seconds, used * 1000, used / seconds * 100, log.count("[SmartStatus] окно проверки:"),
+              probesServed);
   return 0;
 }

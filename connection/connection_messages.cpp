@@ -54,7 +54,8 @@ std::string serverChangeMessage(const APIError& error) {
 bool isVPNPermissionDenied(const Error& error) {
   // The system reports a refused "allow VPN configuration" prompt as a failed write of the
   // configuration whose description names the refusal.
-  if (error.domain != kNEVPNErrorDomain || error.code != static_cast<int>(NEVPNErrorCode::configurationReadWriteFailed)) {
+  if (error.domain != kNEVPNErrorDomain ||
+      error.code != static_cast<int>(NEVPNErrorCode::configurationReadWriteFailed)) {
     return false;
   }
   std::string lower = error.message;

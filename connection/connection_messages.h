@@ -23,7 +23,8 @@ inline constexpr std::string_view kNoKeyConfiguration = "Сервер не пр�
 inline constexpr std::string_view kNoNewConfiguration = "Сервер не предоставил новую конфигурацию";
 inline constexpr std::string_view kInstallFailed = "Не удалось установить конфигурацию VPN";
 inline constexpr std::string_view kNewInstallFailed = "Не удалось установить новую конфигурацию VPN";
-inline constexpr std::string_view kConnectFailed = "Не удалось подключиться к VPN. Попробуйте снова или смените сервер.";
+inline constexpr std::string_view kConnectFailed =
+    "Не удалось подключиться к VPN. Попробуйте снова или смените сервер.";
 inline constexpr std::string_view kDisconnectFailed = "Не удалось отключить VPN. Попробуйте ещё раз.";
 inline constexpr std::string_view kChangeTimedOut = "Превышено время ожидания. Проверьте подключение к интернету.";
 inline constexpr std::string_view kChangedButNotConnected =
@@ -51,8 +52,8 @@ struct BusyText {
 namespace busy_texts {
 BusyText fetchingKey();     // "Получаем ключ, подождите…" / "Получаем ключ…"
 BusyText changingServer();  // "Меняем сервер, подождите…" / "Меняем сервер…"
-BusyText loadingData();     // "Загружаем данные, секунду…" / "Загружаем данные…"
-BusyText refreshingKey();   // "Обновляем сервер…"
+BusyText loadingData();  // "Загружаем данные, секунду…" / "Загружаем данные…"
+BusyText refreshingKey();           // "Обновляем сервер…"
 BusyText disconnectingForChange();  // "Отключаем VPN…"
 BusyText reconnectingForChange();   // "Подключаемся…"
 BusyText checkingPayment();         // "Проверяем оплату…"

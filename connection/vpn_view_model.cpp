@@ -97,10 +97,10 @@ VPNViewModel::VPNViewModel(Dependencies d)
       log_(d.log),
       analytics_(d.analytics),
       preConnectCheck_(std::move(d.preConnectCheck)) {
-  responseSubscription_ = network_.currentResponse().subscribe([this](const NetworkService::MainResponse& r) {
-    onMainResponse(r);
-  });
-  loadErrorSubscription_ = network_.lastError().subscribe([this](const std::optional<APIError>& e) { onMainLoadError(e); });
+  responseSubscription_ =
+      network_.currentResponse().subscribe([this](const NetworkService::MainResponse& r) { onMainResponse(r); });
+  loadErrorSubscription_ =
+      network_.lastError().subscribe([this](const std::optional<APIError>& e) { onMainLoadError(e); });
   loadingSubscription_ = network_.isLoading().subscribe([this](const bool& loading) {
     if (loading && operation_.get() == Operation::none && !busyText_.get()) {
       loadingBusy_ = true;
@@ -123,9 +123,8 @@ VPNViewModel::VPNViewModel(Dependencies d)
     showError(Action::toggle, kConnectErrorTitle,
               dropped ? std::string(texts::kConnectionDropped) : VPNManager::errorMessage(error));
   });
-  failureSubscription_ = vpn_.connectionFailed().subscribe([this](const std::string& message) {
-    showError(Action::toggle, kExtensionErrorTitle, message);
-  });
+  failureSubscription_ = vpn_.connectionFailed().subscribe(
+      [this](const std::string& message) { showError(Action::toggle, kExtensionErrorTitle, message); });
 }
 
 VPNViewModel::~VPNViewModel() = default;
@@ -291,25 +290,26 @@ void VPNViewModel::onKeyResponse(std::expected<VPNKeyResponse, APIError> respons
   }
   if (!r.keyData || r.keyData->empty()) return fail(std::string(texts::kNoKeyConfiguration));
 
-  vpn_.installKey(*r.keyData, [weak = weakFactory_.weak(), done = std::move(done)](std::expected<void, Error> installed) mutable {
-    auto self = weak.lock();
-    if (!self) return;
-    self->endOperation();
-    if (!installed) {
-      if (isVPNPermissionDenied(installed.error())) {
-        self->analytics_.record("permission_denied");
-        self->permissionCard_.set(true);
-        self->showError(Action::getKey, texts::kKeyErrorTitle, std::string(texts::kAllowVPN));
-      } else {
-        self->showError(Action::getKey, texts::kKeyErrorTitle, std::string(texts::kInstallFailed));
-      }
-      if (done) done(false);
-      return;
-    }
-    self->permissionCard_.set(false);
-    self->succeed(Action::getKey);
-    if (done) done(true);
-  });
+  vpn_.installKey(*r.keyData,
+                  [weak = weakFactory_.weak(), done = std::move(done)](std::expected<void, Error> installed) mutable {
+                    auto self = weak.lock();
+                    if (!self) return;
+                    self->endOperation();
+                    if (!installed) {
+                      if (isVPNPermissionDenied(installed.error())) {
+                        self->analytics_.record("permission_denied");
+                        self->permissionCard_.set(true);
+                        self->showError(Action::getKey, texts::kKeyErrorTitle, std::string(texts::kAllowVPN));
+                      } else {
+                        self->showError(Action::getKey, texts::kKeyErrorTitle, std::string(texts::kInstallFailed));
+                      }
+                      if (done) done(false);
+                      return;
+                    }
+                    self->permissionCard_.set(false);
+                    self->succeed(Action::getKey);
+                    if (done) done(true);
+                  });
 }
 
 // --- Changing server ---
@@ -329,13 +329,12 @@ void VPNViewModel::changeServerAction() {
   if (!isUp(vpn_.connectionState().get())) return changeServerRequest(std::move(oldServer));
   setBusy(busy_texts::disconnectingForChange());
   vpn_.disconnect();
-  waitForTunnel(&untilDisconnected, kDisconnectWait,
-                [weak = weakFactory_.weak(), oldServer](bool stopped) mutable {
-                  auto self = weak.lock();
-                  if (!self) return;
-                  if (!stopped) return self->failServerChange(texts::kServerChangeTitle, std::string(texts::kDisconnectFailed));
-                  self->changeServerRequest(std::move(oldServer));
-                });
+  waitForTunnel(&untilDisconnected, kDisconnectWait, [weak = weakFactory_.weak(), oldServer](bool stopped) mutable {
+    auto self = weak.lock();
+    if (!self) return;
+    if (!stopped) return self->failServerChange(texts::kServerChangeTitle, std::string(texts::kDisconnectFailed));
+    self->changeServerRequest(std::move(oldServer));
+  });
 }
 
 void VPNViewModel::changeServerRequest(std::optional<std::string> oldServer) {
@@ -385,28 +384,28 @@ void VPNViewModel::onChangeServerResponse(std::expected<VPNKeyResponse, APIError
 
 void VPNViewModel::changeServerConnect(std::optional<std::string> oldServer) {
   setBusy(busy_texts::reconnectingForChange());
-  vpn_.connect([weak = weakFactory_.weak(), oldServer = std::move(oldServer)](std::expected<void, Error> started) mutable {
-    auto self = weak.lock();
-    if (!self) return;
-    if (!started) {
-      return self->failServerChange(texts::kServerChangeTitle, std::string(texts::kChangedButNotConnected));
-    }
-    self->waitForTunnel(&untilConnected, kConnectWait,
-                        [weak = self->weakFactory_.weak(), oldServer = std::move(oldServer)](bool connected) {
-                          auto self = weak.lock();
-                          if (!self) return;
-                          if (!connected) {
-                            return self->failServerChange(texts::kServerChangeTitle,
-                                                          std::string(texts::kChangedButNotConnected));
-                          }
-                          const auto newServer = self->currentServerIP();
-                          self->log_.format("Сервер сменён: {} → {}", oldServer.value_or("none"),
-                                            newServer.value_or("none"));
-                          self->endOperation();
-                          self->overlays_.showToast("server_changed", std::string(texts::kServerChanged));
-                          self->succeed(Action::changeServer);
-                        });
-  });
+  vpn_.connect(
+      [weak = weakFactory_.weak(), oldServer = std::move(oldServer)](std::expected<void, Error> started) mutable {
+        auto self = weak.lock();
+        if (!self) return;
+        if (!started) {
+          return self->failServerChange(texts::kServerChangeTitle, std::string(texts::kChangedButNotConnected));
+        }
+        self->waitForTunnel(
+            &untilConnected, kConnectWait,
+            [weak = self->weakFactory_.weak(), oldServer = std::move(oldServer)](bool connected) {
+              auto self = weak.lock();
+              if (!self) return;
+              if (!connected) {
+                return self->failServerChange(texts::kServerChangeTitle, std::string(texts::kChangedButNotConnected));
+              }
+              const auto newServer = self->currentServerIP();
+              self->log_.format("Сервер сменён: {} → {}", oldServer.value_or("none"), newServer.value_or("none"));
+              self->endOperation();
+              self->overlays_.showToast("server_changed", std::string(texts::kServerChanged));
+              self->succeed(Action::changeServer);
+            });
+      });
 }
 
 void VPNViewModel::failServerChange(std::string_view title, std::string message) {
@@ -435,9 +434,8 @@ void VPNViewModel::checkAndUpdateVPNKeyByFullConfig(const std::string& keyData, 
   }
   const auto before = extractServerAddress(current);
   const auto after = extractServerAddress(offered);
-  const std::string reason = before != after
-                                 ? "server " + before.value_or("none") + " → " + after.value_or("none")
-                                 : std::string("config text");
+  const std::string reason = before != after ? "server " + before.value_or("none") + " → " + after.value_or("none")
+                                             : std::string("config text");
   log_.format("[keyCfg] compare: CHANGED ({})", reason);
   installKeyIpConfig(keyData);
 }
@@ -460,10 +458,9 @@ void VPNViewModel::installKeyIpConfig(std::string keyText) {
       auto* self = weak.lock();
       if (!self) return;
       if (!started) return self->finishRefresh(false);
-      self->waitForTunnel(&untilConnected, kConnectWait,
-                          [weak](bool connected) {
-                            if (auto* self = weak.lock()) self->finishRefresh(connected);
-                          });
+      self->waitForTunnel(&untilConnected, kConnectWait, [weak](bool connected) {
+        if (auto* self = weak.lock()) self->finishRefresh(connected);
+      });
     });
   });
 }

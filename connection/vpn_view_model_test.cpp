@@ -28,7 +28,8 @@ std::string keyResponse(const std::string& server) {
 }
 
 std::string mainResponse(const std::string& keyData, bool subActive = true) {
-  return nlohmann::json{{"main", {{"key_data", keyData}, {"sub_active", subActive}}}, {"info", nlohmann::json::object()}}
+  return nlohmann::json{{"main", {{"key_data", keyData}, {"sub_active", subActive}}},
+                        {"info", nlohmann::json::object()}}
       .dump();
 }
 
@@ -69,9 +70,7 @@ class VPNViewModelTest : public ::testing::Test, protected testing::BackendEnvir
   }
 
   const VPNViewModel::ShownError& error() { return *model_.lastError().get(); }
-  std::string installedServer() {
-    return vpn_.tunnelManager()->protocolConfiguration->serverAddress.value_or("none");
-  }
+  std::string installedServer() { return vpn_.tunnelManager()->protocolConfiguration->serverAddress.value_or("none"); }
 
   testing::MemoryDefaults group_;
   testing::CapturingAnalytics analytics_;
@@ -135,7 +134,8 @@ TEST_F(VPNViewModelTest, ThePreConnectCheckAnswersLaterAndItsDialogTakesThePlace
   ASSERT_EQ(asked.size(), 1u) << "a tap during the check is ignored";
   EXPECT_TRUE(log.hasLine("[toggleVPN] идёт проверка сети, игнорируем"));
 
-  asked[0](OverlayItem{OverlayItem::Kind::dialog, "smart_status_pre_connect_no_internet", "Нет интернета", "", {{"Понятно"}}});
+  asked[0](OverlayItem{
+      OverlayItem::Kind::dialog, "smart_status_pre_connect_no_internet", "Нет интернета", "", {{"Понятно"}}});
   loop.advance(2s);
   EXPECT_EQ(analytics_.count("no_internet pre_connect"), 1u);
   ASSERT_TRUE(overlays_.current().get().has_value());
@@ -153,15 +153,15 @@ TEST_F(VPNViewModelTest, ThePreConnectCheckAnswersLaterAndItsDialogTakesThePlace
 
 TEST_F(VPNViewModelTest, KeyFetchErrorsBecomeTheKeyTableTexts) {
   const std::vector<std::pair<HttpResult, std::string>> cases = {
-      {FakeHttpTransport::json(429, "{}"),
-       "Слишком много запросов. Пожалуйста, подождите немного и попробуйте снова."},
+      {FakeHttpTransport::json(429, "{}"), "Слишком много запросов. Пожалуйста, подождите немного и попробуйте снова."},
       {FakeHttpTransport::json(400, "{}"), "Ошибка запроса. Попробуйте снова или обратитесь в поддержку."},
       {FakeHttpTransport::json(401, "{}"), "Ошибка авторизации. Перезапустите приложение и попробуйте снова."},
       {FakeHttpTransport::json(403, "{}"), "Не удалось получить ключ. Попробуйте позже."},
       {std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::cannotConnect)),
        "Проверьте подключение к интернету и повторите попытку"},
       {FakeHttpTransport::json(200, "[1, 2]"), "Ошибка обработки данных от сервера"},
-      {FakeHttpTransport::json(200, R"({"result": 1, "error": "quota"})"), "Не удалось получить ключ. Попробуйте позже."},
+      {FakeHttpTransport::json(200, R"({"result": 1, "error": "quota"})"),
+       "Не удалось получить ключ. Попробуйте позже."},
       {FakeHttpTransport::json(200, R"({"result": 1})"), "Сервер не предоставил конфигурацию VPN"},
   };
   for (const auto& [result, message] : cases) {
@@ -199,7 +199,8 @@ TEST_F(VPNViewModelTest, AServerChangeWalksThroughItsStepsAndConnectsToTheNewSer
     if (b) steps.push_back(b->text);
   });
   bool flagDuring = false;
-  auto watchState = vpn_.connectionState().subscribe([&](const Status&) { flagDuring |= vpn_.isServerChangeInProgress; });
+  auto watchState =
+      vpn_.connectionState().subscribe([&](const Status&) { flagDuring |= vpn_.isServerChangeInProgress; });
 
   model_.changeServerAction();
   settle();

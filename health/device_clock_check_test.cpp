@@ -35,11 +35,11 @@ std::string httpDate(Clock::TimePoint moment) {
 TEST(HttpDate, ReadsOnlyTheModernGmtForm) {
   EXPECT_EQ(parseHttpDate("Sun, 06 Nov 1994 08:49:37 GMT"), at(784111777));
   EXPECT_EQ(parseHttpDate("Thu, 29 Feb 2024 23:59:59 GMT"), at(1709251199));
-  for (const char* bad : {"Sun, 06 Nov 1994 08:49:37 UTC", "Sun, 06 nov 1994 08:49:37 GMT",
-                          "Sunday, 06-Nov-94 08:49:37 GMT", "Sun Nov  6 08:49:37 1994", "Sun, 6 Nov 1994 08:49:37 GMT",
-                          "Fri, 30 Feb 2024 10:00:00 GMT", "Sun, 06 Nov 1994 24:00:00 GMT",
-                          "Sun, 06 Nov 1994 08:49:60 GMT", "Sun, 06 Nov 1994 08:49:37 GMT ", "Xyz, 06 Nov 1994 08:49:37 GMT",
-                          "Sun, 06 Nov 19x4 08:49:37 GMT", ""}) {
+  for (const char* bad :
+       {"Sun, 06 Nov 1994 08:49:37 UTC", "Sun, 06 nov 1994 08:49:37 GMT", "Sunday, 06-Nov-94 08:49:37 GMT",
+        "Sun Nov  6 08:49:37 1994", "Sun, 6 Nov 1994 08:49:37 GMT", "Fri, 30 Feb 2024 10:00:00 GMT",
+        "Sun, 06 Nov 1994 24:00:00 GMT", "Sun, 06 Nov 1994 08:49:60 GMT", "Sun, 06 Nov 1994 08:49:37 GMT ",
+        "Xyz, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 19x4 08:49:37 GMT", ""}) {
     EXPECT_FALSE(parseHttpDate(bad).has_value()) << bad;
   }
 }

@@ -52,12 +52,14 @@ struct HttpHealthProbes::Round {
 
   [[nodiscard]] bool complete() {
     switch (goal) {
-      case Goal::outside: return (*this)[ListKind::ru].decided() && (*this)[ListKind::foreign].decided();
+      case Goal::outside:
+        return (*this)[ListKind::ru].decided() && (*this)[ListKind::foreign].decided();
       case Goal::any:
         return (*this)[ListKind::ru].reached || (*this)[ListKind::foreign].reached ||
                ((*this)[ListKind::ru].pending == 0 && (*this)[ListKind::foreign].pending == 0);
       case Goal::tunnel:
-      default: return (*this)[ListKind::tunnel].decided();
+      default:
+        return (*this)[ListKind::tunnel].decided();
     }
   }
 };
@@ -147,7 +149,8 @@ void HttpHealthProbes::send(const std::shared_ptr<Round>& round, ListKind list, 
 
 void HttpHealthProbes::sendBypass(const std::shared_ptr<Round>& round, ListKind list, const ProbeURL& url,
                                   const SmartStatusPolicy& policy) {
-  auto request = std::make_shared<HttpRequest>(HttpRequest{"GET", url.url, {{"Cache-Control", "no-cache"}}, "", round->timeout});
+  auto request =
+      std::make_shared<HttpRequest>(HttpRequest{"GET", url.url, {{"Cache-Control", "no-cache"}}, "", round->timeout});
   request->interfaceName = round->interfaceName;
   request->freshConnection = true;
   if (auto pins = policy.probeBypassPins.find(url.host); pins != policy.probeBypassPins.end()) {
@@ -165,7 +168,8 @@ void HttpHealthProbes::sendBypass(const std::shared_ptr<Round>& round, ListKind 
     if (!addresses) {
       self->log_.format("[SmartStatus] bypass resolve {}: {}", url.host, addresses.error().message);
     } else {
-      const auto left = round->timeout - std::chrono::duration_cast<std::chrono::milliseconds>(self->loop_.now() - round->startedAt);
+      const auto left =
+          round->timeout - std::chrono::duration_cast<std::chrono::milliseconds>(self->loop_.now() - round->startedAt);
       request->timeout = std::max(left, std::chrono::milliseconds(1));
       request->pinnedAddresses = {pinEntry(url, *addresses)};
       return self->send(round, list, std::move(*request));
@@ -196,7 +200,8 @@ void HttpHealthProbes::finish(const std::shared_ptr<Round>& round) {
       if (round->outsideDone) round->outsideDone(OutsideProbeResult{ru, foreign});
       break;
     case Round::Goal::any:
-      log_.format("[SmartStatus] probe internet: reached={} ({}ms, via {})", boolText(ru || foreign), tookMs, interface);
+      log_.format("[SmartStatus] probe internet: reached={} ({}ms, via {})", boolText(ru || foreign), tookMs,
+                  interface);
       if (round->reachedDone) round->reachedDone(ru || foreign);
       break;
     case Round::Goal::tunnel:

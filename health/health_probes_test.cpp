@@ -100,7 +100,8 @@ TEST_F(HttpHealthProbesTest, TheBypassTriesPinnedAndSeparatelyResolvedAddressesT
   config.probeForeignUrls = std::vector<std::string>{"https://pinned.down/"};
   config.probeBypassEnabled = true;
   config.probeBypassDns = std::vector<std::string>{"77.88.8.8", "77.88.8.1"};
-  config.probeBypassPins = std::map<std::string, std::vector<std::string>>{{"pinned.down", {"192.0.2.7", "2001:db8::7"}}};
+  config.probeBypassPins =
+      std::map<std::string, std::vector<std::string>>{{"pinned.down", {"192.0.2.7", "2001:db8::7"}}};
   const auto policy = resolveSmartStatusPolicy(config);
   dns.answer("ru.down", {"198.51.100.1"});
   // The pinned or resolved address is where the answer comes from this time.
@@ -115,7 +116,7 @@ TEST_F(HttpHealthProbesTest, TheBypassTriesPinnedAndSeparatelyResolvedAddressesT
     if (!sent.request.pinnedAddresses.empty()) pins.push_back(sent.request.pinnedAddresses);
   }
   EXPECT_EQ(pins, (std::vector<std::vector<std::string>>{{"pinned.down:443:192.0.2.7,[2001:db8::7]"},
-                                                          {"ru.down:443:198.51.100.1"}}));
+                                                         {"ru.down:443:198.51.100.1"}}));
   ASSERT_EQ(dns.queries().size(), 2u) << "pinned hosts are not looked up";
   EXPECT_EQ(dns.queries()[0].servers, (std::vector<std::string>{"77.88.8.8", "77.88.8.1"}));
   EXPECT_EQ(dns.queries()[0].timeout, 1500ms);

@@ -7,29 +7,42 @@ namespace norvik {
 
 std::string_view toString(PhysicalPathStatus status) {
   switch (status) {
-    case PhysicalPathStatus::satisfied: return "satisfied";
-    case PhysicalPathStatus::unsatisfied: return "unsatisfied";
-    case PhysicalPathStatus::requiresConnection: return "requiresConnection";
-    default: return "unknown";
+    case PhysicalPathStatus::satisfied:
+      return "satisfied";
+    case PhysicalPathStatus::unsatisfied:
+      return "unsatisfied";
+    case PhysicalPathStatus::requiresConnection:
+      return "requiresConnection";
+    default:
+      return "unknown";
   }
 }
 
 PhysicalPath toPhysicalPath(const NetworkPath& path) {
   PhysicalPath out;
   switch (path.status) {
-    case NetworkPathStatus::satisfied: out.status = PhysicalPathStatus::satisfied; break;
-    case NetworkPathStatus::requiresConnection: out.status = PhysicalPathStatus::requiresConnection; break;
+    case NetworkPathStatus::satisfied:
+      out.status = PhysicalPathStatus::satisfied;
+      break;
+    case NetworkPathStatus::requiresConnection:
+      out.status = PhysicalPathStatus::requiresConnection;
+      break;
     case NetworkPathStatus::unsatisfied:
-    default: out.status = PhysicalPathStatus::unsatisfied; break;
+    default:
+      out.status = PhysicalPathStatus::unsatisfied;
+      break;
   }
   for (const auto& interface : path.availableInterfaces) {
     switch (interface.type) {
       case NetworkInterfaceType::wifi:
       case NetworkInterfaceType::cellular:
-      case NetworkInterfaceType::wiredEthernet: out.interfaceNames.insert(interface.name); break;
+      case NetworkInterfaceType::wiredEthernet:
+        out.interfaceNames.insert(interface.name);
+        break;
       case NetworkInterfaceType::loopback:
       case NetworkInterfaceType::other:
-      default: break;
+      default:
+        break;
     }
   }
   out.gateways = path.gateways;

@@ -18,7 +18,8 @@ bool PhysicalPathMonitor::start(ChangeHandler onChange) {
   PhysicalPathSourceOptions options;
   options.prohibitedInterfaceTypes = {NetworkInterfaceType::other};
   auto started = source_.start(std::move(options), [this, generation](const NetworkPath& path) {
-    queue_.dispatch([this, generation, path = toPhysicalPath(path)]() mutable { deliver(generation, std::move(path)); });
+    queue_.dispatch(
+        [this, generation, path = toPhysicalPath(path)]() mutable { deliver(generation, std::move(path)); });
   });
   if (!started) {
     log_.write("[SmartStatus] physical path monitor could not start: " + started.error().description());
@@ -67,8 +68,10 @@ std::optional<std::string> PhysicalPathMonitor::preferredInterfaceName() const {
     switch (interface.type) {
       case NetworkInterfaceType::wifi:
       case NetworkInterfaceType::cellular:
-      case NetworkInterfaceType::wiredEthernet: return interface.name;
-      default: break;
+      case NetworkInterfaceType::wiredEthernet:
+        return interface.name;
+      default:
+        break;
     }
   }
   return std::nullopt;
@@ -93,9 +96,7 @@ void PhysicalPathMonitor::deliver(std::uint64_t generation, PhysicalPath path) {
 
 PhysicalPathMonitor::ChangeHandler PhysicalPathMonitor::postingTo(EventLoop& loop, ChangeHandler handler) {
   auto shared = std::make_shared<ChangeHandler>(std::move(handler));
-  return [&loop, shared](const PhysicalPath& path) {
-    loop.post([shared, path] { (*shared)(path); });
-  };
+  return [&loop, shared](const PhysicalPath& path) { loop.post([shared, path] { (*shared)(path); }); };
 }
 
 }  // namespace norvik

@@ -56,8 +56,9 @@ TEST_F(PhysicalPathMonitorTest, TheFirstPathIsABaselineThatIsLoggedButNotReporte
   monitor.flush();
 
   EXPECT_EQ(changeCount(), 0u);
-  EXPECT_TRUE(log.hasLine("[SmartStatus] physical path baseline: status=satisfied interfaces=[eth0, wlan0] "
-                          "gateways=[192.168.1.1] cellular=false expensive=false constrained=false"))
+  EXPECT_TRUE(
+      log.hasLine("[SmartStatus] physical path baseline: status=satisfied interfaces=[eth0, wlan0] "
+                  "gateways=[192.168.1.1] cellular=false expensive=false constrained=false"))
       << log.lines().at(0);
   // Virtual interfaces are not watched at all.
   EXPECT_EQ(source.lastOptions().prohibitedInterfaceTypes, std::vector<Type>{Type::other});

@@ -8,11 +8,16 @@ namespace norvik {
 
 std::string_view rawValue(SmartStatusDebugScenario scenario) {
   switch (scenario) {
-    case SmartStatusDebugScenario::repair: return "repair";
-    case SmartStatusDebugScenario::ourSide: return "our_side";
-    case SmartStatusDebugScenario::whitelist: return "whitelist";
-    case SmartStatusDebugScenario::noInternet: return "no_internet";
-    default: return "unknown";
+    case SmartStatusDebugScenario::repair:
+      return "repair";
+    case SmartStatusDebugScenario::ourSide:
+      return "our_side";
+    case SmartStatusDebugScenario::whitelist:
+      return "whitelist";
+    case SmartStatusDebugScenario::noInternet:
+      return "no_internet";
+    default:
+      return "unknown";
   }
 }
 

@@ -14,41 +14,55 @@ using std::chrono::milliseconds;
 using Case = SmartStatusHealth::Case;
 
 std::string_view reasonText(int reason) {
-  static constexpr std::string_view kTexts[] = {"connect",     "cold_start",   "monitor",     "problem_recheck",
+  static constexpr std::string_view kTexts[] = {"connect",      "cold_start",   "monitor",     "problem_recheck",
                                                 "user_recheck", "user_refresh", "path_change", "resume"};
   return reason >= 0 && reason < 8 ? kTexts[reason] : "unknown";
 }
 
 std::string_view snakeName(SmartStatusDiagnosis diagnosis) {
   switch (diagnosis) {
-    case SmartStatusDiagnosis::ourSide: return "our_side";
-    case SmartStatusDiagnosis::whitelist: return "whitelist";
-    case SmartStatusDiagnosis::noInternet: return "no_internet";
-    case SmartStatusDiagnosis::subExpired: return "sub_expired";
-    default: return "unknown";
+    case SmartStatusDiagnosis::ourSide:
+      return "our_side";
+    case SmartStatusDiagnosis::whitelist:
+      return "whitelist";
+    case SmartStatusDiagnosis::noInternet:
+      return "no_internet";
+    case SmartStatusDiagnosis::subExpired:
+      return "sub_expired";
+    default:
+      return "unknown";
   }
 }
 
 std::optional<std::string> widgetWord(SmartStatusHealth health) {
   switch (health.kind()) {
-    case Case::protected_: return "ok";
+    case Case::protected_:
+      return "ok";
     case Case::checking:
     case Case::repairing:
     case Case::rechecking:
-    case Case::refreshing: return "busy";
-    case Case::problem: return "problem";
+    case Case::refreshing:
+      return "busy";
+    case Case::problem:
+      return "problem";
     case Case::none:
-    default: return std::nullopt;
+    default:
+      return std::nullopt;
   }
 }
 
 bool dialogAllowed(const SmartStatusPolicy& policy, SmartStatusDiagnosis diagnosis) {
   switch (diagnosis) {
-    case SmartStatusDiagnosis::ourSide: return policy.showDialogOurSide;
-    case SmartStatusDiagnosis::whitelist: return policy.showDialogWhitelist;
-    case SmartStatusDiagnosis::noInternet: return policy.showDialogNoInternet;
-    case SmartStatusDiagnosis::subExpired: return policy.showDialogSubExpired;
-    default: return false;
+    case SmartStatusDiagnosis::ourSide:
+      return policy.showDialogOurSide;
+    case SmartStatusDiagnosis::whitelist:
+      return policy.showDialogWhitelist;
+    case SmartStatusDiagnosis::noInternet:
+      return policy.showDialogNoInternet;
+    case SmartStatusDiagnosis::subExpired:
+      return policy.showDialogSubExpired;
+    default:
+      return false;
   }
 }
 
@@ -57,7 +71,9 @@ void expandScenario(DebugOverride& debug, const SmartStatusPolicy& policy) {
   if (!debug.scenario) return;
   const std::int64_t allWindows = 1 + policy.repairAttempts;
   switch (*debug.scenario) {
-    case SmartStatusDebugScenario::repair: debug.forceFailCount = std::max<std::int64_t>(debug.forceFailCount, 1); break;
+    case SmartStatusDebugScenario::repair:
+      debug.forceFailCount = std::max<std::int64_t>(debug.forceFailCount, 1);
+      break;
     case SmartStatusDebugScenario::ourSide:
       debug.forceFailCount = std::max(debug.forceFailCount, allWindows);
       debug.probeOverride = ProbeOverride{true, true};
@@ -70,7 +86,8 @@ void expandScenario(DebugOverride& debug, const SmartStatusPolicy& policy) {
       debug.forceFailCount = std::max(debug.forceFailCount, allWindows);
       debug.probeOverride = ProbeOverride{false, false};
       break;
-    default: break;
+    default:
+      break;
   }
   debug.scenario.reset();
 }
@@ -108,7 +125,8 @@ void SmartStatusEngine::start() {
   });
   policySubscription_ = policyStore_.policy().subscribe([this](const SmartStatusPolicy& p) { onPolicy(p); });
   stateSubscription_ = vpn_.connectionState().subscribe([this](const TunnelStatus& s) { onTunnelState(s); });
-  if (clockCheck_) clockSubscription_ = clockCheck_->wrong().subscribe([this](const bool& wrong) { onClockVerdict(wrong); });
+  if (clockCheck_)
+    clockSubscription_ = clockCheck_->wrong().subscribe([this](const bool& wrong) { onClockVerdict(wrong); });
   if (enabled()) onPolicy(policy());
 }
 
@@ -216,7 +234,8 @@ void SmartStatusEngine::refresh() {
 
 void SmartStatusEngine::perform(SmartStatusDialogAction action) {
   switch (action) {
-    case SmartStatusDialogAction::recheck: return recheck();
+    case SmartStatusDialogAction::recheck:
+      return recheck();
     case SmartStatusDialogAction::changeServer:
       log_.format("[SmartStatus] {}", kChangeServerNotification);
       return changeServerRequested_.emit();
@@ -226,7 +245,8 @@ void SmartStatusEngine::perform(SmartStatusDialogAction action) {
       if (reloadMainConfiguration_) reloadMainConfiguration_();
       return;
     case SmartStatusDialogAction::close:
-    default: return;
+    default:
+      return;
   }
 }
 
@@ -320,10 +340,16 @@ void SmartStatusEngine::beginCycle(Reason reason) {
   cycle->allowRepair = reason != Reason::problemRecheck && (reason != Reason::resume || cycle->policy.resumeRepair);
   switch (reason) {
     case Reason::connect:
-    case Reason::coldStart: cycle->busy = SmartStatusHealth::of(Case::checking); break;
+    case Reason::coldStart:
+      cycle->busy = SmartStatusHealth::of(Case::checking);
+      break;
     case Reason::monitor:
-    case Reason::userRefresh: cycle->busy = SmartStatusHealth::of(Case::refreshing); break;
-    default: cycle->busy = SmartStatusHealth::of(Case::rechecking); break;
+    case Reason::userRefresh:
+      cycle->busy = SmartStatusHealth::of(Case::refreshing);
+      break;
+    default:
+      cycle->busy = SmartStatusHealth::of(Case::rechecking);
+      break;
   }
   // Right after connecting, the session must show a handshake of its own.
   cycle->freshHandshake = reason == Reason::connect;
@@ -362,10 +388,9 @@ void SmartStatusEngine::coldStart() {
   auto shared = std::make_shared<decltype(look)>(std::move(look));
   cycle_->guard.start(loop_, milliseconds(cycle_->policy.telemetryTimeoutMs), [shared] { (*shared)(nullptr); });
   const auto& manager = vpn_.tunnelManager();
-  tunnels_.fetchTelemetry(manager ? manager->identifier : std::string(),
-                          [shared](std::expected<TunnelTelemetry, Error> telemetry) {
-                            (*shared)(telemetry ? &*telemetry : nullptr);
-                          });
+  tunnels_.fetchTelemetry(
+      manager ? manager->identifier : std::string(),
+      [shared](std::expected<TunnelTelemetry, Error> telemetry) { (*shared)(telemetry ? &*telemetry : nullptr); });
 }
 
 void SmartStatusEngine::afterFailedWindow() {
@@ -517,7 +542,8 @@ void SmartStatusEngine::succeed() {
   defaults_.setDouble(kSmartStatusLastVerifiedAtKey, ms);
   setHealth(SmartStatusHealth::of(Case::protected_));
   log_.format("[SmartStatus] трафик идёт ({})", reasonText(static_cast<int>(reason)));
-  if (reason == Reason::userRefresh) confirmation_.emit(smartStatusText(policy().texts, SmartStatusTextKey::statusRefreshOk));
+  if (reason == Reason::userRefresh)
+    confirmation_.emit(smartStatusText(policy().texts, SmartStatusTextKey::statusRefreshOk));
   afterCycle();
 }
 

@@ -26,9 +26,7 @@ class SmartStatusEngineTest : public ::testing::Test {
 
   // A tunnel that is "connected" but carries nothing: its last handshake is 200 s old.
   void breakTunnel() {
-    s.tap.script = [this] {
-      return TunnelTelemetry{s.clock.now() - 200s, 1000, 500, std::string("norvik0")};
-    };
+    s.tap.script = [this] { return TunnelTelemetry{s.clock.now() - 200s, 1000, 500, std::string("norvik0")}; };
     s.probes.tunnel = false;
   }
 
@@ -134,19 +132,32 @@ TEST_P(SmartStatusDiagnosisTest, AStaleHandshakeIsRepairedTwiceThenDiagnosed) {
   EXPECT_EQ(s.vpn->connectionState().get(), TunnelStatus::connected) << "the user's tunnel stays on";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Patterns, SmartStatusDiagnosisTest,
-    ::testing::Values(
-        ProbePattern{{true, false}, false, SmartStatusDiagnosis::whitelist, "smart_status_whitelist",
-                     SmartStatusDialogAction::recheck},
-        ProbePattern{{false, false}, false, SmartStatusDiagnosis::noInternet, "smart_status_no_internet",
-                     SmartStatusDialogAction::recheck},
-        ProbePattern{{true, true}, false, SmartStatusDiagnosis::ourSide, "smart_status_our_side",
-                     SmartStatusDialogAction::changeServer},
-        ProbePattern{{false, true}, false, SmartStatusDiagnosis::ourSide, "smart_status_our_side",
-                     SmartStatusDialogAction::changeServer},
-        ProbePattern{{true, true}, true, SmartStatusDiagnosis::subExpired, "smart_status_sub_expired",
-                     SmartStatusDialogAction::disconnectAndCheck}));
+INSTANTIATE_TEST_SUITE_P(Patterns, SmartStatusDiagnosisTest,
+                         ::testing::Values(ProbePattern{{true, false},
+                                                        false,
+                                                        SmartStatusDiagnosis::whitelist,
+                                                        "smart_status_whitelist",
+                                                        SmartStatusDialogAction::recheck},
+                                           ProbePattern{{false, false},
+                                                        false,
+                                                        SmartStatusDiagnosis::noInternet,
+                                                        "smart_status_no_internet",
+                                                        SmartStatusDialogAction::recheck},
+                                           ProbePattern{{true, true},
+                                                        false,
+                                                        SmartStatusDiagnosis::ourSide,
+                                                        "smart_status_our_side",
+                                                        SmartStatusDialogAction::changeServer},
+                                           ProbePattern{{false, true},
+                                                        false,
+                                                        SmartStatusDiagnosis::ourSide,
+                                                        "smart_status_our_side",
+                                                        SmartStatusDialogAction::changeServer},
+                                           ProbePattern{{true, true},
+                                                        true,
+                                                        SmartStatusDiagnosis::subExpired,
+                                                        "smart_status_sub_expired",
+                                                        SmartStatusDialogAction::disconnectAndCheck}));
 
 TEST_F(SmartStatusEngineTest, AProblemIsRecheckedWithoutRestartsAndTheDialogCooldownHolds) {
   start(json{{"enabled", true}, {"recheck_after_problem_ms", 10000}, {"diag_dialog_cooldown_ms", 60000}});

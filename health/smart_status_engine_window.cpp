@@ -22,7 +22,8 @@ std::string describeEvidence(const VerifyEvidence& evidence, Clock::TimePoint no
   std::string received = "none";
   if (evidence.latest) {
     if (evidence.latest->lastHandshake) {
-      handshake = fmt::format("{}s", std::chrono::duration_cast<std::chrono::seconds>(now - *evidence.latest->lastHandshake).count());
+      handshake = fmt::format(
+          "{}s", std::chrono::duration_cast<std::chrono::seconds>(now - *evidence.latest->lastHandshake).count());
     }
     if (evidence.rxAtStart) {
       const auto latest = evidence.latest->receivedBytes;
@@ -94,8 +95,7 @@ void SmartStatusEngine::poll() {
   auto weak = weakFactory_.weak();
   w.fetchTimeout.start(loop_, milliseconds(cycle_->policy.telemetryTimeoutMs), [weak, windowId, sequence] {
     if (auto* self = weak.lock()) {
-      self->onTelemetry(windowId, sequence,
-                        std::unexpected(Error{"SmartStatus", 1, "telemetry timed out"}));
+      self->onTelemetry(windowId, sequence, std::unexpected(Error{"SmartStatus", 1, "telemetry timed out"}));
     }
   });
   const auto& manager = vpn_.tunnelManager();
@@ -155,10 +155,13 @@ void SmartStatusEngine::closeWindow(WindowVerdict verdict) {
               describeEvidence(cycle_->window->evidence, clock_.now()));
   cycle_->window.reset();
   switch (verdict) {
-    case WindowVerdict::passed: return succeed();
-    case WindowVerdict::inconclusive: return endWithoutVerdict();
+    case WindowVerdict::passed:
+      return succeed();
+    case WindowVerdict::inconclusive:
+      return endWithoutVerdict();
     case WindowVerdict::failed:
-    default: return afterFailedWindow();
+    default:
+      return afterFailedWindow();
   }
 }
 

@@ -84,7 +84,8 @@ TEST(SmartStatusIntegrationTest, TheBackendsPolicyDrivesRealProbesAndAForeignSer
   ASSERT_EQ(store.policy().get().probeTunnelUrls.front().url, foreign->url("/generate_204"));
 
   bool installed = false;
-  vpn.installKey("[Interface]\nPrivateKey = a2V5\n[Peer]\nEndpoint = 203.0.113.10:51820", [&](auto r) { installed = r.has_value(); });
+  vpn.installKey("[Interface]\nPrivateKey = a2V5\n[Peer]\nEndpoint = 203.0.113.10:51820",
+                 [&](auto r) { installed = r.has_value(); });
   ASSERT_TRUE(loop.runUntil([&] { return installed; }, 1min));
   vpn.connect([](auto) {});
   ASSERT_TRUE(loop.runUntil([&] { return engine.health().get().kind() == Case::protected_; }, 1min));
@@ -105,7 +106,8 @@ TEST(SmartStatusIntegrationTest, TheBackendsPolicyDrivesRealProbesAndAForeignSer
 
   // Then nothing answers at all: the next recheck says so (the dialog waits for its cooldown).
   ru.reset();
-  ASSERT_TRUE(loop.runUntil([&] { return engine.health().get().diagnosis() == SmartStatusDiagnosis::noInternet; }, 1min));
+  ASSERT_TRUE(
+      loop.runUntil([&] { return engine.health().get().diagnosis() == SmartStatusDiagnosis::noInternet; }, 1min));
   EXPECT_EQ(engine.healthRaw().get(), "problem");
   EXPECT_EQ(dialogs.size(), 1u);
   engine.stop();

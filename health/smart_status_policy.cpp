@@ -46,8 +46,9 @@ std::optional<std::string> urlPart(CURLU* url, CURLUPart part) {
 
 std::string lowerAscii(std::string_view text) {
   std::string out(text);
-  std::transform(out.begin(), out.end(), out.begin(),
-                 [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : static_cast<char>(c); });
+  std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : static_cast<char>(c);
+  });
   return out;
 }
 
@@ -75,7 +76,8 @@ std::vector<std::int64_t> filterModes(const std::vector<std::int64_t>& modes) {
 // https addresses with a host, in order. A list that cleans down to nothing keeps the built-in
 // endpoints: with no probe address the check could never succeed, and the backend has "enabled"
 // and the mode lists for switching probes off.
-std::vector<ProbeURL> cleanUrls(const std::optional<std::vector<std::string>>& sent, const std::vector<ProbeURL>& fallback) {
+std::vector<ProbeURL> cleanUrls(const std::optional<std::vector<std::string>>& sent,
+                                const std::vector<ProbeURL>& fallback) {
   if (!sent) return fallback;
   std::vector<ProbeURL> kept;
   for (const auto& text : *sent) {
@@ -176,9 +178,7 @@ SmartStatusPolicy resolveSmartStatusPolicy(const std::optional<SmartStatusConfig
     if (sent) field = adjust(*sent);
   };
   auto asIs = [](const auto& v) { return v; };
-  auto within = [](std::int64_t low, std::int64_t high) {
-    return [=](std::int64_t v) { return clamp(v, low, high); };
-  };
+  auto within = [](std::int64_t low, std::int64_t high) { return [=](std::int64_t v) { return clamp(v, low, high); }; };
   auto offOrFloor = [](std::int64_t floor) { return [=](std::int64_t v) { return offOrAtLeast(v, floor); }; };
 
   take(p.enabled, c.enabled, asIs);
@@ -227,8 +227,8 @@ bool hasColdStartProof(const SmartStatusPolicy& policy, const Defaults& standard
   if (policy.coldStartProofMaxAgeMs <= 0) return false;
   const auto stored = standardDefaults.doubleValue(kSmartStatusLastVerifiedAtKey);
   if (!stored || !(*stored > 0)) return false;  // also refuses NaN
-  const double nowMs =
-      static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(clock.now().time_since_epoch()).count());
+  const double nowMs = static_cast<double>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(clock.now().time_since_epoch()).count());
   const double age = nowMs - *stored;
   if (age < 0) return false;  // a verification "in the future" proves nothing
   return age <= static_cast<double>(policy.coldStartProofMaxAgeMs);

@@ -53,8 +53,7 @@ bool SmartStatusPolicyStore::hasColdStartProof() const {
 
 void SmartStatusPolicyStore::recordServerTime(const MainConfig& main) {
   if (!main.serverTime || *main.serverTime <= 0) return;
-  const auto deviceSeconds =
-      std::chrono::duration_cast<std::chrono::seconds>(clock_.now().time_since_epoch()).count();
+  const auto deviceSeconds = std::chrono::duration_cast<std::chrono::seconds>(clock_.now().time_since_epoch()).count();
   defaults_.setInteger(kSmartStatusServerTimeOffsetKey, *main.serverTime - static_cast<std::int64_t>(deviceSeconds));
 }
 

@@ -78,31 +78,44 @@ struct ClampCase {
 TEST(SmartStatusPolicy, PresentNumbersAreClampedNeverReplacedByTheDefault) {
   using P = SmartStatusPolicy;
   const ClampCase cases[] = {
-      {"verify_delay_ms", -5, 0, &P::verifyDelayMs},            {"verify_delay_ms", 40000, 30000, &P::verifyDelayMs},
-      {"verify_window_ms", 0, 1000, &P::verifyWindowMs},        {"verify_window_ms", 999999, 60000, &P::verifyWindowMs},
-      {"poll_interval_ms", 1, 100, &P::pollIntervalMs},         {"poll_interval_ms", 9000, 5000, &P::pollIntervalMs},
-      {"verify_fail_fast_ms", -1, 0, &P::verifyFailFastMs},     {"verify_fail_fast_ms", 30001, 30000, &P::verifyFailFastMs},
+      {"verify_delay_ms", -5, 0, &P::verifyDelayMs},
+      {"verify_delay_ms", 40000, 30000, &P::verifyDelayMs},
+      {"verify_window_ms", 0, 1000, &P::verifyWindowMs},
+      {"verify_window_ms", 999999, 60000, &P::verifyWindowMs},
+      {"poll_interval_ms", 1, 100, &P::pollIntervalMs},
+      {"poll_interval_ms", 9000, 5000, &P::pollIntervalMs},
+      {"verify_fail_fast_ms", -1, 0, &P::verifyFailFastMs},
+      {"verify_fail_fast_ms", 30001, 30000, &P::verifyFailFastMs},
       {"handshake_lookback_ms", 120001, 120000, &P::handshakeLookbackMs},
-      {"handshake_stale_ms", 0, 10000, &P::handshakeStaleMs},   {"handshake_stale_ms", 4000000, 3600000, &P::handshakeStaleMs},
-      {"rx_min_bytes", 0, 1, &P::rxMinBytes},                   {"rx_min_bytes", 1, 1, &P::rxMinBytes},
-      {"rx_min_bytes", 2, 2, &P::rxMinBytes},                   {"rx_min_bytes", 5000000000, 5000000000, &P::rxMinBytes},
-      {"repair_attempts", -3, 0, &P::repairAttempts},           {"repair_attempts", 9, 5, &P::repairAttempts},
-      {"repair_delay_ms", 0, 100, &P::repairDelayMs},           {"repair_delay_ms", 20000, 10000, &P::repairDelayMs},
-      {"monitor_interval_ms", 0, 0, &P::monitorIntervalMs},     {"monitor_interval_ms", -1, 0, &P::monitorIntervalMs},
+      {"handshake_stale_ms", 0, 10000, &P::handshakeStaleMs},
+      {"handshake_stale_ms", 4000000, 3600000, &P::handshakeStaleMs},
+      {"rx_min_bytes", 0, 1, &P::rxMinBytes},
+      {"rx_min_bytes", 1, 1, &P::rxMinBytes},
+      {"rx_min_bytes", 2, 2, &P::rxMinBytes},
+      {"rx_min_bytes", 5000000000, 5000000000, &P::rxMinBytes},
+      {"repair_attempts", -3, 0, &P::repairAttempts},
+      {"repair_attempts", 9, 5, &P::repairAttempts},
+      {"repair_delay_ms", 0, 100, &P::repairDelayMs},
+      {"repair_delay_ms", 20000, 10000, &P::repairDelayMs},
+      {"monitor_interval_ms", 0, 0, &P::monitorIntervalMs},
+      {"monitor_interval_ms", -1, 0, &P::monitorIntervalMs},
       {"monitor_interval_ms", 5000, 10000, &P::monitorIntervalMs},
       {"monitor_interval_ms", 7200000, 7200000, &P::monitorIntervalMs},
       {"recheck_after_problem_ms", 0, 0, &P::recheckAfterProblemMs},
       {"recheck_after_problem_ms", 1, 10000, &P::recheckAfterProblemMs},
       {"diag_dialog_cooldown_ms", 4000000, 3600000, &P::diagDialogCooldownMs},
-      {"hs_proof_age_ms", 10, 1000, &P::hsProofAgeMs},          {"hs_proof_age_ms", 700000, 600000, &P::hsProofAgeMs},
+      {"hs_proof_age_ms", 10, 1000, &P::hsProofAgeMs},
+      {"hs_proof_age_ms", 700000, 600000, &P::hsProofAgeMs},
       {"sub_expiry_buffer_hours", 48, 24, &P::subExpiryBufferHours},
       {"sub_expiry_buffer_hours", -1, 0, &P::subExpiryBufferHours},
-      {"probe_timeout_ms", 100, 500, &P::probeTimeoutMs},       {"probe_timeout_ms", 16000, 15000, &P::probeTimeoutMs},
+      {"probe_timeout_ms", 100, 500, &P::probeTimeoutMs},
+      {"probe_timeout_ms", 16000, 15000, &P::probeTimeoutMs},
       {"probe_tunnel_timeout_ms", 0, 500, &P::probeTunnelTimeoutMs},
       {"probe_tunnel_timeout_ms", 99999, 15000, &P::probeTunnelTimeoutMs},
       {"resume_visible_after_ms", 0, 0, &P::resumeVisibleAfterMs},
       {"resume_visible_after_ms", 10, 1000, &P::resumeVisibleAfterMs},
-      {"resume_beat_ms", 1, 500, &P::resumeBeatMs},             {"resume_beat_ms", 20000, 10000, &P::resumeBeatMs},
+      {"resume_beat_ms", 1, 500, &P::resumeBeatMs},
+      {"resume_beat_ms", 20000, 10000, &P::resumeBeatMs},
       {"cold_start_proof_max_age_ms", 1, 60000, &P::coldStartProofMaxAgeMs},
       {"cold_start_proof_max_age_ms", -7, 0, &P::coldStartProofMaxAgeMs},
       {"net_change_grace_ms", 20000, 10000, &P::netChangeGraceMs},
@@ -192,8 +205,9 @@ TEST(SmartStatusDebug, TheOverrideTakesWhatIsCompleteAndArmingLogsIt) {
   EXPECT_EQ(armed.forceFailCount, 2);
   EXPECT_EQ(armed.forceInconclusiveCount, 0);
   EXPECT_EQ(armed.scenario, SmartStatusDebugScenario::noInternet);
-  EXPECT_TRUE(log.hasLine("[SmartStatus] debug override armed: forceFail=2 forceInconclusive=0 "
-                          "probe=ru:true,foreign:false tunnelProbe=none scenario=no_internet"))
+  EXPECT_TRUE(
+      log.hasLine("[SmartStatus] debug override armed: forceFail=2 forceInconclusive=0 "
+                  "probe=ru:true,foreign:false tunnelProbe=none scenario=no_internet"))
       << log.lines().at(0);
 
   SmartStatusDebugConfig partial;

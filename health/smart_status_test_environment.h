@@ -40,14 +40,20 @@ class TelemetryTap final : public TunnelService {
   void loadFromPreferences(std::string id, ConfigurationCompletion c) override {
     inner_.loadFromPreferences(std::move(id), std::move(c));
   }
-  void removeFromPreferences(std::string id, DoneCompletion c) override { inner_.removeFromPreferences(std::move(id), std::move(c)); }
+  void removeFromPreferences(std::string id, DoneCompletion c) override {
+    inner_.removeFromPreferences(std::move(id), std::move(c));
+  }
   std::expected<void, Error> startVPNTunnel(const std::string& id, const PropertyDictionary& o) override {
     return inner_.startVPNTunnel(id, o);
   }
   void stopVPNTunnel(const std::string& id) override { inner_.stopVPNTunnel(id); }
   TunnelStatus status(const std::string& id) const override { return inner_.status(id); }
-  std::optional<Clock::TimePoint> connectedDate(const std::string& id) const override { return inner_.connectedDate(id); }
-  std::optional<Error> lastDisconnectError(const std::string& id) const override { return inner_.lastDisconnectError(id); }
+  std::optional<Clock::TimePoint> connectedDate(const std::string& id) const override {
+    return inner_.connectedDate(id);
+  }
+  std::optional<Error> lastDisconnectError(const std::string& id) const override {
+    return inner_.lastDisconnectError(id);
+  }
   Subscription observeStatus(StatusObserver o) override { return inner_.observeStatus(std::move(o)); }
 
   void fetchTelemetry(const std::string& id, TelemetryCompletion completion) override {
@@ -81,9 +87,8 @@ class ScriptedProbes final : public HealthProbes {
   }
   void probeInternet(const SmartStatusPolicy&, ReachedDone done) override {
     ++internetCalls;
-    loop_.postAfter(latency, [done = std::move(done), r = outside.ruReachable || outside.foreignReachable]() mutable {
-      done(r);
-    });
+    loop_.postAfter(
+        latency, [done = std::move(done), r = outside.ruReachable || outside.foreignReachable]() mutable { done(r); });
   }
   void probeTunnel(const SmartStatusPolicy&, std::optional<std::string> interfaceName, ReachedDone done) override {
     tunnelInterfaces.push_back(std::move(interfaceName));

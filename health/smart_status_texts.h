@@ -88,7 +88,9 @@ class SmartStatusHealth {
 
   constexpr SmartStatusHealth() = default;
   // Every case but `problem`.
-  static constexpr SmartStatusHealth of(Case c) { return c == Case::problem ? SmartStatusHealth() : SmartStatusHealth(c, {}); }
+  static constexpr SmartStatusHealth of(Case c) {
+    return c == Case::problem ? SmartStatusHealth() : SmartStatusHealth(c, {});
+  }
   static constexpr SmartStatusHealth problem(SmartStatusDiagnosis d) { return SmartStatusHealth(Case::problem, d); }
 
   [[nodiscard]] constexpr Case kind() const { return case_; }

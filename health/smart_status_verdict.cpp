@@ -24,11 +24,16 @@ bool receivedEnough(const SmartStatusPolicy& policy, const VerifyEvidence& evide
 
 std::string_view toString(WindowVerdict verdict) {
   switch (verdict) {
-    case WindowVerdict::pending: return "pending";
-    case WindowVerdict::passed: return "passed";
-    case WindowVerdict::failed: return "failed";
-    case WindowVerdict::inconclusive: return "inconclusive";
-    default: return "unknown";
+    case WindowVerdict::pending:
+      return "pending";
+    case WindowVerdict::passed:
+      return "passed";
+    case WindowVerdict::failed:
+      return "failed";
+    case WindowVerdict::inconclusive:
+      return "inconclusive";
+    default:
+      return "unknown";
   }
 }
 

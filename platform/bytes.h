@@ -18,8 +18,6 @@ inline Bytes toBytes(std::string_view text) {
   auto view = asBytes(text);
   return {view.begin(), view.end()};
 }
-inline std::string toString(ByteView bytes) {
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
+inline std::string toString(ByteView bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
 
 }  // namespace norvik

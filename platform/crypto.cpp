@@ -6,8 +6,8 @@ namespace norvik {
 
 std::string base64Encode(ByteView bytes) {
   std::string out(4 * ((bytes.size() + 2) / 3), '\0');
-  const int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), bytes.data(),
-                                      static_cast<int>(bytes.size()));
+  const int written =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), bytes.data(), static_cast<int>(bytes.size()));
   out.resize(static_cast<std::size_t>(written));
   return out;
 }
@@ -19,7 +19,8 @@ std::optional<Bytes> base64Decode(std::string_view text) {
   std::size_t padding = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
-    const bool alphabet = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/';
+    const bool alphabet =
+        (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/';
     if (c == '=') {
       if (i + 2 < text.size()) return std::nullopt;  // '=' only in the last two places
       ++padding;
@@ -29,8 +30,8 @@ std::optional<Bytes> base64Decode(std::string_view text) {
   }
   if (text.empty()) return Bytes{};
   Bytes out(text.size() / 4 * 3);
-  const int written = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()),
-                                      static_cast<int>(text.size()));
+  const int written =
+      EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
   if (written < 0) return std::nullopt;
   out.resize(static_cast<std::size_t>(written) - padding);
   return out;

@@ -19,11 +19,11 @@ TEST(Base64, RoundTripsEveryLengthAroundThePadding) {
 
 TEST(Base64, DecodeIsStrict) {
   EXPECT_EQ(base64Decode("aGVsbG8="), toBytes("hello"));
-  EXPECT_FALSE(base64Decode("aGVsbG8"));        // padding missing
-  EXPECT_FALSE(base64Decode("aGVs bG8="));      // white space
-  EXPECT_FALSE(base64Decode("aGVsbG8=\n"));     // line break
-  EXPECT_FALSE(base64Decode("aG=sbG8="));       // padding inside
-  EXPECT_FALSE(base64Decode("aGVsbG8-"));       // URL alphabet
+  EXPECT_FALSE(base64Decode("aGVsbG8"));     // padding missing
+  EXPECT_FALSE(base64Decode("aGVs bG8="));   // white space
+  EXPECT_FALSE(base64Decode("aGVsbG8=\n"));  // line break
+  EXPECT_FALSE(base64Decode("aG=sbG8="));    // padding inside
+  EXPECT_FALSE(base64Decode("aGVsbG8-"));    // URL alphabet
   EXPECT_FALSE(base64Decode("a==="));
   EXPECT_EQ(base64Decode(""), Bytes{});
 }

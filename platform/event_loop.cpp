@@ -21,9 +21,7 @@ void RepeatingTimer::start(EventLoop& loop, EventLoop::Duration period, std::fun
   schedule();
 }
 
-void RepeatingTimer::stop() {
-  handle_.cancel();
-}
+void RepeatingTimer::stop() { handle_.cancel(); }
 
 void RepeatingTimer::schedule() {
   // The timer cancels its pending run when destroyed, so `this` is alive whenever the task runs.

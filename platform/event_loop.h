@@ -58,9 +58,7 @@ template <class Work, class Reply>
 void runBlockingThenReply(EventLoop& loop, Work work, Reply reply) {
   loop.runBlocking([&loop, work = std::move(work), reply = std::move(reply)]() mutable {
     auto result = work();
-    loop.post([reply = std::move(reply), result = std::move(result)]() mutable {
-      reply(std::move(result));
-    });
+    loop.post([reply = std::move(reply), result = std::move(result)]() mutable { reply(std::move(result)); });
   });
 }
 

@@ -17,8 +17,8 @@ namespace norvik {
 // A large file fetched over HTTPS straight into a file (an update's disk image): the body is never
 // held in memory.
 struct DownloadRequest {
-  std::string url;                      // https only
-  std::filesystem::path destination;    // created or truncated, mode 0600
+  std::string url;                    // https only
+  std::filesystem::path destination;  // created or truncated, mode 0600
   // The transfer fails when no byte arrives for this long (a large file has no total time limit).
   std::chrono::milliseconds stallTimeout{std::chrono::seconds(60)};
   // A body longer than this is cut off and reported as `tooLarge`, so that a bad server cannot

@@ -19,10 +19,14 @@ std::optional<std::string_view> findHeader(const HttpHeaders& headers, std::stri
 
 std::string_view toString(NetworkErrorKind kind) {
   switch (kind) {
-    case NetworkErrorKind::timedOut: return "timed out";
-    case NetworkErrorKind::cannotConnect: return "cannot connect";
-    case NetworkErrorKind::hostNotFound: return "host not found";
-    case NetworkErrorKind::other: return "other";
+    case NetworkErrorKind::timedOut:
+      return "timed out";
+    case NetworkErrorKind::cannotConnect:
+      return "cannot connect";
+    case NetworkErrorKind::hostNotFound:
+      return "host not found";
+    case NetworkErrorKind::other:
+      return "other";
   }
   return "other";
 }

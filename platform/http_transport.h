@@ -50,8 +50,8 @@ enum class NetworkErrorKind {
 
 struct NetworkError {
   NetworkErrorKind kind = NetworkErrorKind::other;
-  std::string message{};         // readable description
-  int osCode = 0;                // the transport library's own code
+  std::string message{};              // readable description
+  int osCode = 0;                     // the transport library's own code
   bool certificateOutOfDate = false;  // TLS failed because the server certificate is not valid now
 };
 

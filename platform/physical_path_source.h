@@ -30,21 +30,31 @@ enum class NetworkInterfaceType {
 
 [[nodiscard]] constexpr std::string_view toString(NetworkPathStatus status) {
   switch (status) {
-    case NetworkPathStatus::satisfied: return "satisfied";
-    case NetworkPathStatus::unsatisfied: return "unsatisfied";
-    case NetworkPathStatus::requiresConnection: return "requiresConnection";
-    default: return "unknown";
+    case NetworkPathStatus::satisfied:
+      return "satisfied";
+    case NetworkPathStatus::unsatisfied:
+      return "unsatisfied";
+    case NetworkPathStatus::requiresConnection:
+      return "requiresConnection";
+    default:
+      return "unknown";
   }
 }
 
 [[nodiscard]] constexpr std::string_view toString(NetworkInterfaceType type) {
   switch (type) {
-    case NetworkInterfaceType::wifi: return "wifi";
-    case NetworkInterfaceType::cellular: return "cellular";
-    case NetworkInterfaceType::wiredEthernet: return "wiredEthernet";
-    case NetworkInterfaceType::loopback: return "loopback";
-    case NetworkInterfaceType::other: return "other";
-    default: return "unknown";
+    case NetworkInterfaceType::wifi:
+      return "wifi";
+    case NetworkInterfaceType::cellular:
+      return "cellular";
+    case NetworkInterfaceType::wiredEthernet:
+      return "wiredEthernet";
+    case NetworkInterfaceType::loopback:
+      return "loopback";
+    case NetworkInterfaceType::other:
+      return "other";
+    default:
+      return "unknown";
   }
 }
 

@@ -18,14 +18,14 @@ struct PropertyValue {
   std::variant<std::string, std::int64_t, double, bool, PropertyArray, PropertyDictionary> value;
 
   PropertyValue() : value(std::string()) {}
-  PropertyValue(std::string v) : value(std::move(v)) {}        // NOLINT: implicit on purpose
-  PropertyValue(const char* v) : value(std::string(v)) {}      // NOLINT
-  PropertyValue(std::int64_t v) : value(v) {}                  // NOLINT
+  PropertyValue(std::string v) : value(std::move(v)) {}          // NOLINT: implicit on purpose
+  PropertyValue(const char* v) : value(std::string(v)) {}        // NOLINT
+  PropertyValue(std::int64_t v) : value(v) {}                    // NOLINT
   PropertyValue(int v) : value(static_cast<std::int64_t>(v)) {}  // NOLINT
-  PropertyValue(double v) : value(v) {}                        // NOLINT
-  PropertyValue(bool v) : value(v) {}                          // NOLINT
-  PropertyValue(PropertyArray v) : value(std::move(v)) {}      // NOLINT
-  PropertyValue(PropertyDictionary v) : value(std::move(v)) {}  // NOLINT
+  PropertyValue(double v) : value(v) {}                          // NOLINT
+  PropertyValue(bool v) : value(v) {}                            // NOLINT
+  PropertyValue(PropertyArray v) : value(std::move(v)) {}        // NOLINT
+  PropertyValue(PropertyDictionary v) : value(std::move(v)) {}   // NOLINT
 
   [[nodiscard]] const std::string* string() const { return std::get_if<std::string>(&value); }
   [[nodiscard]] const std::int64_t* integer() const { return std::get_if<std::int64_t>(&value); }

@@ -20,7 +20,8 @@ SimulatedTunnelService::~SimulatedTunnelService() = default;
 template <class Completion, class Value>
 void SimulatedTunnelService::answer(Completion completion, Value value) {
   // The caller guards its own lifetime; the answer itself needs nothing from this service.
-  loop_.post([completion = std::move(completion), value = std::move(value)]() mutable { completion(std::move(value)); });
+  loop_.post(
+      [completion = std::move(completion), value = std::move(value)]() mutable { completion(std::move(value)); });
 }
 
 TunnelConfiguration* SimulatedTunnelService::find(const std::string& identifier) { return store_.find(identifier); }
@@ -29,7 +30,8 @@ void SimulatedTunnelService::loadAllFromPreferences(ConfigurationsCompletion com
   if (!failLoadAll_.empty()) {
     Error error = std::move(failLoadAll_.front());
     failLoadAll_.erase(failLoadAll_.begin());
-    return answer(std::move(completion), std::expected<std::vector<TunnelConfiguration>, Error>(std::unexpected(error)));
+    return answer(std::move(completion),
+                  std::expected<std::vector<TunnelConfiguration>, Error>(std::unexpected(error)));
   }
   answer(std::move(completion), std::expected<std::vector<TunnelConfiguration>, Error>(store_.configurations()));
 }
@@ -76,7 +78,8 @@ std::expected<void, Error> SimulatedTunnelService::startVPNTunnel(const std::str
   const TunnelConfiguration* configuration = find(identifier);
   if (!configuration) return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid));
   if (!configuration->isEnabled) return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationDisabled));
-  if (!configuration->protocolConfiguration) return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid));
+  if (!configuration->protocolConfiguration)
+    return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid));
   startOptions_.push_back(options);
 
   const TunnelStatus current = status(identifier);
@@ -128,12 +131,13 @@ void SimulatedTunnelService::beginStop(const std::string& identifier, bool postU
     const TunnelConfiguration* configuration = self->find(identifier);
     if (configuration && connectsOnDemand(*configuration)) {
       const std::uint64_t stopped = self->sessions_[identifier].generation;
-      self->loop_.postAfter(self->options_.onDemandRestartDelay, [weak = self->weakFactory_.weak(), identifier, stopped] {
-        auto again = weak.lock();
-        if (!again || again->sessions_[identifier].generation != stopped) return;
-        const TunnelConfiguration* current = again->find(identifier);
-        if (current && connectsOnDemand(*current)) (void)again->startVPNTunnel(identifier, {});
-      });
+      self->loop_.postAfter(self->options_.onDemandRestartDelay,
+                            [weak = self->weakFactory_.weak(), identifier, stopped] {
+                              auto again = weak.lock();
+                              if (!again || again->sessions_[identifier].generation != stopped) return;
+                              const TunnelConfiguration* current = again->find(identifier);
+                              if (current && connectsOnDemand(*current)) (void)again->startVPNTunnel(identifier, {});
+                            });
     }
   });
 }
@@ -178,8 +182,8 @@ void SimulatedTunnelService::fetchTelemetry(const std::string& identifier, Telem
   using Result = std::expected<TunnelTelemetry, Error>;
   auto it = sessions_.find(identifier);
   if (it == sessions_.end() || it->second.status != TunnelStatus::connected || !it->second.connectedAt) {
-    return answer(std::move(completion), Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::connectionFailed,
-                                                                               "no running session"))));
+    return answer(std::move(completion),
+                  Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::connectionFailed, "no running session"))));
   }
   Session& session = it->second;
   const Clock::TimePoint now = clock_.now();
@@ -192,7 +196,8 @@ void SimulatedTunnelService::fetchTelemetry(const std::string& identifier, Telem
   constexpr auto kRekey = std::chrono::seconds(120);
   TunnelTelemetry telemetry;
   telemetry.lastHandshake = *session.connectedAt + (flowing / kRekey) * kRekey;
-  telemetry.receivedBytes = static_cast<std::uint64_t>(std::max<std::int64_t>(flowing.count(), 0)) * bytesPerSecond_ + 148;
+  telemetry.receivedBytes =
+      static_cast<std::uint64_t>(std::max<std::int64_t>(flowing.count(), 0)) * bytesPerSecond_ + 148;
   telemetry.sentBytes = telemetry.receivedBytes / 4 + 148;
   telemetry.interfaceName = "norvik0";
   answer(std::move(completion), Result(telemetry));

@@ -41,7 +41,8 @@ class SimulatedTunnelServiceTest : public ::testing::Test {
     TunnelConfiguration c;
     c.localizedDescription = "Norvik";
     c.isEnabled = enabled;
-    c.protocolConfiguration = TunnelProviderProtocol{"com.norvik.macos.tunnel", "203.0.113.10", {{"wgQuickConfig", "[Interface]"}}};
+    c.protocolConfiguration =
+        TunnelProviderProtocol{"com.norvik.macos.tunnel", "203.0.113.10", {{"wgQuickConfig", "[Interface]"}}};
     return c;
   }
 

@@ -21,7 +21,10 @@ TEST(Utf8, PrefixCountsCharactersNotBytes) {
 }
 
 TEST(Utf8, RepairReplacesEachBadByte) {
-  EXPECT_EQ(repairUtf8("a\xFF" "b"), "a\xEF\xBF\xBD" "b");
+  EXPECT_EQ(repairUtf8("a\xFF"
+                       "b"),
+            "a\xEF\xBF\xBD"
+            "b");
   EXPECT_EQ(repairUtf8("ok"), "ok");
 }
 

@@ -20,8 +20,11 @@ nlohmann::json toJson(const TunnelConfiguration& c) {
     rules.push_back({{"action", rule.action == OnDemandRule::Action::connect ? "connect" : "disconnect"},
                      {"interface", static_cast<int>(rule.interfaceTypeMatch)}});
   }
-  nlohmann::json out = {{"identifier", c.identifier}, {"revision", c.revision},       {"enabled", c.isEnabled},
-                        {"onDemand", c.isOnDemandEnabled}, {"onDemandRules", rules}};
+  nlohmann::json out = {{"identifier", c.identifier},
+                        {"revision", c.revision},
+                        {"enabled", c.isEnabled},
+                        {"onDemand", c.isOnDemandEnabled},
+                        {"onDemandRules", rules}};
   if (c.localizedDescription) out["name"] = *c.localizedDescription;
   if (c.protocolConfiguration) {
     const auto& p = *c.protocolConfiguration;
@@ -173,7 +176,8 @@ void TunnelPreferencesStore::restore() {
   if (!text) return;  // nothing saved yet
   auto document = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
   std::vector<TunnelConfiguration> restored;
-  bool damaged = !document.is_object() || !document.contains("configurations") || !document["configurations"].is_array();
+  bool damaged =
+      !document.is_object() || !document.contains("configurations") || !document["configurations"].is_array();
   if (!damaged) {
     for (const auto& entry : document["configurations"]) {
       auto configuration = configurationFromJson(entry);

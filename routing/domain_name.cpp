@@ -79,8 +79,8 @@ std::expected<DomainName, std::string> parseDomainName(std::string_view text) {
 
   const std::string input(name);
   char* converted = nullptr;
-  const int rc = idn2_to_ascii_8z(input.c_str(), &converted,
-                                  IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL | IDN2_USE_STD3_ASCII_RULES);
+  const int rc =
+      idn2_to_ascii_8z(input.c_str(), &converted, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL | IDN2_USE_STD3_ASCII_RULES);
   Idn2String ascii(converted);
   if (rc != IDN2_OK || !ascii) return refuse(std::string("IDNA: ") + idn2_strerror(rc));
 

@@ -100,7 +100,8 @@ void GeoIPCache::onDownloaded(std::string version, int attempt, std::expected<st
       processed.payload->text = {};  // written; the loop needs only the counts
     } else if (processed.payload.error().reason == GeoIPRejection::jsonWithoutCidrs) {
       processed.dump = utf8Prefix(repairUtf8(std::string_view(body).substr(0, kDumpCharacters * 4)), kDumpCharacters);
-      std::ranges::replace_if(processed.dump, [](char c) { return c == '\n' || c == '\r'; }, ' ');  // one log line
+      std::ranges::replace_if(
+          processed.dump, [](char c) { return c == '\n' || c == '\r'; }, ' ');  // one log line
     }
     return processed;
   };

@@ -22,8 +22,8 @@ using testing::FakeHttpTransport;
 std::string cidrList(std::size_t count, int firstOctet = 1) {
   std::string text;
   for (std::size_t i = 0; i < count; ++i) {
-    fmt::format_to(std::back_inserter(text), "{}.{}.{}.0/24\n", firstOctet + static_cast<int>(i / 65536), (i / 256) % 256,
-                   i % 256);
+    fmt::format_to(std::back_inserter(text), "{}.{}.{}.0/24\n", firstOctet + static_cast<int>(i / 65536),
+                   (i / 256) % 256, i % 256);
   }
   return text;
 }
@@ -31,9 +31,10 @@ std::string cidrList(std::size_t count, int firstOctet = 1) {
 std::string readBack(const std::filesystem::path& path) { return readFile(path).value_or("<unreadable>"); }
 
 TEST(GeoIPPayloadTest, PlainTextKeepsTheCidrsAndLeavesOutWhatIsNot) {
-  const std::string body = "# Russian ranges\r\n2.56.88.0/22\r\n\r\n  5.8.0.0/19  \n999.1.1.1/8\n10.0.0.0/33\n"
-                           "2a00:1fa0::/29\nexample.com\n" +
-                           cidrList(1000, 20);
+  const std::string body =
+      "# Russian ranges\r\n2.56.88.0/22\r\n\r\n  5.8.0.0/19  \n999.1.1.1/8\n10.0.0.0/33\n"
+      "2a00:1fa0::/29\nexample.com\n" +
+      cidrList(1000, 20);
   auto list = acceptGeoIPPayload(body);
   ASSERT_TRUE(list.has_value());
   EXPECT_EQ(list->format, GeoIPPayloadFormat::plainText);
@@ -193,11 +194,15 @@ TEST_F(GeoIPCacheTest, ATooSmallPayloadIsRefusedWithItsSize) {
 }
 
 TEST_F(GeoIPCacheTest, AJsonBodyWithoutTheListIsDumpedAndFails) {
-  const std::string body = R"({"status":"maintenance",)" "\n" R"("message":")" + std::string(600, 'x') + "\"}";
+  const std::string body = R"({"status":"maintenance",)"
+                           "\n"
+                           R"("message":")" +
+                           std::string(600, 'x') + "\"}";
   serve(body);
   announce("v1");
   const std::string dump = (R"({"status":"maintenance", "message":")" + std::string(600, 'x')).substr(0, 400);
-  EXPECT_TRUE(log.hasLine(fmt::format("[/geoip] attempt 0: JSON response ({} bytes) без CIDR — dump: {}", body.size(), dump)));
+  EXPECT_TRUE(
+      log.hasLine(fmt::format("[/geoip] attempt 0: JSON response ({} bytes) без CIDR — dump: {}", body.size(), dump)));
   EXPECT_TRUE(cache.failedVersions().contains("v1"));
 }
 

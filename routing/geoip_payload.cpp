@@ -60,7 +60,8 @@ bool isCidr(std::string_view text) {
   if (slash == std::string_view::npos || slash == 0 || slash > kMaxAddressLength) return false;
   const std::string_view address = text.substr(0, slash);
   const std::string_view prefix = text.substr(slash + 1);
-  if (prefix.empty() || prefix.size() > 3 || !std::ranges::all_of(prefix, [](char c) { return c >= '0' && c <= '9'; })) {
+  if (prefix.empty() || prefix.size() > 3 ||
+      !std::ranges::all_of(prefix, [](char c) { return c >= '0' && c <= '9'; })) {
     return false;
   }
   if (prefix.size() > 1 && prefix.front() == '0') return false;
@@ -95,7 +96,7 @@ std::expected<GeoIPList, GeoIPPayloadError> acceptGeoIPPayload(std::string_view 
           }
         }
       } else if (auto data = json.find("data"); data != json.end() && data->is_string() &&
-                                                 !trimWhitespace(data->get_ref<const std::string&>()).empty()) {
+                                                !trimWhitespace(data->get_ref<const std::string&>()).empty()) {
         carriesList = true;
         builder.lines(data->get_ref<const std::string&>());
       }

@@ -151,7 +151,8 @@ void IOSFixesCache::cache(const MainConfig& main) {
   defaults_.setBool(kIOSFixesEverReceivedKey, true);
 
   std::string line = fmt::format("[iosFixes] cached (non-sticky): enable={}", enabled ? "true" : "false");
-  for (const Flag& flag : kSummary) fmt::format_to(std::back_inserter(line), "  {}={}", flag.name, (config.*flag.member).value_or(0));
+  for (const Flag& flag : kSummary)
+    fmt::format_to(std::back_inserter(line), "  {}={}", flag.name, (config.*flag.member).value_or(0));
   log_.write(line);
 }
 

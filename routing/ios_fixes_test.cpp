@@ -25,16 +25,35 @@ class OrderedDefaults final : public Defaults {
 
 // Every cached flag key, in the order the tunnel's readers expect them written.
 const std::vector<std::string> kWriteOrder = {
-    "iosFixes.iosFixedEnable",      "iosFixes.sockBufBytes",      "iosFixes.enobufsRetryCount",
-    "iosFixes.maxPaddingTransport", "iosFixes.preallocBufsPerPool", "iosFixes.useShortHeaderAfterHandshake",
-    "iosFixes.tunMTU",              "iosFixes.disableIPv6",       "iosFixes.selfCheckBlockSend",
-    "iosFixes.debugLogEnabled",     "iosFixes.smartIfaceProbeEnabled", "iosFixes.preConnectNoInternet",
-    "iosFixes.rebuildHygiene",      "iosFixes.gvisorFlowBudget",  "iosFixes.extGcPercent",
-    "iosFixes.extMemLimitMb",       "iosFixes.hopHygiene",        "iosFixes.wakeRebind",
-    "iosFixes.wakeRebindNewPort",   "iosFixes.pathRebindCheck",   "iosFixes.diagRecorderEnabled",
-    "iosFixes.delkeyVerifyViaMain", "iosFixes.healthCheckMode",   "iosFixes.selfHealMaxPerDay",
-    "iosFixes.reconnectWaitMs",     "iosFixes.diagExportRaw",     "iosFixes.keySoftDelete",
-    "iosFixes.keySoftDeleteDebug",  "iosFixes.everReceived",
+    "iosFixes.iosFixedEnable",
+    "iosFixes.sockBufBytes",
+    "iosFixes.enobufsRetryCount",
+    "iosFixes.maxPaddingTransport",
+    "iosFixes.preallocBufsPerPool",
+    "iosFixes.useShortHeaderAfterHandshake",
+    "iosFixes.tunMTU",
+    "iosFixes.disableIPv6",
+    "iosFixes.selfCheckBlockSend",
+    "iosFixes.debugLogEnabled",
+    "iosFixes.smartIfaceProbeEnabled",
+    "iosFixes.preConnectNoInternet",
+    "iosFixes.rebuildHygiene",
+    "iosFixes.gvisorFlowBudget",
+    "iosFixes.extGcPercent",
+    "iosFixes.extMemLimitMb",
+    "iosFixes.hopHygiene",
+    "iosFixes.wakeRebind",
+    "iosFixes.wakeRebindNewPort",
+    "iosFixes.pathRebindCheck",
+    "iosFixes.diagRecorderEnabled",
+    "iosFixes.delkeyVerifyViaMain",
+    "iosFixes.healthCheckMode",
+    "iosFixes.selfHealMaxPerDay",
+    "iosFixes.reconnectWaitMs",
+    "iosFixes.diagExportRaw",
+    "iosFixes.keySoftDelete",
+    "iosFixes.keySoftDeleteDebug",
+    "iosFixes.everReceived",
 };
 
 class IOSFixesCacheTest : public ::testing::Test {
@@ -56,24 +75,31 @@ TEST_F(IOSFixesCacheTest, AbsentFlagsAreCachedAsZerosInOrderAndMarkedReceived) {
   respond(std::nullopt, std::nullopt);
   EXPECT_EQ(group.order, kWriteOrder);
   EXPECT_EQ(group.boolValue("iosFixes.iosFixedEnable"), false);
-  for (std::size_t i = 1; i + 1 < kWriteOrder.size(); ++i) EXPECT_EQ(group.integerValue(kWriteOrder[i]), 0) << kWriteOrder[i];
+  for (std::size_t i = 1; i + 1 < kWriteOrder.size(); ++i)
+    EXPECT_EQ(group.integerValue(kWriteOrder[i]), 0) << kWriteOrder[i];
   EXPECT_EQ(group.boolValue("iosFixes.everReceived"), true);
-  EXPECT_EQ(log.lines(), std::vector<std::string>{"[iosFixes] cached (non-sticky): enable=false  sockBuf=0  retry=0  pad=0  "
-                                                  "prealloc=0  shortHeader=0  tunMTU=0  disableIPv6=0  selfCheckBlock=0  "
-                                                  "debugLog=0  smartProbe=0"});
+  EXPECT_EQ(log.lines(),
+            std::vector<std::string>{"[iosFixes] cached (non-sticky): enable=false  sockBuf=0  retry=0  pad=0  "
+                                     "prealloc=0  shortHeader=0  tunMTU=0  disableIPv6=0  selfCheckBlock=0  "
+                                     "debugLog=0  smartProbe=0"});
 }
 
 TEST_F(IOSFixesCacheTest, AFlagTheBackendStopsSendingFallsBackToZero) {
-  respond(true, nlohmann::json{{"tunMTU", 1280}, {"sockBufBytes", "4194304"}, {"disableIPv6", true},
-                               {"keySoftDelete", 3}, {"healthCheckMode", 1.5}, {"dpiDiag", 1}});
+  respond(true, nlohmann::json{{"tunMTU", 1280},
+                               {"sockBufBytes", "4194304"},
+                               {"disableIPv6", true},
+                               {"keySoftDelete", 3},
+                               {"healthCheckMode", 1.5},
+                               {"dpiDiag", 1}});
   EXPECT_EQ(group.integerValue("iosFixes.tunMTU"), 1280);
   EXPECT_EQ(group.integerValue("iosFixes.sockBufBytes"), 4194304);  // digits in a string count
   EXPECT_EQ(group.integerValue("iosFixes.disableIPv6"), 1);         // a JSON true is 1
   EXPECT_EQ(group.integerValue("iosFixes.keySoftDelete"), 3);
   EXPECT_EQ(group.integerValue("iosFixes.healthCheckMode"), 0);  // not an integer: not sent
   EXPECT_FALSE(group.contains("iosFixes.dpiDiag"));              // decoded, never cached
-  EXPECT_TRUE(log.hasLine("[iosFixes] cached (non-sticky): enable=true  sockBuf=4194304  retry=0  pad=0  prealloc=0  "
-                          "shortHeader=0  tunMTU=1280  disableIPv6=1  selfCheckBlock=0  debugLog=0  smartProbe=0"));
+  EXPECT_TRUE(
+      log.hasLine("[iosFixes] cached (non-sticky): enable=true  sockBuf=4194304  retry=0  pad=0  prealloc=0  "
+                  "shortHeader=0  tunMTU=1280  disableIPv6=1  selfCheckBlock=0  debugLog=0  smartProbe=0"));
 
   respond(true, nlohmann::json{{"keySoftDelete", 3}});
   EXPECT_EQ(group.integerValue("iosFixes.tunMTU"), 0);

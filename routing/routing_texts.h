@@ -14,20 +14,28 @@ namespace norvik::routing_texts {
 // The label of each mode on the mode screen.
 [[nodiscard]] constexpr std::string_view label(VPNRoutingMode mode) {
   switch (mode) {
-    case VPNRoutingMode::full: return "Обычный";
-    case VPNRoutingMode::smart: return "Умный режим";
-    case VPNRoutingMode::services: return "По сайтам";
-    default: return "Умный режим";
+    case VPNRoutingMode::full:
+      return "Обычный";
+    case VPNRoutingMode::smart:
+      return "Умный режим";
+    case VPNRoutingMode::services:
+      return "По сайтам";
+    default:
+      return "Умный режим";
   }
 }
 
 // How each mode routes, in the user's words.
 [[nodiscard]] constexpr std::string_view description(VPNRoutingMode mode) {
   switch (mode) {
-    case VPNRoutingMode::full: return "Весь интернет идёт через VPN. Максимально просто и надёжно.";
-    case VPNRoutingMode::smart: return "Российские сайты — напрямую и быстро, зарубежные — через VPN.";
-    case VPNRoutingMode::services: return "Через VPN пойдут только выбранные сайты. Всё остальное — напрямую.";
-    default: return "";
+    case VPNRoutingMode::full:
+      return "Весь интернет идёт через VPN. Максимально просто и надёжно.";
+    case VPNRoutingMode::smart:
+      return "Российские сайты — напрямую и быстро, зарубежные — через VPN.";
+    case VPNRoutingMode::services:
+      return "Через VPN пойдут только выбранные сайты. Всё остальное — напрямую.";
+    default:
+      return "";
   }
 }
 

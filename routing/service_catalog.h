@@ -11,12 +11,12 @@ namespace norvik {
 
 // One routable service as the services screen shows it and the tunnel routes it.
 struct RoutingServiceItem {
-  std::string key;       // stable identifier ("youtube")
+  std::string key;  // stable identifier ("youtube")
   std::string title;
   std::string subtitle;
-  std::string colorHex;  // "#RRGGBB"
-  std::optional<std::string> group;  // services of one owner share a group ("meta")
-  bool hasCidr = false;  // the backend's service lists carry CIDRs for it
+  std::string colorHex;                   // "#RRGGBB"
+  std::optional<std::string> group;       // services of one owner share a group ("meta")
+  bool hasCidr = false;                   // the backend's service lists carry CIDRs for it
   std::vector<std::string> watchDomains;  // lower-case ASCII; each covers its subdomains too
   std::optional<std::string> iconURL;
   // CIDRs the routing section itself carries for the service (next to the synchronised lists).

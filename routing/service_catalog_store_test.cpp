@@ -49,7 +49,8 @@ TEST_F(ServiceCatalogStoreTest, AFirstStartRoutesTheFourDefaultServices) {
   auto store = makeStore();
   EXPECT_EQ(store->selectedServices().get(), (std::set<std::string>{"instagram", "telegram", "whatsapp", "youtube"}));
   const auto domains = watchDomains();
-  for (auto domain : {"youtube.com", "instagram.com", "whatsapp.com", "t.me"}) EXPECT_TRUE(hasLine(domains, domain)) << domain;
+  for (auto domain : {"youtube.com", "instagram.com", "whatsapp.com", "t.me"})
+    EXPECT_TRUE(hasLine(domains, domain)) << domain;
   EXPECT_FALSE(hasLine(domains, "discord.com"));
   EXPECT_EQ(store->catalog().size(), 8u);
   EXPECT_EQ(store->catalog()[1].group, "meta");
@@ -71,7 +72,8 @@ TEST_F(ServiceCatalogStoreTest, ADefaultOnServiceIsSelectedOnceAndStaysOffAfterT
   EXPECT_TRUE(store->selectedServices().get().contains("twitch"));
   EXPECT_TRUE(log.hasLine("[Routing] default_on включил новые сервисы: twitch"));
   EXPECT_TRUE(hasLine(watchDomains(), "twitch.tv"));
-  EXPECT_EQ(group.stringArrayValue(ServiceCatalogStore::kSeenServiceKeys), (std::vector<std::string>{"youtube", "twitch"}));
+  EXPECT_EQ(group.stringArrayValue(ServiceCatalogStore::kSeenServiceKeys),
+            (std::vector<std::string>{"youtube", "twitch"}));
 
   store->toggle("twitch", false);
   routing.listsVersion = "changed";  // a different section, with the same service still default_on
@@ -170,7 +172,8 @@ TEST_F(ServiceCatalogStoreTest, SwitchingOffTheLastSiteInServicesModeFallsBackTo
 
 TEST_F(ServiceCatalogStoreTest, ServiceListsAreDownloadedOncePerVersionAndCached) {
   endpoints["service_lists"] = [](const HttpRequest&) {
-    return ok(R"({"version":"v1","services":{"telegram":["91.108.4.0/22","149.154.160.0/20"],"discord":["66.22.196.0/22"]}})");
+    return ok(
+        R"({"version":"v1","services":{"telegram":["91.108.4.0/22","149.154.160.0/20"],"discord":["66.22.196.0/22"]}})");
   };
   auto store = makeStore();
   RoutingConfig routing;

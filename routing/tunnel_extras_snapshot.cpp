@@ -44,7 +44,8 @@ PropertyDictionary TunnelExtrasSnapshot::snapshot() const {
   std::error_code ec;
   if (std::filesystem::is_regular_file(geoipCacheFile_, ec)) {
     extras[std::string(kGeoIPPath)] = geoipCacheFile_.string();
-    if (auto version = defaults_.stringValue(GeoIPCache::kBackendVersionKey)) extras[std::string(kGeoIPVersion)] = *version;
+    if (auto version = defaults_.stringValue(GeoIPCache::kBackendVersionKey))
+      extras[std::string(kGeoIPVersion)] = *version;
     // The install taking this snapshot hands the file to the tunnel.
     if (defaults_.boolValue(GeoIPCache::kPushedToExtensionKey) != true) {
       defaults_.setBool(GeoIPCache::kPushedToExtensionKey, true);

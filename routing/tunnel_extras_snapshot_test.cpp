@@ -39,9 +39,9 @@ TEST_F(TunnelExtrasSnapshotTest, AnEmptySuiteGivesSmartEmptyListsAndBypassAllowe
 }
 
 TEST_F(TunnelExtrasSnapshotTest, TheModeIsSentAsItsStoredCodeAndNothingElse) {
-  const std::pair<DefaultsValue, std::string> cases[] = {
-      {std::int64_t{1}, "1"}, {std::int64_t{2}, "2"}, {std::int64_t{7}, "0"}, {std::int64_t{-1}, "0"},
-      {std::string("2"), "2"}, {std::string("garbage"), "0"}};
+  const std::pair<DefaultsValue, std::string> cases[] = {{std::int64_t{1}, "1"},  {std::int64_t{2}, "2"},
+                                                         {std::int64_t{7}, "0"},  {std::int64_t{-1}, "0"},
+                                                         {std::string("2"), "2"}, {std::string("garbage"), "0"}};
   for (const auto& [stored, sent] : cases) {
     group.set(ModesStore::kModeServicesActive, stored);
     EXPECT_EQ(text(extras.snapshot(), "routing.goMode"), sent);

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>

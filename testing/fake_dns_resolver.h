@@ -17,18 +17,21 @@ class FakeDnsResolver final : public DnsResolver {
 
   void resolve(DnsQuery query, DnsCompletion completion) override {
     queries_.push_back(query);
-    DnsResult result = std::unexpected(
-        Error{std::string(kErrorDomain), static_cast<int>(ErrorCode::noAddress), "no such name"});
+    DnsResult result =
+        std::unexpected(Error{std::string(kErrorDomain), static_cast<int>(ErrorCode::noAddress), "no such name"});
     if (auto it = answers_.find(query.host); it != answers_.end()) result = it->second;
     if (query.servers.empty()) {
-      result = std::unexpected(Error{std::string(kErrorDomain), static_cast<int>(ErrorCode::noUsableServer), "no server"});
+      result =
+          std::unexpected(Error{std::string(kErrorDomain), static_cast<int>(ErrorCode::noUsableServer), "no server"});
     }
     loop_.postAfter(latency_, [completion = std::move(completion), result = std::move(result)]() mutable {
       completion(std::move(result));
     });
   }
 
-  void answer(std::string host, std::vector<std::string> addresses) { answers_[std::move(host)] = std::move(addresses); }
+  void answer(std::string host, std::vector<std::string> addresses) {
+    answers_[std::move(host)] = std::move(addresses);
+  }
   void fail(std::string host, ErrorCode code) {
     answers_[std::move(host)] = std::unexpected(Error{std::string(kErrorDomain), static_cast<int>(code), "scripted"});
   }

@@ -24,7 +24,9 @@ struct FakeFileDownloader::Transfer {
 
 void FakeFileDownloader::serve(const std::string& url, std::string body) { bodies_[url] = std::move(body); }
 
-void FakeFileDownloader::fail(const std::string& url, DownloadError error) { bodies_[url] = std::unexpected(std::move(error)); }
+void FakeFileDownloader::fail(const std::string& url, DownloadError error) {
+  bodies_[url] = std::unexpected(std::move(error));
+}
 
 void FakeFileDownloader::setChunking(std::size_t chunkBytes, EventLoop::Duration chunkInterval) {
   chunkBytes_ = std::max<std::size_t>(1, chunkBytes);
@@ -49,7 +51,8 @@ DownloadHandle FakeFileDownloader::download(DownloadRequest request, DownloadPro
     body = fallback_(transfer->request);
   }
   if (!body) {
-    loop_.postAfter(chunkInterval_, [transfer, error = body.error()]() mutable { transfer->finish(std::unexpected(error)); });
+    loop_.postAfter(chunkInterval_,
+                    [transfer, error = body.error()]() mutable { transfer->finish(std::unexpected(error)); });
     return handle;
   }
   transfer->body = std::move(*body);

@@ -33,7 +33,8 @@ class FakeNamedNotifications final : public NamedNotificationCenter {
     observers_->byName[name].emplace_back(id, std::move(observer));
     std::weak_ptr<Observers> weak = observers_;
     return Subscription([weak, name = std::move(name), id] {
-      if (auto observers = weak.lock()) std::erase_if(observers->byName[name], [id](const auto& e) { return e.first == id; });
+      if (auto observers = weak.lock())
+        std::erase_if(observers->byName[name], [id](const auto& e) { return e.first == id; });
     });
   }
 

@@ -17,8 +17,8 @@ void FakeSystemExtensionRequests::installCopy(std::string bundleVersion, std::st
 }
 
 std::size_t FakeSystemExtensionRequests::activationCount() const {
-  return static_cast<std::size_t>(std::ranges::count_if(
-      submitted_, [](const Submitted& s) { return s.kind == Submitted::Kind::activation; }));
+  return static_cast<std::size_t>(
+      std::ranges::count_if(submitted_, [](const Submitted& s) { return s.kind == Submitted::Kind::activation; }));
 }
 
 void FakeSystemExtensionRequests::submitActivationRequest(std::string identifier,

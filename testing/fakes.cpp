@@ -9,7 +9,8 @@
 
 namespace norvik::testing {
 
-VirtualClock::VirtualClock(const VirtualEventLoop& loop, TimePoint wallAtStart) : loop_(loop), wallAtStart_(wallAtStart) {}
+VirtualClock::VirtualClock(const VirtualEventLoop& loop, TimePoint wallAtStart)
+    : loop_(loop), wallAtStart_(wallAtStart) {}
 
 Clock::TimePoint VirtualClock::now() const {
   return wallAtStart_ + std::chrono::duration_cast<std::chrono::system_clock::duration>(loop_.elapsed()) + offset_;
@@ -133,7 +134,8 @@ OSStatus FakeSecureItemStore::update(const SecureItemQuery& query, const SecureI
   ++updates_;
   bool found = false;
   for (auto& item : items_) {
-    if (item.attributes.account != query.account || (query.service && item.attributes.service != query.service)) continue;
+    if (item.attributes.account != query.account || (query.service && item.attributes.service != query.service))
+      continue;
     found = true;
     if (changes.data) item.data = *changes.data;
     if (changes.accessible) item.attributes.accessible = *changes.accessible;

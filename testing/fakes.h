@@ -123,7 +123,8 @@ class DeterministicCrypto final : public Crypto {
   [[nodiscard]] Bytes hmacSha256(ByteView key, ByteView data) const override {
     return failHmac_ ? Bytes{} : real_.hmacSha256(key, data);
   }
-  [[nodiscard]] std::expected<Bytes, Error> aesGcmSeal(ByteView key, ByteView nonce, ByteView plaintext) const override {
+  [[nodiscard]] std::expected<Bytes, Error> aesGcmSeal(ByteView key, ByteView nonce,
+                                                       ByteView plaintext) const override {
     return real_.aesGcmSeal(key, nonce, plaintext);
   }
   [[nodiscard]] std::expected<Bytes, Error> aesGcmOpen(ByteView key, ByteView nonce, ByteView data) const override {

@@ -10,8 +10,8 @@ namespace norvik::testing {
 
 void ScriptedProcessRunner::run(ProcessCommand command, ProcessCompletion completion) {
   commands_.push_back(command.argv);
-  ProcessRunResult result = command.argv.empty() ? std::unexpected(Error{"POSIX", EINVAL, "(empty command)"})
-                                                 : missing(command.argv.front());
+  ProcessRunResult result =
+      command.argv.empty() ? std::unexpected(Error{"POSIX", EINVAL, "(empty command)"}) : missing(command.argv.front());
   if (!command.argv.empty()) {
     if (auto it = scripts_.find(command.argv.front()); it != scripts_.end()) result = it->second(command.argv);
   }

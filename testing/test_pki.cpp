@@ -1,7 +1,7 @@
 #include "testing/test_pki.h"
 
-#include <memory>
 #include <arpa/inet.h>
+#include <memory>
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -44,7 +44,8 @@ std::string subjectAltNames(const std::vector<std::string>& extraNames) {
   std::string names = "DNS:localhost,IP:127.0.0.1,IP:::1";
   for (const auto& name : extraNames) {
     unsigned char address[16];
-    const bool isAddress = inet_pton(AF_INET, name.c_str(), address) == 1 || inet_pton(AF_INET6, name.c_str(), address) == 1;
+    const bool isAddress =
+        inet_pton(AF_INET, name.c_str(), address) == 1 || inet_pton(AF_INET6, name.c_str(), address) == 1;
     names += (isAddress ? ",IP:" : ",DNS:") + name;
   }
   return names;

@@ -25,7 +25,8 @@ TEST(VirtualEventLoop, AdvanceRunsTimersInTimeOrderAtTheirOwnTime) {
 TEST(VirtualEventLoop, RunUntilIdleWaitsForBlockingWorkAndItsReply) {
   VirtualEventLoop loop;
   int reply = 0;
-  runBlockingThenReply(loop, [] { return 42; }, [&](int v) { reply = v; });
+  runBlockingThenReply(
+      loop, [] { return 42; }, [&](int v) { reply = v; });
   loop.runUntilIdle();
   EXPECT_EQ(reply, 42);
   EXPECT_EQ(loop.elapsed(), 0s);

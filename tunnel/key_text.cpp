@@ -54,7 +54,7 @@ std::size_t breakAtFront(std::string_view s) {
   if (s.starts_with("\r\n")) return 2;
   const char c = s.front();
   if (c == '\n' || c == '\r' || c == '\v' || c == '\f') return 1;
-  if (s.starts_with("\xC2\x85")) return 2;                                // U+0085
+  if (s.starts_with("\xC2\x85")) return 2;                                       // U+0085
   if (s.starts_with("\xE2\x80\xA8") || s.starts_with("\xE2\x80\xA9")) return 3;  // U+2028, U+2029
   return 0;
 }
@@ -116,7 +116,8 @@ std::optional<std::string> extractServerAddress(std::string_view normalizedText)
     const std::size_t end = std::min(normalizedText.find('\n', start), normalizedText.size());
     const std::string_view line = normalizedText.substr(start, end - start);
     if (line.starts_with("Endpoint")) {
-      const std::string_view afterLastEquals = line.substr(line.rfind('=') == std::string_view::npos ? 0 : line.rfind('=') + 1);
+      const std::string_view afterLastEquals =
+          line.substr(line.rfind('=') == std::string_view::npos ? 0 : line.rfind('=') + 1);
       const std::string_view endpoint = trim(afterLastEquals);
       const std::string_view host = endpoint.substr(0, endpoint.find(':'));
       if (host.empty()) return std::nullopt;

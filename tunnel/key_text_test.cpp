@@ -33,7 +33,8 @@ TEST(NormalizeKeyText, EqualsSignsInsideAValueSurvive) {
 
 TEST(NormalizeKeyText, LineEndingsAndInvisibleSpacesOfACopiedKeyDoNotMatter) {
   const std::string unix = "[Interface]\nAddress = 10.8.0.2/32\n\n[Peer]\nEndpoint = 203.0.113.10:51820";
-  EXPECT_EQ(normalizeKeyText("[Interface]\r\nAddress=10.8.0.2/32\r\n\r\n[Peer]\r\nEndpoint=203.0.113.10:51820\r\n"), unix);
+  EXPECT_EQ(normalizeKeyText("[Interface]\r\nAddress=10.8.0.2/32\r\n\r\n[Peer]\r\nEndpoint=203.0.113.10:51820\r\n"),
+            unix);
   EXPECT_EQ(normalizeKeyText("\xEF\xBB\xBF[Interface]\rAddress\xC2\xA0= 10.8.0.2/32\xE2\x80\xA8\xE2\x80\xA8[Peer]\n"
                              "Endpoint = 203.0.113.10:51820\xE2\x80\x89"),
             unix);

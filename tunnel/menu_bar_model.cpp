@@ -6,13 +6,17 @@ namespace norvik {
 
 std::string_view tunnelStateText(TunnelStatus status) {
   switch (status) {
-    case TunnelStatus::connected: return "Защищено";
+    case TunnelStatus::connected:
+      return "Защищено";
     case TunnelStatus::connecting:
-    case TunnelStatus::reasserting: return "Подключение...";
-    case TunnelStatus::disconnecting: return "Отключение...";
+    case TunnelStatus::reasserting:
+      return "Подключение...";
+    case TunnelStatus::disconnecting:
+      return "Отключение...";
     case TunnelStatus::invalid:
     case TunnelStatus::disconnected:
-    default: return "Отключено";
+    default:
+      return "Отключено";
   }
 }
 
@@ -43,11 +47,17 @@ void MenuBarModel::rebuild() {
   switch (status) {
     case TunnelStatus::connected:
     case TunnelStatus::connecting:
-    case TunnelStatus::reasserting: menu.items.push_back({"Отключить", Action::disconnect}); break;
-    case TunnelStatus::disconnecting: menu.items.push_back({"Подключить", Action::connect, false}); break;
+    case TunnelStatus::reasserting:
+      menu.items.push_back({"Отключить", Action::disconnect});
+      break;
+    case TunnelStatus::disconnecting:
+      menu.items.push_back({"Подключить", Action::connect, false});
+      break;
     case TunnelStatus::invalid:
     case TunnelStatus::disconnected:
-    default: menu.items.push_back({"Подключить", Action::connect}); break;
+    default:
+      menu.items.push_back({"Подключить", Action::connect});
+      break;
   }
   menu.items.push_back({"Запускать при входе в систему", Action::toggleLaunchAtLogin, true, launchAtLogin_});
   menu.items.push_back({"Открыть Norvik", Action::openMainWindow});
@@ -68,14 +78,19 @@ void MenuBarModel::choose(const MenuBarItem& item) {
     if (handler) handler();
   };
   switch (item.action) {
-    case MenuBarItem::Action::connect: return call(handlers_.connect);
-    case MenuBarItem::Action::disconnect: return call(handlers_.disconnect);
+    case MenuBarItem::Action::connect:
+      return call(handlers_.connect);
+    case MenuBarItem::Action::disconnect:
+      return call(handlers_.disconnect);
     case MenuBarItem::Action::toggleLaunchAtLogin:
       if (handlers_.setLaunchAtLogin) handlers_.setLaunchAtLogin(!item.checked.value_or(false));
       return;
-    case MenuBarItem::Action::openMainWindow: return call(handlers_.openMainWindow);
-    case MenuBarItem::Action::installUpdate: return call(handlers_.installUpdate);
-    default: return;
+    case MenuBarItem::Action::openMainWindow:
+      return call(handlers_.openMainWindow);
+    case MenuBarItem::Action::installUpdate:
+      return call(handlers_.installUpdate);
+    default:
+      return;
   }
 }
 

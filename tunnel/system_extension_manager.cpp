@@ -6,8 +6,7 @@ namespace norvik {
 namespace {
 
 bool isUp(TunnelStatus status) {
-  return status == TunnelStatus::connected || status == TunnelStatus::connecting ||
-         status == TunnelStatus::reasserting;
+  return status == TunnelStatus::connected || status == TunnelStatus::connecting || status == TunnelStatus::reasserting;
 }
 
 // The installed copy that counts: the enabled one when the system lists several (an old copy
@@ -24,10 +23,14 @@ std::optional<SystemExtensionProperties> installedCopy(const std::vector<SystemE
 
 std::string_view toString(SystemExtensionOutcome outcome) {
   switch (outcome) {
-    case SystemExtensionOutcome::completed: return "completed";
-    case SystemExtensionOutcome::needsUserApproval: return "needsUserApproval";
-    case SystemExtensionOutcome::willCompleteAfterReboot: return "willCompleteAfterReboot";
-    default: return "unknown";
+    case SystemExtensionOutcome::completed:
+      return "completed";
+    case SystemExtensionOutcome::needsUserApproval:
+      return "needsUserApproval";
+    case SystemExtensionOutcome::willCompleteAfterReboot:
+      return "willCompleteAfterReboot";
+    default:
+      return "unknown";
   }
 }
 
@@ -45,9 +48,9 @@ class SystemExtensionManager::RequestRunner final : public SystemExtensionReques
 
   SystemExtensionReplacementAction actionForReplacingExtension(const SystemExtensionProperties& existing,
                                                                const SystemExtensionProperties& replacement) override {
-    const std::string versions = fmt::format("installed {} ({}), bundled {} ({})", existing.bundleVersion,
-                                             existing.bundleShortVersion, replacement.bundleVersion,
-                                             replacement.bundleShortVersion);
+    const std::string versions =
+        fmt::format("installed {} ({}), bundled {} ({})", existing.bundleVersion, existing.bundleShortVersion,
+                    replacement.bundleVersion, replacement.bundleShortVersion);
     if (forceReplace_) {
       log_.format("[VPNManager] sysext replace (forced): {}", versions);
       return SystemExtensionReplacementAction::replace;
@@ -214,7 +217,9 @@ void SystemExtensionManager::finishActivation(ActivationResult result, Activatio
   if (result) {
     log_.format("[VPNManager] sysext activation: {}", toString(*result));
     switch (*result) {
-      case SystemExtensionOutcome::completed: vpn_.systemExtensionState().set({Kind::active}); break;
+      case SystemExtensionOutcome::completed:
+        vpn_.systemExtensionState().set({Kind::active});
+        break;
       case SystemExtensionOutcome::needsUserApproval:
         vpn_.systemExtensionState().set({Kind::needsApproval});
         vpn_.connectionFailed().emit(std::string(approvalInstruction(systemMajorVersion())));
@@ -223,7 +228,8 @@ void SystemExtensionManager::finishActivation(ActivationResult result, Activatio
         vpn_.systemExtensionState().set({Kind::needsReboot});
         vpn_.connectionFailed().emit(std::string(sysext_texts::kReboot));
         break;
-      default: break;
+      default:
+        break;
     }
   } else {
     const std::string text = result.error().description();
@@ -301,9 +307,14 @@ void SystemExtensionManager::onQuietOutcome(const std::string& version, bool tun
       if (tunnelWasUp) return reconnectAfterReplacement(version);
       log_.format("[SysExtUpdate] расширение {} заменено тихо", version);
       return;
-    case SystemExtensionOutcome::needsUserApproval: analytics_.record("sysext quiet approval"); return;
-    case SystemExtensionOutcome::willCompleteAfterReboot: analytics_.record("sysext quiet reboot"); return;
-    default: return;
+    case SystemExtensionOutcome::needsUserApproval:
+      analytics_.record("sysext quiet approval");
+      return;
+    case SystemExtensionOutcome::willCompleteAfterReboot:
+      analytics_.record("sysext quiet reboot");
+      return;
+    default:
+      return;
   }
 }
 
@@ -332,9 +343,8 @@ void SystemExtensionManager::reconnectAfterReplacement(std::string version) {
       if (auto* self = weak.lock()) self->finishReconnect(version, std::nullopt);
     });
   });
-  reconnectDeadline_.start(loop_, config_.quietReconnectTimeout, [this, version] {
-    finishReconnect(version, "timeout");
-  });
+  reconnectDeadline_.start(loop_, config_.quietReconnectTimeout,
+                           [this, version] { finishReconnect(version, "timeout"); });
   const TunnelStatus status = vpn_.connectionState().get();
   if (status == TunnelStatus::connected || status == TunnelStatus::connecting) {
     // The replaced extension may still serve the running session; stop it and start again.

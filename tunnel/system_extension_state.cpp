@@ -4,12 +4,18 @@ namespace norvik {
 
 std::string_view toString(SystemExtensionState::Kind kind) {
   switch (kind) {
-    case SystemExtensionState::Kind::failed: return "failed";
-    case SystemExtensionState::Kind::unknown: return "unknown";
-    case SystemExtensionState::Kind::activating: return "activating";
-    case SystemExtensionState::Kind::active: return "active";
-    case SystemExtensionState::Kind::needsApproval: return "needsApproval";
-    case SystemExtensionState::Kind::needsReboot: return "needsReboot";
+    case SystemExtensionState::Kind::failed:
+      return "failed";
+    case SystemExtensionState::Kind::unknown:
+      return "unknown";
+    case SystemExtensionState::Kind::activating:
+      return "activating";
+    case SystemExtensionState::Kind::active:
+      return "active";
+    case SystemExtensionState::Kind::needsApproval:
+      return "needsApproval";
+    case SystemExtensionState::Kind::needsReboot:
+      return "needsReboot";
   }
   return "unknown";
 }

@@ -27,39 +27,49 @@ std::string_view approvalInstruction(int systemMajorVersion) {
 
 std::string SysExtError::description() const {
   switch (kind) {
-    case Kind::notInApplications: return std::string(sysext_texts::kNotInApplications);
-    case Kind::translocated: return std::string(sysext_texts::kTranslocated);
-    case Kind::failed: break;
-    default: break;
+    case Kind::notInApplications:
+      return std::string(sysext_texts::kNotInApplications);
+    case Kind::translocated:
+      return std::string(sysext_texts::kTranslocated);
+    case Kind::failed:
+      break;
+    default:
+      break;
   }
   using Code = SystemExtensionErrorCode;
   switch (static_cast<Code>(code)) {
     case Code::missingEntitlement:
     case Code::codeSignatureInvalid:
-    case Code::validationFailed: return std::string(sysext_texts::kSignatureInvalid);
-    case Code::unsupportedParentBundleLocation: return std::string(sysext_texts::kUnsupportedLocation);
+    case Code::validationFailed:
+      return std::string(sysext_texts::kSignatureInvalid);
+    case Code::unsupportedParentBundleLocation:
+      return std::string(sysext_texts::kUnsupportedLocation);
     case Code::forbiddenBySystemPolicy:
       return std::string(sysext_texts::kBlockedPrefix) + std::string(approvalInstruction(systemMajorVersion));
-    case Code::authorizationRequired: return std::string(sysext_texts::kAuthorizationRequired);
-    default: return underlying.description();
+    case Code::authorizationRequired:
+      return std::string(sysext_texts::kAuthorizationRequired);
+    default:
+      return underlying.description();
   }
 }
 
 std::optional<SystemExtensionBanner> systemExtensionBanner(const SystemExtensionState& state, int systemMajorVersion) {
   using Kind = SystemExtensionState::Kind;
   switch (state.kind) {
-    case Kind::failed: return SystemExtensionBanner{std::string(sysext_texts::kBannerErrorTitle), state.failureText};
+    case Kind::failed:
+      return SystemExtensionBanner{std::string(sysext_texts::kBannerErrorTitle), state.failureText};
     case Kind::needsReboot:
       return SystemExtensionBanner{std::string(sysext_texts::kBannerRebootTitle), std::string(sysext_texts::kReboot)};
     case Kind::needsApproval:
-      return SystemExtensionBanner{std::string(sysext_texts::kBannerApprovalTitle),
-                                   std::string(allowsWithSwitch(systemMajorVersion)
-                                                   ? sysext_texts::kBannerApprovalSwitch
-                                                   : sysext_texts::kBannerApprovalSecurity)};
+      return SystemExtensionBanner{
+          std::string(sysext_texts::kBannerApprovalTitle),
+          std::string(allowsWithSwitch(systemMajorVersion) ? sysext_texts::kBannerApprovalSwitch
+                                                           : sysext_texts::kBannerApprovalSecurity)};
     case Kind::unknown:
     case Kind::activating:
     case Kind::active:
-    default: return std::nullopt;
+    default:
+      return std::nullopt;
   }
 }
 

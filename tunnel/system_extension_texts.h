@@ -15,8 +15,7 @@ namespace norvik {
 // button in the security section.
 namespace sysext_texts {
 
-inline constexpr std::string_view kNotInApplications =
-    "Переместите приложение в папку «Программы» и запустите снова.";
+inline constexpr std::string_view kNotInApplications = "Переместите приложение в папку «Программы» и запустите снова.";
 inline constexpr std::string_view kTranslocated =
     "Приложение запущено из временной папки. Перетащите его в «Программы» через Finder и перезапустите.";
 inline constexpr std::string_view kSignatureInvalid =
@@ -54,9 +53,9 @@ struct SysExtError {
   enum class Kind { notInApplications, failed, translocated };
 
   Kind kind = Kind::failed;
-  std::string path{};       // notInApplications: where the application runs from
-  int code = 0;             // failed: the system's extension error code
-  Error underlying{};       // failed: the system's error
+  std::string path{};                                           // notInApplications: where the application runs from
+  int code = 0;                                                 // failed: the system's extension error code
+  Error underlying{};                                           // failed: the system's error
   int systemMajorVersion = sysext_texts::kSwitchApprovalSince;  // picks the approval wording
 
   static SysExtError notInApplications(std::string path, int systemMajorVersion);
@@ -79,6 +78,6 @@ struct SystemExtensionBanner {
   bool operator==(const SystemExtensionBanner&) const = default;
 };
 [[nodiscard]] std::optional<SystemExtensionBanner> systemExtensionBanner(const SystemExtensionState& state,
-                                                                        int systemMajorVersion);
+                                                                         int systemMajorVersion);
 
 }  // namespace norvik

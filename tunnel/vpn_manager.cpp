@@ -41,9 +41,8 @@ VPNManager::VPNManager(Dependencies d)
       log_(d.log),
       analytics_(d.analytics),
       extrasSnapshot_(std::move(d.extrasSnapshot)) {
-  statusSubscription_ = tunnels_.observeStatus([this](const std::string& identifier, TunnelStatus status) {
-    onStatusChanged(identifier, status);
-  });
+  statusSubscription_ = tunnels_.observeStatus(
+      [this](const std::string& identifier, TunnelStatus status) { onStatusChanged(identifier, status); });
   widgetDisconnectObserver_ = notifications_.observe(std::string(kDisconnectNotification), [this] { disconnect(); });
   userStopObserver_ = notifications_.observe(std::string(kUserStopNotification), [this] { onUserStopNotification(); });
 }
@@ -72,7 +71,8 @@ void VPNManager::adoptConfigurations(const std::vector<TunnelConfiguration>& man
   if (found) {
     tunnelManager_ = *found;
     connectionState_.set(tunnels_.status(found->identifier));
-    if (connectionState_.get() == TunnelStatus::connected) connectionStartTime_ = tunnels_.connectedDate(found->identifier);
+    if (connectionState_.get() == TunnelStatus::connected)
+      connectionStartTime_ = tunnels_.connectedDate(found->identifier);
   } else {
     connectionState_.set(TunnelStatus::disconnected);
   }
@@ -94,31 +94,32 @@ const TunnelConfiguration* VPNManager::findManager(const std::vector<TunnelConfi
 std::string VPNManager::errorMessage(const Error& error) { return tunnelErrorMessage(error); }
 
 void VPNManager::checkConfigurationExists(std::move_only_function<void(bool)> completion) {
-  tunnels_.loadAllFromPreferences([weak = weakFactory_.weak(), completion = std::move(completion)](auto loaded) mutable {
-    auto self = weak.lock();
-    if (!self) return;
-    if (!loaded) {
-      self->log_.format("[VPNManager] Ошибка проверки конфигурации: {}", loaded.error().description());
-      completion(self->isConfigured_.get());
-      return;
-    }
-    const TunnelConfiguration* found = nullptr;
-    for (const auto& m : *loaded) {
-      if (isNamed(m, kConfigurationName)) {
-        found = &m;
-        break;
-      }
-    }
-    const bool exists = found != nullptr;
-    self->log_.format("[VPNManager] ЖЕЛЕЗНАЯ ПРОВЕРКА: конфигурация {}", exists ? "СУЩЕСТВУЕТ" : "ОТСУТСТВУЕТ");
-    if (self->isConfigured_.get() != exists) {
-      self->log_.format("[VPNManager] Обнаружено несоответствие кэша! Было: {}, стало: {}",
-                        self->isConfigured_.get(), exists);
-    }
-    if (found) self->tunnelManager_ = *found;
-    self->isConfigured_.set(exists);
-    completion(exists);
-  });
+  tunnels_.loadAllFromPreferences(
+      [weak = weakFactory_.weak(), completion = std::move(completion)](auto loaded) mutable {
+        auto self = weak.lock();
+        if (!self) return;
+        if (!loaded) {
+          self->log_.format("[VPNManager] Ошибка проверки конфигурации: {}", loaded.error().description());
+          completion(self->isConfigured_.get());
+          return;
+        }
+        const TunnelConfiguration* found = nullptr;
+        for (const auto& m : *loaded) {
+          if (isNamed(m, kConfigurationName)) {
+            found = &m;
+            break;
+          }
+        }
+        const bool exists = found != nullptr;
+        self->log_.format("[VPNManager] ЖЕЛЕЗНАЯ ПРОВЕРКА: конфигурация {}", exists ? "СУЩЕСТВУЕТ" : "ОТСУТСТВУЕТ");
+        if (self->isConfigured_.get() != exists) {
+          self->log_.format("[VPNManager] Обнаружено несоответствие кэша! Было: {}, стало: {}",
+                            self->isConfigured_.get(), exists);
+        }
+        if (found) self->tunnelManager_ = *found;
+        self->isConfigured_.set(exists);
+        completion(exists);
+      });
 }
 
 bool VPNManager::softDeleteGateHolds(const TunnelConfiguration& configuration) const {
@@ -135,8 +136,8 @@ void VPNManager::installKey(std::string keyText, Done completion) {
   run->completion = std::move(completion);
   if (softDeleteWatched()) {
     // The first installs after a soft removal are counted; enough failures replace the configuration.
-    run->completion = [weak = weakFactory_.weak(), keyText = run->keyText, done = std::move(run->completion)](
-                          std::expected<void, Error> result) mutable {
+    run->completion = [weak = weakFactory_.weak(), keyText = run->keyText,
+                       done = std::move(run->completion)](std::expected<void, Error> result) mutable {
       if (auto self = weak.lock()) self->noteInstallResult(std::move(result), std::move(keyText), std::move(done));
     };
   }

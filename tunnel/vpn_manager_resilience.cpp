@@ -11,8 +11,7 @@ namespace norvik {
 namespace {
 
 bool isLive(TunnelStatus status) {
-  return status == TunnelStatus::connecting || status == TunnelStatus::connected ||
-         status == TunnelStatus::reasserting;
+  return status == TunnelStatus::connecting || status == TunnelStatus::connected || status == TunnelStatus::reasserting;
 }
 
 bool isStale(const Error& error) {
@@ -64,8 +63,10 @@ void VPNManager::forgetConfiguration(const std::string& identifier) {
 
 void VPNManager::softRemove(std::string intent, SoftRemoveDone completion) {
   if (softRemoveInFlight_) {
-    log_.format("[VPNManager] [keySoftDelete] soft remove already in flight ({}) — дубль отклонён", *softRemoveInFlight_);
-    if (completion) loop_.post([completion = std::move(completion)]() mutable { completion(SoftRemoveOutcome::refused); });
+    log_.format("[VPNManager] [keySoftDelete] soft remove already in flight ({}) — дубль отклонён",
+                *softRemoveInFlight_);
+    if (completion)
+      loop_.post([completion = std::move(completion)]() mutable { completion(SoftRemoveOutcome::refused); });
     return;
   }
   log_.format("[VPNManager] [keySoftDelete] soft remove (intent: {})", intent);
@@ -155,29 +156,30 @@ void VPNManager::finishSoftRemove(const std::shared_ptr<SoftRemoveRun>& run, Sof
 
 void VPNManager::removeConfiguration(Done completion) {
   resetRepairToken();
-  tunnels_.loadAllFromPreferences([weak = weakFactory_.weak(), completion = std::move(completion)](auto loaded) mutable {
-    auto self = weak.lock();
-    if (!self) return;
-    if (!loaded) {
-      self->log_.format("Error loading preferences: {}", loaded.error().description());
-      return completion(std::unexpected(loaded.error()));
-    }
-    const TunnelConfiguration* found = findManager(*loaded);
-    if (!found) return completion({});  // nothing to remove: the key is gone either way
-    const std::string identifier = found->identifier;
-    self->recordApplicationStop();
-    self->tunnels_.removeFromPreferences(identifier, [weak, identifier, completion = std::move(completion)](
-                                                         auto removed) mutable {
-      auto self = weak.lock();
-      if (!self) return;
-      if (!removed) {
-        self->log_.format("[VPNManager] удаление конфигурации не удалось: {}", removed.error().description());
-        return completion(std::unexpected(removed.error()));
-      }
-      self->forgetConfiguration(identifier);
-      completion({});
-    });
-  });
+  tunnels_.loadAllFromPreferences(
+      [weak = weakFactory_.weak(), completion = std::move(completion)](auto loaded) mutable {
+        auto self = weak.lock();
+        if (!self) return;
+        if (!loaded) {
+          self->log_.format("Error loading preferences: {}", loaded.error().description());
+          return completion(std::unexpected(loaded.error()));
+        }
+        const TunnelConfiguration* found = findManager(*loaded);
+        if (!found) return completion({});  // nothing to remove: the key is gone either way
+        const std::string identifier = found->identifier;
+        self->recordApplicationStop();
+        self->tunnels_.removeFromPreferences(
+            identifier, [weak, identifier, completion = std::move(completion)](auto removed) mutable {
+              auto self = weak.lock();
+              if (!self) return;
+              if (!removed) {
+                self->log_.format("[VPNManager] удаление конфигурации не удалось: {}", removed.error().description());
+                return completion(std::unexpected(removed.error()));
+              }
+              self->forgetConfiguration(identifier);
+              completion({});
+            });
+      });
 }
 
 void VPNManager::normalizeLeftoverMarker(const TunnelConfiguration& configuration) {
@@ -189,7 +191,8 @@ void VPNManager::normalizeLeftoverMarker(const TunnelConfiguration& configuratio
     if (!self) return;
     self->gateOffNormalizeInFlight_ = false;
     if (!removed) {
-      self->log_.format("[VPNManager] [keySoftDelete] нормализация маркера не удалась: {}", removed.error().description());
+      self->log_.format("[VPNManager] [keySoftDelete] нормализация маркера не удалась: {}",
+                        removed.error().description());
       return;
     }
     // The kept configuration is gone, and with it the consent the watch was about.
@@ -230,8 +233,7 @@ void VPNManager::noteInstallResult(std::expected<void, Error> result, std::strin
   escalate(fails, std::move(result), std::move(keyText), std::move(completion));
 }
 
-void VPNManager::escalate(std::int64_t fails, std::expected<void, Error> result, std::string keyText,
-                          Done completion) {
+void VPNManager::escalate(std::int64_t fails, std::expected<void, Error> result, std::string keyText, Done completion) {
   log_.format("[VPNManager] [keySoftDelete] {} провалов подряд → полное удаление + чистая установка", fails);
   auto pending = std::make_shared<std::pair<std::string, Done>>(std::move(keyText), std::move(completion));
   auto original = std::make_shared<std::expected<void, Error>>(std::move(result));
@@ -261,7 +263,8 @@ void VPNManager::escalate(std::int64_t fails, std::expected<void, Error> result,
       auto self = weak.lock();
       if (!self) return;
       if (!removed) {
-        self->log_.format("[VPNManager] [keySoftDelete] эскалация: удаление не удалось: {}", removed.error().description());
+        self->log_.format("[VPNManager] [keySoftDelete] эскалация: удаление не удалось: {}",
+                          removed.error().description());
         return pending->second(std::move(*original));
       }
       self->forgetConfiguration(identifier);
@@ -323,7 +326,8 @@ void VPNManager::scheduleReconnectCheck() {
 
 // --- Silent restart ---
 
-void VPNManager::silentTunnelRestart(std::int64_t delayMs, std::int64_t connectTimeoutMs, SilentRestartDone completion) {
+void VPNManager::silentTunnelRestart(std::int64_t delayMs, std::int64_t connectTimeoutMs,
+                                     SilentRestartDone completion) {
   silentTunnelRestart(repairToken_, delayMs, connectTimeoutMs, std::move(completion));
 }
 
@@ -341,7 +345,8 @@ void VPNManager::silentTunnelRestart(RepairToken token, std::int64_t delayMs, st
                                      SilentRestartDone completion) {
   log_.format("[VPNManager] [SmartStatus] silentTunnelRestart: start delay={}ms connectTimeout={}ms", delayMs,
               connectTimeoutMs);
-  std::optional<std::string> blocked = silentRestart_ ? std::optional<std::string>("починка уже идёт") : restartBlockedBy(token);
+  std::optional<std::string> blocked =
+      silentRestart_ ? std::optional<std::string>("починка уже идёт") : restartBlockedBy(token);
   if (blocked) {
     // Nothing was touched: no status to publish, and a restart that runs keeps running.
     log_.format("[VPNManager] [SmartStatus] silentTunnelRestart: {}: {}", kStepPrecondition, *blocked);
@@ -369,7 +374,8 @@ void VPNManager::silentTunnelRestart(RepairToken token, std::int64_t delayMs, st
         return finishRestart(kStepDisconnect,
                              fmt::format("не дождались .disconnected за {}ms", kRestartDisconnectLimit.count()));
       }
-      silentRestart_->timer.start(loop_, std::chrono::milliseconds(silentRestart_->delayMs), [this] { restartConnectStep(); });
+      silentRestart_->timer.start(loop_, std::chrono::milliseconds(silentRestart_->delayMs),
+                                  [this] { restartConnectStep(); });
     });
   });
 }
@@ -382,7 +388,8 @@ void VPNManager::restartConnectStep() {
     auto self = weak.lock();
     if (!self || !self->silentRestart_) return;
     if (!started) {
-      self->log_.format("[VPNManager] [SmartStatus] подъём туннеля в починке не удался: {}", started.error().description());
+      self->log_.format("[VPNManager] [SmartStatus] подъём туннеля в починке не удался: {}",
+                        started.error().description());
       return self->finishRestart(kStepConnect, started.error().description());
     }
     self->pollRestart(TunnelStatus::connected, deadline, [self](bool up) {

@@ -72,8 +72,8 @@ class VPNManagerResilienceTest : public ::testing::Test {
   testing::MemoryDefaults standard_;
   testing::FakeNamedNotifications notifications_{loop_};
   SimulatedTunnelService service_{loop_, clock_, log_, &notifications_, {}};
-  std::unique_ptr<VPNManager> manager_ = std::make_unique<VPNManager>(VPNManager::Dependencies{
-      loop_, service_, notifications_, group_, standard_, clock_, log_, analytics_, {}});
+  std::unique_ptr<VPNManager> manager_ = std::make_unique<VPNManager>(
+      VPNManager::Dependencies{loop_, service_, notifications_, group_, standard_, clock_, log_, analytics_, {}});
   EventLoop::Duration took{};
 };
 

@@ -22,9 +22,8 @@ class VPNManagerTest : public ::testing::Test {
   VPNManagerTest() { manager_->start(); }
 
   std::unique_ptr<VPNManager> makeManager() {
-    return std::make_unique<VPNManager>(VPNManager::Dependencies{
-        loop_, service_, notifications_, group_, standard_, clock_, log_, analytics_,
-        [this] { return extras_; }});
+    return std::make_unique<VPNManager>(VPNManager::Dependencies{loop_, service_, notifications_, group_, standard_,
+                                                                 clock_, log_, analytics_, [this] { return extras_; }});
   }
 
   std::expected<void, Error> install(std::string key = kManagerKey) {
@@ -99,7 +98,8 @@ TEST_F(VPNManagerTest, AKeyWithoutEndpointInstallsWithoutServerAddress) {
 TEST_F(VPNManagerTest, AnExtraNamedLikeTheKeyTextReplacesIt) {
   extras_["wgQuickConfig"] = "from the snapshot";
   ASSERT_TRUE(install().has_value());
-  EXPECT_EQ(stored().protocolConfiguration->providerConfiguration.at("wgQuickConfig"), PropertyValue("from the snapshot"));
+  EXPECT_EQ(stored().protocolConfiguration->providerConfiguration.at("wgQuickConfig"),
+            PropertyValue("from the snapshot"));
 }
 
 TEST_F(VPNManagerTest, ReinstallingStopsTheRunningTunnelAsTheApplicationAndKeepsTheConfiguration) {

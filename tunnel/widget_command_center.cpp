@@ -223,9 +223,12 @@ void WidgetCommandCenter::handleCommandFile() {
   }
   log_.format("[Widget] команда {} принята ({:.2f} с)", command->id, ageSeconds);
   switch (command->kind) {
-    case WidgetCommand::Kind::toggle: return toggle();
-    case WidgetCommand::Kind::changeServer: return changeServerAction();
-    default: return;
+    case WidgetCommand::Kind::toggle:
+      return toggle();
+    case WidgetCommand::Kind::changeServer:
+      return changeServerAction();
+    default:
+      return;
   }
 }
 

@@ -25,8 +25,12 @@ class LateDateTunnelService final : public TunnelService {
   bool knowsConnectedDate = true;
 
   void loadAllFromPreferences(ConfigurationsCompletion c) override { in_.loadAllFromPreferences(std::move(c)); }
-  void saveToPreferences(TunnelConfiguration t, ConfigurationCompletion c) override { in_.saveToPreferences(t, std::move(c)); }
-  void loadFromPreferences(std::string i, ConfigurationCompletion c) override { in_.loadFromPreferences(i, std::move(c)); }
+  void saveToPreferences(TunnelConfiguration t, ConfigurationCompletion c) override {
+    in_.saveToPreferences(t, std::move(c));
+  }
+  void loadFromPreferences(std::string i, ConfigurationCompletion c) override {
+    in_.loadFromPreferences(i, std::move(c));
+  }
   void removeFromPreferences(std::string i, DoneCompletion c) override { in_.removeFromPreferences(i, std::move(c)); }
   std::expected<void, Error> startVPNTunnel(const std::string& i, const PropertyDictionary& o) override {
     return in_.startVPNTunnel(i, o);
@@ -64,10 +68,9 @@ class WidgetCommandCenterTest : public ::testing::Test {
         [this] { actions_.push_back("changeServer"); },
         [this] { actions_.push_back("bringToFront"); },
     };
-    return std::make_unique<WidgetCommandCenter>(WidgetCommandCenter::Dependencies{
-        loop_, clock_, log_, notifications_, vpn_, dates_, dir_ / "group", std::move(actions), [this] {
-          reloads_.push_back(loop_.elapsed());
-        }});
+    return std::make_unique<WidgetCommandCenter>(
+        WidgetCommandCenter::Dependencies{loop_, clock_, log_, notifications_, vpn_, dates_, dir_ / "group",
+                                          std::move(actions), [this] { reloads_.push_back(loop_.elapsed()); }});
   }
 
   // The widget's side: a command file and its notification.
@@ -295,9 +298,10 @@ TEST_F(WidgetCommandCenterTest, ABadCommandFileIsIgnoredAndReportedOnce) {
   center_->start();
   const std::string pad(kWidgetCommandMaxBytes + 10, ' ');
   for (const std::string& content :
-       {std::string(R"({"kind":"toggle","issuedAt":"2026-)"), std::string(R"({"kind":"reboot","issuedAt":"x","id":"a"})"),
-        std::string(R"({"kind":["toggle"],"issuedAt":3,"id":false})"), R"({"kind":"toggle","id":"a","p":")" + pad + "\"}",
-        std::string("\x00\xff\xfe", 3)}) {
+       {std::string(R"({"kind":"toggle","issuedAt":"2026-)"),
+        std::string(R"({"kind":"reboot","issuedAt":"x","id":"a"})"),
+        std::string(R"({"kind":["toggle"],"issuedAt":3,"id":false})"),
+        R"({"kind":"toggle","id":"a","p":")" + pad + "\"}", std::string("\x00\xff\xfe", 3)}) {
     ASSERT_TRUE(writeFileAtomically(center_->commandFile(), content).has_value());
     notifications_.post(WidgetCommandCenter::kCommandNotification);
     loop_.advance(3s);

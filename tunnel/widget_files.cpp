@@ -31,8 +31,12 @@ std::string quote(const nlohmann::json& value) {
 }
 
 std::string_view typeName(const nlohmann::json& value) {
-  return value.is_string() ? "a string" : value.is_number() ? "a number" : value.is_boolean() ? "a Boolean"
-       : value.is_object() ? "an object" : value.is_array() ? "an array" : "null";
+  return value.is_string()    ? "a string"
+         : value.is_number()  ? "a number"
+         : value.is_boolean() ? "a Boolean"
+         : value.is_object()  ? "an object"
+         : value.is_array()   ? "an array"
+                              : "null";
 }
 
 }  // namespace
@@ -45,21 +49,28 @@ bool WidgetVPNState::sameContent(const WidgetVPNState& other) const {
 
 std::string_view toString(WidgetCommand::Kind kind) {
   switch (kind) {
-    case WidgetCommand::Kind::toggle: return "toggle";
-    case WidgetCommand::Kind::changeServer: return "changeServer";
-    default: return "toggle";
+    case WidgetCommand::Kind::toggle:
+      return "toggle";
+    case WidgetCommand::Kind::changeServer:
+      return "changeServer";
+    default:
+      return "toggle";
   }
 }
 
 std::string_view widgetPhase(TunnelStatus status) {
   switch (status) {
-    case TunnelStatus::connected: return "connected";
+    case TunnelStatus::connected:
+      return "connected";
     case TunnelStatus::connecting:
-    case TunnelStatus::reasserting: return "connecting";
-    case TunnelStatus::disconnecting: return "disconnecting";
+    case TunnelStatus::reasserting:
+      return "connecting";
+    case TunnelStatus::disconnecting:
+      return "disconnecting";
     case TunnelStatus::invalid:
     case TunnelStatus::disconnected:
-    default: return "disconnected";
+    default:
+      return "disconnected";
   }
 }
 

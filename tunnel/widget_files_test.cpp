@@ -1,7 +1,7 @@
 #include "tunnel/widget_files.h"
 
-#include <gtest/gtest.h>
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 namespace norvik {
@@ -37,8 +37,8 @@ TEST(WidgetFiles, TheStateKeepsItsFieldOrderAndLeavesOutWhatIsAbsent) {
 
   const std::string full = encodeWidgetState(state);
   EXPECT_EQ(keysOf(full), (std::vector<std::string>{"phase", "connectedSince", "statusText", "canChangeServer",
-                                                    "canToggle", "updatedAt", "healthRaw", "appRunning",
-                                                    "trafficDown", "trafficUp", "tunnelAddress"}));
+                                                    "canToggle", "updatedAt", "healthRaw", "appRunning", "trafficDown",
+                                                    "trafficUp", "tunnelAddress"}));
   const auto json = nlohmann::json::parse(full);
   EXPECT_EQ(json["connectedSince"], "2026-11-22T10:15:30.123Z");
   EXPECT_EQ(json["updatedAt"], "2026-11-22T10:16:00.000Z");
@@ -72,9 +72,10 @@ TEST(WidgetFiles, DatesAreWrittenInUtcWithMillisecondsAndReadInTheCommonVariants
   EXPECT_EQ(parseWidgetDate("2026-11-22T05:45:30.123-04:30"), moment);
   EXPECT_EQ(parseWidgetDate("2024-02-29T00:00:00Z"), at(2024, 2, 29, 0, 0, 0));
 
-  for (const char* bad : {"", "2026-11-22", "2026-11-22T10:15:30", "2026-11-22 10:15:30Z", "2026-11-22T10:15:30.Z",
-                          "2026-02-30T00:00:00Z", "2026-11-22T24:00:00Z", "2026-11-22T10:15:60Z", "9999-01-01T00:00:00Z",
-                          "2026-11-22T10:15:30+0300", "2026-11-22T10:15:30.123Zjunk", "２０２６-11-22T10:15:30Z"}) {
+  for (const char* bad :
+       {"", "2026-11-22", "2026-11-22T10:15:30", "2026-11-22 10:15:30Z", "2026-11-22T10:15:30.Z",
+        "2026-02-30T00:00:00Z", "2026-11-22T24:00:00Z", "2026-11-22T10:15:60Z", "9999-01-01T00:00:00Z",
+        "2026-11-22T10:15:30+0300", "2026-11-22T10:15:30.123Zjunk", "２０２６-11-22T10:15:30Z"}) {
     EXPECT_FALSE(parseWidgetDate(bad).has_value()) << bad;
   }
 }
@@ -112,8 +113,8 @@ TEST(WidgetFiles, AnythingElseIsNoCommandAndTheReasonQuotesTheValue) {
 
   const std::string longId(kWidgetCommandMaxIdBytes + 1, 'a');
   EXPECT_FALSE(decodeWidgetCommand(R"({"kind":"toggle",)" + date + R"(,"id":")" + longId + "\"}").has_value());
-  const std::string huge = R"({"kind":"toggle",)" + date + R"(,"id":"a","pad":")" +
-                           std::string(kWidgetCommandMaxBytes, ' ') + "\"}";
+  const std::string huge =
+      R"({"kind":"toggle",)" + date + R"(,"id":"a","pad":")" + std::string(kWidgetCommandMaxBytes, ' ') + "\"}";
   EXPECT_EQ(decodeWidgetCommand(huge).error(), fmt::format("{} bytes is too large", huge.size()));
   EXPECT_FALSE(decodeWidgetCommand(std::string(100000, '[')).has_value());
 }

@@ -61,15 +61,14 @@ class StdoutReporter final : public SessionReporter {
  public:
   explicit StdoutReporter(AsioEventLoop& loop) : loop_(loop) {}
 
-  void connecting(const std::string& interfaceName) override {
-    emit(Event{Event::Kind::connecting, interfaceName});
-  }
+  void connecting(const std::string& interfaceName) override { emit(Event{Event::Kind::connecting, interfaceName}); }
   void connected(const std::string& interfaceName, std::chrono::system_clock::time_point handshake) override {
     Event event{Event::Kind::connected, interfaceName};
     event.telemetry = TunnelTelemetry{handshake, 0, 0, interfaceName};
     emit(event);
   }
-  void telemetry(std::uint64_t id, const std::expected<DeviceState, Error>& state, const std::string& interfaceName) override {
+  void telemetry(std::uint64_t id, const std::expected<DeviceState, Error>& state,
+                 const std::string& interfaceName) override {
     Event event{Event::Kind::telemetry, interfaceName, id};
     if (state) {
       event.telemetry = TunnelTelemetry{state->lastHandshake(), state->receivedBytes(), state->sentBytes(),
@@ -185,10 +184,16 @@ int runSession(const RunOptions& options) {
       return;
     }
     switch (next->kind) {
-      case protocol::Command::Kind::telemetry: session.requestTelemetry(next->id); break;
-      case protocol::Command::Kind::stop: session.stop(); break;
+      case protocol::Command::Kind::telemetry:
+        session.requestTelemetry(next->id);
+        break;
+      case protocol::Command::Kind::stop:
+        session.stop();
+        break;
       case protocol::Command::Kind::start:
-      default: log.write("[Tunnel] повторная конфигурация не принимается: одна сессия на процесс"); break;
+      default:
+        log.write("[Tunnel] повторная конфигурация не принимается: одна сессия на процесс");
+        break;
     }
   };
   auto drain = [&] {
@@ -242,7 +247,8 @@ int runTunnelHelper(int argc, char** argv) {
                         std::ranges::all_of(prefix, [](char c) { return std::isalnum(static_cast<unsigned char>(c)); });
         return ok ? std::string() : std::string("1 to 12 letters or digits");
       });
-  app.add_option("--wireguard-go", options.wireguardGo, "The userspace WireGuard program")->envname("NORVIK_WIREGUARD_GO");
+  app.add_option("--wireguard-go", options.wireguardGo, "The userspace WireGuard program")
+      ->envname("NORVIK_WIREGUARD_GO");
   app.add_option("--handshake-timeout-ms", options.handshakeTimeoutMs, "Give up when no handshake completes by then")
       ->check(CLI::Range(1000LL, 600000LL));
   auto* probe = app.add_subcommand("probe", "Exit status 0 when a tunnel can be run here");

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <linux/rtnetlink.h>
 #include <chrono>
 #include <fstream>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 
 namespace norvik::tunnel_helper {
@@ -84,7 +84,8 @@ std::expected<void, Error> NetlinkConfigurator::apply(const std::string& interfa
     // into the tunnel; a strict reverse-path filter would drop them unless it honours the mark.
     std::ofstream sysctl("/proc/sys/net/ipv4/conf/all/src_valid_mark");
     if (!(sysctl << "1" << std::flush)) {
-      log_.write("[Tunnel] src_valid_mark не включён: при строгой проверке обратного пути ответы сервера могут теряться");
+      log_.write(
+          "[Tunnel] src_valid_mark не включён: при строгой проверке обратного пути ответы сервера могут теряться");
     }
   }
   for (const RoutingRule& rule : rulesFor(plan)) {

@@ -41,17 +41,19 @@ std::string passCapabilitiesToChildren() {
   Capabilities caps;
   if (!caps.read()) return {};
   std::string passed;
-  for (const auto& [cap, name] : {std::pair{CAP_NET_ADMIN, "cap_net_admin"}, std::pair{CAP_DAC_OVERRIDE, "cap_dac_override"}}) {
+  for (const auto& [cap, name] :
+       {std::pair{CAP_NET_ADMIN, "cap_net_admin"}, std::pair{CAP_DAC_OVERRIDE, "cap_dac_override"}}) {
     if (!caps.permitted(cap)) continue;
     caps.inherit(cap);
     if (!caps.write()) continue;
-    if (::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, cap, 0, 0) == 0) passed += passed.empty() ? name : std::string(",") + name;
+    if (::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, cap, 0, 0) == 0)
+      passed += passed.empty() ? name : std::string(",") + name;
   }
   return passed;
 }
 
 std::expected<void, std::string> probeTunnelPrivilege(const std::filesystem::path& wireguardGo,
-                                                       const std::filesystem::path& socketDirectory) {
+                                                      const std::filesystem::path& socketDirectory) {
   if (!findProgram(wireguardGo)) {
     return std::unexpected(fmt::format("не найдена программа {} (пакет wireguard-go)", wireguardGo.string()));
   }
@@ -65,7 +67,8 @@ std::expected<void, std::string> probeTunnelPrivilege(const std::filesystem::pat
   const int err = errno;
   ::close(fd);
   if (created != 0) {
-    if (err == EPERM) return std::unexpected("нет права создавать сетевые интерфейсы (нужна возможность CAP_NET_ADMIN)");
+    if (err == EPERM)
+      return std::unexpected("нет права создавать сетевые интерфейсы (нужна возможность CAP_NET_ADMIN)");
     return std::unexpected(fmt::format("интерфейс не создаётся: {}", std::strerror(err)));
   }
   std::error_code ec;

@@ -28,9 +28,11 @@ RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPref
     plan.addresses.push_back(address);
   }
   carriesIPv6 = carriesIPv6 && std::ranges::any_of(plan.addresses, [](const IpPrefix& a) { return !a.address.isV4(); });
-  if (!carriesIPv6 && std::ranges::any_of(key.interface.addresses, [](const IpPrefix& a) { return !a.address.isV4(); })) {
-    plan.notes.push_back(settings.disableIPv6 ? "IPv6 выключен бэкендом (iosFixes.disableIPv6)"
-                                              : fmt::format("IPv6 не поднимается: MTU {} меньше {}", plan.mtu, kMinMtuIPv6));
+  if (!carriesIPv6 &&
+      std::ranges::any_of(key.interface.addresses, [](const IpPrefix& a) { return !a.address.isV4(); })) {
+    plan.notes.push_back(settings.disableIPv6
+                             ? "IPv6 выключен бэкендом (iosFixes.disableIPv6)"
+                             : fmt::format("IPv6 не поднимается: MTU {} меньше {}", plan.mtu, kMinMtuIPv6));
   }
 
   std::set<IpPrefix> added;
@@ -58,8 +60,9 @@ RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPref
       if (!settings.geoBypassAllowed) {
         plan.notes.push_back("обход по GeoIP запрещён бэкендом — умный режим ведёт всё через туннель");
       } else {
-        const bool anyIPv6 = added.contains(defaultRoute(AF_INET6)) ||
-                             std::ranges::any_of(plan.routes, [](const PlannedRoute& r) { return !r.prefix.address.isV4(); });
+        const bool anyIPv6 =
+            added.contains(defaultRoute(AF_INET6)) ||
+            std::ranges::any_of(plan.routes, [](const PlannedRoute& r) { return !r.prefix.address.isV4(); });
         for (const IpPrefix& range : geoip) {
           if (!range.address.isV4() && !anyIPv6) continue;
           if (added.insert(range.masked()).second) plan.routes.push_back({range.masked(), true});

@@ -13,7 +13,7 @@ namespace norvik::tunnel_helper {
 // The encrypted traffic of the tunnel itself carries the mark and skips the table, so it keeps
 // leaving through the physical network whatever the table routes into the tunnel.
 namespace routing_constants {
-inline constexpr std::uint32_t kTable = 0x6E76;           // 28278
+inline constexpr std::uint32_t kTable = 0x6E76;  // 28278
 inline constexpr std::uint32_t kFirewallMark = 0x6E76;
 // Before the main table's own rule (32766): the first lets the main table answer for everything but
 // its default route, the second sends the rest of unmarked traffic to the tunnel's table.

@@ -61,10 +61,11 @@ TEST(TunnelSettingsTest, ReadsTheExtrasAndLeavesBadEntriesOutWithANote) {
   EXPECT_EQ(settings.geoipPath, std::filesystem::path("/var/cache/geoip.txt"));
   EXPECT_FALSE(settings.tunMTU.has_value());
   EXPECT_TRUE(settings.disableIPv6);
-  EXPECT_EQ(settings.notes,
-            (Strings{"routing.serviceCIDRs: пропущена строка «not-a-cidr»", "routing.serviceCIDRs: всего пропущено строк: 2",
-                     "routing.watchDomains: пропущен «no_dot»", "routing.watchDomains: пропущен «bad domain.com»",
-                     "iosFixes.tunMTU=20000 вне 576…9000 — не используется"}));
+  EXPECT_EQ(
+      settings.notes,
+      (Strings{"routing.serviceCIDRs: пропущена строка «not-a-cidr»", "routing.serviceCIDRs: всего пропущено строк: 2",
+               "routing.watchDomains: пропущен «no_dot»", "routing.watchDomains: пропущен «bad domain.com»",
+               "iosFixes.tunMTU=20000 вне 576…9000 — не используется"}));
 }
 
 TEST(TunnelSettingsTest, ModeCodesOutsideTheKnownOnesMeanSmart) {
@@ -92,7 +93,8 @@ TEST(TunnelSettingsTest, OnlyAMissingOrBadKeyTextRefusesTheConfiguration) {
 
 TEST(TunnelSettingsTest, TheGeoIPListSkipsWhatWouldSwallowEverything) {
   testing::TempDir dir;
-  ASSERT_TRUE(writeFileAtomically(dir / "geoip.txt", "# ru\n5.8.10.0/24\n5.8.10.7/24\n0.0.0.0/0\n::/0\n2a00::/16\r\nrubbish\n"));
+  ASSERT_TRUE(writeFileAtomically(dir / "geoip.txt",
+                                  "# ru\n5.8.10.0/24\n5.8.10.7/24\n0.0.0.0/0\n::/0\n2a00::/16\r\nrubbish\n"));
   auto ranges = readGeoIPRanges(dir / "geoip.txt");
   ASSERT_TRUE(ranges.has_value());
   ASSERT_EQ(ranges->ranges.size(), 2u);
@@ -104,7 +106,8 @@ TEST(TunnelSettingsTest, TheGeoIPListSkipsWhatWouldSwallowEverything) {
 }
 
 TEST(RoutingPlanTest, FullModeSendsEverythingThroughTheTunnelBesideTheLocalNetwork) {
-  const auto settings = settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32, fd00:66::2/128")}, {"routing.goMode", "2"}});
+  const auto settings =
+      settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32, fd00:66::2/128")}, {"routing.goMode", "2"}});
   const RoutingPlan plan = planRouting(settings, {prefix("5.8.10.0/24")}, {});
   EXPECT_EQ(routesOf(plan, false), (Strings{"0.0.0.0/0", "::/0"}));
   EXPECT_TRUE(routesOf(plan, true).empty()) << "the GeoIP list is for the smart mode only";
@@ -124,8 +127,8 @@ TEST(RoutingPlanTest, FullModeSendsEverythingThroughTheTunnelBesideTheLocalNetwo
 
 TEST(RoutingPlanTest, WithoutIPv6InTheTunnelIPv6IsStillKeptFromLeakingInFullMode) {
   // No IPv6 address in the key at all.
-  auto plan = planRouting(settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32", "0.0.0.0/0")}, {"routing.goMode", "2"}}),
-                          {}, {});
+  auto plan = planRouting(
+      settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32", "0.0.0.0/0")}, {"routing.goMode", "2"}}), {}, {});
   EXPECT_EQ(routesOf(plan, false), (Strings{"0.0.0.0/0", "::/0"}));
   EXPECT_TRUE(plan.ipv6);
 
@@ -170,8 +173,8 @@ TEST(RoutingPlanTest, ServicesModeRoutesOnlyTheServicesAndTheWatchedAddresses) {
   const auto settings = settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32")},
                                          {"routing.goMode", "1"},
                                          {"routing.serviceCIDRs", "8.8.8.0/24\n2001:4860::/32\n"}});
-  const RoutingPlan plan =
-      planRouting(settings, {prefix("5.8.10.0/24")}, {*IpAddress::parse("142.250.74.14"), *IpAddress::parse("8.8.8.8")});
+  const RoutingPlan plan = planRouting(settings, {prefix("5.8.10.0/24")},
+                                       {*IpAddress::parse("142.250.74.14"), *IpAddress::parse("8.8.8.8")});
   // No IPv6 in the tunnel: the IPv6 service stays on the physical network rather than vanish.
   EXPECT_EQ(routesOf(plan, false), (Strings{"8.8.8.0/24", "142.250.74.14/32", "8.8.8.8/32"}));
   EXPECT_TRUE(routesOf(plan, true).empty());
@@ -184,8 +187,8 @@ TEST(RoutingPlanTest, ServicesModeRoutesOnlyTheServicesAndTheWatchedAddresses) {
 }
 
 TEST(RoutingPlanTest, TheKeysOwnMtuWinsOverTheBackendsHint) {
-  const auto settings = settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32", "0.0.0.0/0", "MTU = 1380")},
-                                         {"iosFixes.tunMTU", "1280"}});
+  const auto settings = settingsFor(
+      Json{{"wgQuickConfig", keyText("10.66.1.2/32", "0.0.0.0/0", "MTU = 1380")}, {"iosFixes.tunMTU", "1280"}});
   EXPECT_EQ(planRouting(settings, {}, {}).mtu, 1380);
   EXPECT_EQ(settings.tunMTU, 1280);
 }

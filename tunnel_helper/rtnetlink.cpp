@@ -71,8 +71,8 @@ class MessageBuilder {
 };
 
 // The attributes after a fixed part, by type (the last of each type wins).
-std::map<std::uint16_t, std::pair<const std::uint8_t*, std::size_t>> attributes(const std::vector<std::uint8_t>& message,
-                                                                              std::size_t fixedSize) {
+std::map<std::uint16_t, std::pair<const std::uint8_t*, std::size_t>> attributes(
+    const std::vector<std::uint8_t>& message, std::size_t fixedSize) {
   std::map<std::uint16_t, std::pair<const std::uint8_t*, std::size_t>> out;
   std::size_t offset = NLMSG_HDRLEN + NLMSG_ALIGN(fixedSize);
   while (offset + sizeof(rtattr) <= message.size()) {
@@ -85,8 +85,8 @@ std::map<std::uint16_t, std::pair<const std::uint8_t*, std::size_t>> attributes(
   return out;
 }
 
-std::optional<std::uint32_t> u32Attribute(const std::map<std::uint16_t, std::pair<const std::uint8_t*, std::size_t>>& attrs,
-                                          std::uint16_t type) {
+std::optional<std::uint32_t> u32Attribute(
+    const std::map<std::uint16_t, std::pair<const std::uint8_t*, std::size_t>>& attrs, std::uint16_t type) {
   auto it = attrs.find(type);
   if (it == attrs.end() || it->second.second < sizeof(std::uint32_t)) return std::nullopt;
   std::uint32_t value = 0;
@@ -150,7 +150,8 @@ std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages,
     }
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
-    const ssize_t sent = ::sendto(fd_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
+    const ssize_t sent =
+        ::sendto(fd_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
     if (sent < 0) return std::unexpected(netlinkError(errno, messages[pending.begin()->second].what));
 
     std::optional<Error> firstError;
@@ -168,7 +169,8 @@ std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages,
         const auto* error = reinterpret_cast<const nlmsgerr*>(NLMSG_DATA(header));
         const int err = -error->error;
         const bool missing = err == ENOENT || err == ESRCH || err == ENODEV;
-        if (err != 0 && !(ignoreMissing && missing) && !firstError) firstError = netlinkError(err, messages[it->second].what);
+        if (err != 0 && !(ignoreMissing && missing) && !firstError)
+          firstError = netlinkError(err, messages[it->second].what);
         pending.erase(it);
       }
     }
@@ -253,7 +255,8 @@ std::expected<void, Error> RouteNetlink::addAddress(int index, const IpPrefix& a
   return transact(std::move(messages));
 }
 
-std::expected<void, Error> RouteNetlink::addRoutes(std::uint32_t table, int index, std::span<const PlannedRoute> routes) {
+std::expected<void, Error> RouteNetlink::addRoutes(std::uint32_t table, int index,
+                                                   std::span<const PlannedRoute> routes) {
   std::vector<Message> messages;
   messages.reserve(routes.size());
   for (const PlannedRoute& route : routes) {
@@ -268,7 +271,8 @@ std::expected<void, Error> RouteNetlink::addRoutes(std::uint32_t table, int inde
     builder.fixed(body);
     builder.u32(RTA_TABLE, table);
     if (route.prefix.length > 0) {
-      builder.attribute(RTA_DST, route.prefix.address.bytes.data(), static_cast<std::size_t>(route.prefix.address.byteLength()));
+      builder.attribute(RTA_DST, route.prefix.address.bytes.data(),
+                        static_cast<std::size_t>(route.prefix.address.byteLength()));
     }
     if (!route.bypass) builder.u32(RTA_OIF, static_cast<std::uint32_t>(index));
     messages.push_back({builder.finish(0), fmt::format("route {}{} table {}", route.bypass ? "throw " : "",
@@ -297,7 +301,8 @@ std::expected<std::size_t, Error> RouteNetlink::flushTable(int family, std::uint
     body.rtm_scope = RT_SCOPE_NOWHERE;
     builder.fixed(body);
     builder.u32(RTA_TABLE, table);
-    if (auto dst = attrs.find(RTA_DST); dst != attrs.end()) builder.attribute(RTA_DST, dst->second.first, dst->second.second);
+    if (auto dst = attrs.find(RTA_DST); dst != attrs.end())
+      builder.attribute(RTA_DST, dst->second.first, dst->second.second);
     messages.push_back({builder.finish(0), fmt::format("delete route from table {}", table)});
   }
   const std::size_t count = messages.size();

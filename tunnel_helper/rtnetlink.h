@@ -44,7 +44,8 @@ class RouteNetlink {
   [[nodiscard]] std::expected<void, Error> addAddress(int index, const IpPrefix& address);
   // Routes into `table`: through the link `index`, or "throw" for bypass entries. A route already
   // there for the same prefix is replaced.
-  [[nodiscard]] std::expected<void, Error> addRoutes(std::uint32_t table, int index, std::span<const PlannedRoute> routes);
+  [[nodiscard]] std::expected<void, Error> addRoutes(std::uint32_t table, int index,
+                                                     std::span<const PlannedRoute> routes);
   // Removes every route of `table` in `family`; answers how many there were.
   [[nodiscard]] std::expected<std::size_t, Error> flushTable(int family, std::uint32_t table);
   [[nodiscard]] std::expected<void, Error> addRule(const RoutingRule& rule);

@@ -122,25 +122,26 @@ std::expected<Preparation, Error> prepareSession(const nlohmann::json& configura
   Preparation out;
   out.notes = settings->notes;
   for (const std::string& ignored : settings->key.ignoredKeys) {
-    out.notes.push_back(fmt::format("ключ {} в [Interface] не используется: туннель не запускает скриптов и ведёт "
-                                    "свою таблицу маршрутов",
-                                    ignored));
+    out.notes.push_back(
+        fmt::format("ключ {} в [Interface] не используется: туннель не запускает скриптов и ведёт "
+                    "свою таблицу маршрутов",
+                    ignored));
   }
 
   std::vector<ResolvedEndpoint> endpoints;
   for (const TunnelPeer& peer : settings->key.peers) {
     auto addresses = resolve(peer.endpoint.host);
     if (!addresses || addresses->empty()) {
-      return std::unexpected(makeNEVPNError(
-          NEVPNErrorCode::connectionFailed,
-          fmt::format("строка {}: Endpoint «{}» не разрешается: {}", peer.line, peer.endpoint.toString(),
-                      addresses ? std::string("нет адресов") : addresses.error())));
+      return std::unexpected(
+          makeNEVPNError(NEVPNErrorCode::connectionFailed,
+                         fmt::format("строка {}: Endpoint «{}» не разрешается: {}", peer.line, peer.endpoint.toString(),
+                                     addresses ? std::string("нет адресов") : addresses.error())));
     }
     if (isDocumentationAddress(addresses->front())) {
-      return std::unexpected(makeNEVPNError(
-          NEVPNErrorCode::connectionFailed,
-          fmt::format("строка {}: Endpoint «{}» — адрес из диапазона для документации, сервера там нет", peer.line,
-                      peer.endpoint.toString())));
+      return std::unexpected(
+          makeNEVPNError(NEVPNErrorCode::connectionFailed,
+                         fmt::format("строка {}: Endpoint «{}» — адрес из диапазона для документации, сервера там нет",
+                                     peer.line, peer.endpoint.toString())));
     }
     endpoints.push_back({addresses->front(), peer.endpoint.port});
   }
@@ -150,7 +151,8 @@ std::expected<Preparation, Error> prepareSession(const nlohmann::json& configura
     if (!settings->geoipPath) {
       out.notes.push_back("списка GeoIP нет — умный режим ведёт всё через туннель");
     } else if (auto ranges = readGeoIPRanges(*settings->geoipPath); !ranges) {
-      out.notes.push_back(fmt::format("список GeoIP не прочитан ({}) — умный режим ведёт всё через туннель", ranges.error()));
+      out.notes.push_back(
+          fmt::format("список GeoIP не прочитан ({}) — умный режим ведёт всё через туннель", ranges.error()));
     } else {
       geoip = std::move(ranges->ranges);
       if (ranges->skippedLines > 0) {
@@ -165,7 +167,8 @@ std::expected<Preparation, Error> prepareSession(const nlohmann::json& configura
     auto resolved = resolveAll(settings->watchDomains, resolve, 16, std::chrono::seconds(5));
     watchAddresses = std::move(resolved.addresses);
     if (resolved.failed > 0) {
-      out.notes.push_back(fmt::format("не разрешились домены: {} из {}", resolved.failed, settings->watchDomains.size()));
+      out.notes.push_back(
+          fmt::format("не разрешились домены: {} из {}", resolved.failed, settings->watchDomains.size()));
     }
   }
 

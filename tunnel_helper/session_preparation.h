@@ -43,6 +43,6 @@ struct Preparation {
 // it cannot be read, everything goes through the tunnel and a note says why), the watch domains
 // are resolved for the services mode, and the routing plan and the device configuration are made.
 [[nodiscard]] std::expected<Preparation, Error> prepareSession(const nlohmann::json& configuration,
-                                                              const HostResolver& resolve);
+                                                               const HostResolver& resolve);
 
 }  // namespace norvik::tunnel_helper

@@ -61,7 +61,8 @@ int listenOn(const char* address, const std::string& device) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   const int one = 1;
   ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  if (!device.empty()) ::setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, device.c_str(), static_cast<socklen_t>(device.size()));
+  if (!device.empty())
+    ::setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, device.c_str(), static_cast<socklen_t>(device.size()));
   sockaddr_in local{};
   local.sin_family = AF_INET;
   local.sin_port = htons(kServicePort);
@@ -76,7 +77,8 @@ int listenOn(const char* address, const std::string& device) {
 // Connects from the user's namespace and answers the address the provider's side saw the
 // connection come from ("" when it never arrived).
 std::string arrivesFrom(const std::string& clientNamespace, const char* address, int listener) {
-  const int client = inNamespace(clientNamespace, [] { return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); });
+  const int client =
+      inNamespace(clientNamespace, [] { return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); });
   sockaddr_in remote{};
   remote.sin_family = AF_INET;
   remote.sin_port = htons(kServicePort);
@@ -125,8 +127,12 @@ class TunnelEndToEndTest : public ::testing::Test {
     run({kIp, "-n", client_, "route", "add", "default", "via", "198.18.0.1"});
     // The link-local address comes after duplicate address detection; the routing state compared
     // before and after the tunnel must not change under the test's feet.
-    ASSERT_TRUE(waitFor([&] { return run({kIp, "-6", "-n", client_, "route", "show", "table", "local"}).find("local fe80") !=
-                                     std::string::npos; }, 10s));
+    ASSERT_TRUE(waitFor(
+        [&] {
+          return run({kIp, "-6", "-n", client_, "route", "show", "table", "local"}).find("local fe80") !=
+                 std::string::npos;
+        },
+        10s));
     run({kIp, "-n", server_, "addr", "add", std::string(kServiceAddress) + "/32", "dev", "lo"});
     run({kIp, "-n", server_, "addr", "add", std::string(kGeoAddress) + "/32", "dev", "lo"});
 
@@ -181,7 +187,8 @@ class TunnelEndToEndTest : public ::testing::Test {
     const auto socket = std::filesystem::path("/var/run/wireguard") / (interface + ".sock");
     ASSERT_TRUE(waitFor([&] { return std::filesystem::exists(socket); })) << process->output();
     const std::string privateKey = state()["server_keys"][name].value("private_key", "");
-    auto answer = uapiExchange(socket, fmt::format("set=1\nprivate_key={}\nlisten_port={}\n\n", hexOf(privateKey), port), 2s);
+    auto answer =
+        uapiExchange(socket, fmt::format("set=1\nprivate_key={}\nlisten_port={}\n\n", hexOf(privateKey), port), 2s);
     ASSERT_TRUE(answer && parseUapiSetResponse(*answer)) << name;
     run({kIp, "-n", server_, "addr", "add", address, "dev", interface});
     run({kIp, "-n", server_, "link", "set", interface, "up"});
@@ -198,7 +205,8 @@ class TunnelEndToEndTest : public ::testing::Test {
             auto answer = uapiExchange(
                 std::filesystem::path("/var/run/wireguard") / (interface + ".sock"),
                 fmt::format("set=1\npublic_key={}\npreshared_key={}\nreplace_allowed_ips=true\nallowed_ip={}\n\n",
-                            hexOf(peer["public_key"]), hexOf(peer["preshared_key"]), peer["allowed_ips"].get<std::string>()),
+                            hexOf(peer["public_key"]), hexOf(peer["preshared_key"]),
+                            peer["allowed_ips"].get<std::string>()),
                 2s);
             if (!answer || !parseUapiSetResponse(*answer)) return false;
             address = peer["allowed_ips"].get<std::string>();
@@ -213,9 +221,21 @@ class TunnelEndToEndTest : public ::testing::Test {
   }
 
   std::vector<std::string> norvikArgv(std::vector<std::string> args) const {
-    std::vector<std::string> argv = {kIp, "netns", "exec", client_, NORVIK_CLI_PATH, "--home", (dir_ / "home").string(),
-                                     "--backend", base_ + "/api/", "--ca-file", (dir_ / "ca.pem").string(),
-                                     "--provisioning", (dir_ / "provisioning.json").string(), "--tunnel", "wireguard"};
+    std::vector<std::string> argv = {kIp,
+                                     "netns",
+                                     "exec",
+                                     client_,
+                                     NORVIK_CLI_PATH,
+                                     "--home",
+                                     (dir_ / "home").string(),
+                                     "--backend",
+                                     base_ + "/api/",
+                                     "--ca-file",
+                                     (dir_ / "ca.pem").string(),
+                                     "--provisioning",
+                                     (dir_ / "provisioning.json").string(),
+                                     "--tunnel",
+                                     "wireguard"};
     argv.insert(argv.end(), args.begin(), args.end());
     return argv;
   }
@@ -257,7 +277,8 @@ TEST_F(TunnelEndToEndTest, ConnectCarriesTrafficSmartModeBypassesChangeServerMov
   EXPECT_EQ(arrivesFrom(client_, kServiceAddress, serviceA), "") << "not reachable without the tunnel";
 
   agent_ = std::make_unique<BackgroundProcess>(norvikArgv({"agent"}), dir_ / "agent.log");
-  ASSERT_TRUE(waitFor([&] { return std::filesystem::exists(dir_ / "home" / "run" / "agent.sock"); })) << agent_->output();
+  ASSERT_TRUE(waitFor([&] { return std::filesystem::exists(dir_ / "home" / "run" / "agent.sock"); }))
+      << agent_->output();
   auto status = testing::runProcess(norvikArgv({"status", "--json"}));
   EXPECT_EQ(Json::parse(status.out, nullptr, false).value("tunnelService", ""), "wireguard") << status.out;
 
@@ -277,7 +298,7 @@ TEST_F(TunnelEndToEndTest, ConnectCarriesTrafficSmartModeBypassesChangeServerMov
   EXPECT_EQ(arrivesFrom(client_, kServiceAddress, serviceA), address) << agent_->output();
   EXPECT_NE(agent_->output().find("[Tunnel] режим smart: 2 маршрутов в туннель, 3000 в обход"), std::string::npos);
   EXPECT_EQ(arrivesFrom(client_, kGeoAddress, geo), "198.18.0.2") << "smart mode: the GeoIP range goes direct\n"
-                                                                   << agent_->output();
+                                                                  << agent_->output();
 
   auto changed = norvikWhileAdmitting({"change-server"}, "lab-2", wgB_, &address);
   ASSERT_EQ(changed.exitStatus, 0) << changed.out << agent_->output();

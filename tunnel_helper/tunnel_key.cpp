@@ -55,7 +55,8 @@ std::vector<std::string_view> splitList(std::string_view value) {
   std::size_t start = 0;
   while (start <= value.size()) {
     const auto comma = value.find(',', start);
-    items.push_back(trim(value.substr(start, comma == std::string_view::npos ? std::string_view::npos : comma - start)));
+    items.push_back(
+        trim(value.substr(start, comma == std::string_view::npos ? std::string_view::npos : comma - start)));
     if (comma == std::string_view::npos) break;
     start = comma + 1;
   }
@@ -148,13 +149,16 @@ std::expected<TunnelKey, KeyTextError> Parser::run(std::string_view text) {
   if (auto done = finishPeer(); !done) return std::unexpected(done.error());
   if (!interfaceSeen_) return std::unexpected(KeyTextError{0, "в ключе нет раздела [Interface]"});
   if (!privateKeySeen_) {
-    return std::unexpected(KeyTextError{interfaceLine_, fmt::format("строка {}: в [Interface] нет PrivateKey", interfaceLine_)});
+    return std::unexpected(
+        KeyTextError{interfaceLine_, fmt::format("строка {}: в [Interface] нет PrivateKey", interfaceLine_)});
   }
   if (key_.interface.addresses.empty()) {
-    return std::unexpected(KeyTextError{interfaceLine_, fmt::format("строка {}: в [Interface] нет Address", interfaceLine_)});
+    return std::unexpected(
+        KeyTextError{interfaceLine_, fmt::format("строка {}: в [Interface] нет Address", interfaceLine_)});
   }
   if (key_.peers.empty()) return std::unexpected(KeyTextError{0, "в ключе нет раздела [Peer]"});
-  const bool hasIPv6 = std::ranges::any_of(key_.interface.addresses, [](const IpPrefix& p) { return !p.address.isV4(); });
+  const bool hasIPv6 =
+      std::ranges::any_of(key_.interface.addresses, [](const IpPrefix& p) { return !p.address.isV4(); });
   if (key_.interface.mtu && hasIPv6 && *key_.interface.mtu < kMinMtuIPv6) {
     return std::unexpected(KeyTextError{
         interfaceLine_, fmt::format("строка {}: MTU {} меньше {}, без которых IPv6-адрес интерфейса не работает",
@@ -200,10 +204,13 @@ Parser::Result Parser::line(std::string_view raw) {
   if (name.empty()) return fail("нет имени ключа");
   if (value.empty()) return fail("пустое значение");
   switch (section_) {
-    case Section::interface: return interfaceKey(name, value);
-    case Section::peer: return peerKey(name, value);
+    case Section::interface:
+      return interfaceKey(name, value);
+    case Section::peer:
+      return peerKey(name, value);
     case Section::none:
-    default: return fail("строка вне раздела [Interface] или [Peer]");
+    default:
+      return fail("строка вне раздела [Interface] или [Peer]");
   }
 }
 
@@ -241,7 +248,8 @@ Parser::Result Parser::interfaceKey(const std::string& name, std::string_view va
   if (name == "mtu") {
     if (auto done = once(name); !done) return done;
     auto mtu = parseDecimal(value);
-    if (!mtu || *mtu < kMinMtu || *mtu > kMaxMtu) return fail(fmt::format("MTU должен быть от {} до {}", kMinMtu, kMaxMtu));
+    if (!mtu || *mtu < kMinMtu || *mtu > kMaxMtu)
+      return fail(fmt::format("MTU должен быть от {} до {}", kMinMtu, kMaxMtu));
     iface.mtu = static_cast<int>(*mtu);
     return {};
   }

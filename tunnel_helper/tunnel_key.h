@@ -65,9 +65,9 @@ inline constexpr std::size_t kMaxKeyTextBytes = 64 * 1024;
 inline constexpr std::size_t kMaxPeers = 16;
 inline constexpr std::size_t kMaxAddresses = 16;
 inline constexpr std::size_t kMaxAllowedIPsPerPeer = 1024;
-inline constexpr int kMinMtu = 576;    // the least every IPv4 host must take
+inline constexpr int kMinMtu = 576;  // the least every IPv4 host must take
 inline constexpr int kMinMtuIPv6 = 1280;
-inline constexpr int kMaxMtu = 9000;   // jumbo frames
+inline constexpr int kMaxMtu = 9000;  // jumbo frames
 
 // Reads the key text line by line, as WireGuard's tools do: "[Interface]" and "[Peer]" sections
 // (names and keys in any letter case), `Key = Value` lines, "#" comments. Every value is checked

@@ -13,7 +13,7 @@ constexpr std::string_view kServer2 = "u7OuEZhmqFukk7d0RLNAQa3GlyjAarm0m0wQb4jWO
 constexpr std::string_view kPreshared = "ePy+5bRjPpKIPIq5M/XmEqVmhaIPXFEHBbv4xdFnLgw=";
 
 std::string sampleKeyText(std::string_view interfaceExtra = "", std::string_view peerExtra = "",
-                    std::string_view endpoint = "203.0.113.10:51820") {
+                          std::string_view endpoint = "203.0.113.10:51820") {
   return fmt::format(
       "[Interface]\nPrivateKey = {}\nAddress = 10.66.1.2/32\n{}\n[Peer]\nPublicKey = {}\nAllowedIPs = 0.0.0.0/0\n"
       "Endpoint = {}\n{}\n",
@@ -86,7 +86,8 @@ TEST(TunnelKeyTest, MissingPiecesAreNamedWithTheirSection) {
   EXPECT_EQ(errorOf(fmt::format("[Interface]\nPrivateKey = {}\nAddress = 10.0.0.2/32\n[Peer]\nAllowedIPs = 0.0.0.0/0\n",
                                 kPrivate)),
             "строка 4: в [Peer] нет PublicKey");
-  EXPECT_EQ(errorOf(sampleKeyText().replace(sampleKeyText().find("Endpoint"), 29, "")), "строка 5: в [Peer] нет Endpoint");
+  EXPECT_EQ(errorOf(sampleKeyText().replace(sampleKeyText().find("Endpoint"), 29, "")),
+            "строка 5: в [Peer] нет Endpoint");
 }
 
 TEST(TunnelKeyTest, BadValuesQuoteTheLineButNeverASecret) {
@@ -96,8 +97,8 @@ TEST(TunnelKeyTest, BadValuesQuoteTheLineButNeverASecret) {
   EXPECT_EQ(privateError.find("c2Vjc"), std::string::npos);
 
   // One byte too many, the right length without padding, characters outside Base64.
-  for (std::string_view key : {"jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWuoA", "jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWu!=",
-                               "jBA55xcLAlLrUOQji5V5t0IDhYd"}) {
+  for (std::string_view key : {"jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWuoA",
+                               "jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWu!=", "jBA55xcLAlLrUOQji5V5t0IDhYd"}) {
     const std::string text = sampleKeyText("", fmt::format("PresharedKey = {}", key));
     const std::string error = errorOf(text);
     EXPECT_NE(error.find("«PresharedKey = …»"), std::string::npos) << error;
@@ -116,7 +117,9 @@ TEST(TunnelKeyTest, BadValuesQuoteTheLineButNeverASecret) {
 
 TEST(TunnelKeyTest, AbsurdMtusAreRefusedAndIPv6NeedsItsMinimum) {
   for (std::string_view mtu : {"0", "575", "9001", "-1400", "1e3", "99999999999", "1400.5"}) {
-    EXPECT_NE(errorOf(sampleKeyText(fmt::format("MTU = {}", mtu))).find("MTU должен быть от 576 до 9000"), std::string::npos) << mtu;
+    EXPECT_NE(errorOf(sampleKeyText(fmt::format("MTU = {}", mtu))).find("MTU должен быть от 576 до 9000"),
+              std::string::npos)
+        << mtu;
   }
   EXPECT_TRUE(parseTunnelKey(sampleKeyText("MTU = 576")).has_value());
   EXPECT_TRUE(parseTunnelKey(sampleKeyText("MTU = 9000")).has_value());
@@ -127,15 +130,18 @@ TEST(TunnelKeyTest, AbsurdMtusAreRefusedAndIPv6NeedsItsMinimum) {
 TEST(TunnelKeyTest, StructureMistakesAreRefusedWhereTheyHappen) {
   EXPECT_EQ(errorOf("PrivateKey = x\n"), "строка 1: «PrivateKey = …» — строка вне раздела [Interface] или [Peer]");
   EXPECT_EQ(errorOf("[Interface\n"), "строка 1: «[Interface» — заголовок раздела без «]»");
-  EXPECT_EQ(errorOf("[Wireguard]\n"), "строка 1: «[Wireguard]» — неизвестный раздел (ожидается [Interface] или [Peer])");
+  EXPECT_EQ(errorOf("[Wireguard]\n"),
+            "строка 1: «[Wireguard]» — неизвестный раздел (ожидается [Interface] или [Peer])");
   EXPECT_EQ(errorOf(sampleKeyText("[Interface]")), "строка 4: «[Interface]» — второй раздел [Interface]");
   EXPECT_EQ(errorOf(sampleKeyText("MTU = 1400\nMTU = 1300")), "строка 5: «MTU = 1300» — ключ повторяется");
-  EXPECT_EQ(errorOf(sampleKeyText("Adress = 10.0.0.3/32")), "строка 4: «Adress = 10.0.0.3/32» — неизвестный ключ в разделе [Interface]");
+  EXPECT_EQ(errorOf(sampleKeyText("Adress = 10.0.0.3/32")),
+            "строка 4: «Adress = 10.0.0.3/32» — неизвестный ключ в разделе [Interface]");
   EXPECT_EQ(errorOf(sampleKeyText("Address")), "строка 4: «Address» — ожидается «Ключ = Значение»");
   EXPECT_EQ(errorOf(sampleKeyText("Address =")), "строка 4: «Address =» — пустое значение");
   // The same server twice would make the device drop one of them silently.
-  EXPECT_EQ(errorOf(sampleKeyText("", fmt::format("[Peer]\nPublicKey = {}", kServer))),
-            "строка 10: «PublicKey = v/7M2+2OWnKiY1bBBRCZdonA03KacdWGweHDlBqeHIk=» — этот PublicKey уже есть у другого пира");
+  EXPECT_EQ(
+      errorOf(sampleKeyText("", fmt::format("[Peer]\nPublicKey = {}", kServer))),
+      "строка 10: «PublicKey = v/7M2+2OWnKiY1bBBRCZdonA03KacdWGweHDlBqeHIk=» — этот PublicKey уже есть у другого пира");
   // Control bytes are not copied into a message that ends up on screen and in the log.
   EXPECT_EQ(errorOf("\x1b[31m\n"), "строка 1: «?[31m» — ожидается «Ключ = Значение»");
 }

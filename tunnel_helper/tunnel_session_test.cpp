@@ -155,8 +155,10 @@ TEST_F(TunnelSessionTest, AFailedStepUndoesWhateverWasDoneBeforeIt) {
     const char* message;
   };
   const std::vector<Case> cases = {
-      {"create", [](FakeDevice& d, FakeNetwork&) { d.failCreate = true; }, "не удалось создать интерфейс WireGuard: нет wireguard-go"},
-      {"configure", [](FakeDevice& d, FakeNetwork&) { d.failConfigure = true; }, "устройство WireGuard не приняло настройки: errno=22"},
+      {"create", [](FakeDevice& d, FakeNetwork&) { d.failCreate = true; },
+       "не удалось создать интерфейс WireGuard: нет wireguard-go"},
+      {"configure", [](FakeDevice& d, FakeNetwork&) { d.failConfigure = true; },
+       "устройство WireGuard не приняло настройки: errno=22"},
       {"apply", [](FakeDevice&, FakeNetwork& n) { n.failApply = true; }, "не удалось настроить маршруты: rule exists"},
   };
   for (const Case& c : cases) {
@@ -198,7 +200,8 @@ TEST_F(TunnelSessionTest, TheDeviceDyingEndsTheSessionAndDestroyingItRestoresToo
 // Preparation: all of it happens before the system is touched, so a refusal here changes nothing.
 const std::string kSessionKey =
     "[Interface]\nPrivateKey = jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWuo=\nAddress = 10.66.1.2/32\n[Peer]\n"
-    "PublicKey = v/7M2+2OWnKiY1bBBRCZdonA03KacdWGweHDlBqeHIk=\nAllowedIPs = 0.0.0.0/0\nEndpoint = vpn.example.net:51820\n";
+    "PublicKey = v/7M2+2OWnKiY1bBBRCZdonA03KacdWGweHDlBqeHIk=\nAllowedIPs = 0.0.0.0/0\nEndpoint = "
+    "vpn.example.net:51820\n";
 
 HostResolver resolverFor(std::map<std::string, std::string> table, std::vector<std::string>* asked = nullptr) {
   auto mutex = std::make_shared<std::mutex>();
@@ -235,23 +238,28 @@ TEST(SessionPreparationTest, RefusalsCarryTheirCodeAndNeverTheKey) {
             "строка 4: Endpoint «vpn.example.net:51820» не разрешается: Name or service not known");
 
   // The made-up servers of a development backend: nothing is sent towards them.
-  auto documentation = prepareSession(Json{{"wgQuickConfig", kSessionKey}}, resolverFor({{"vpn.example.net", "203.0.113.10"}}));
+  auto documentation =
+      prepareSession(Json{{"wgQuickConfig", kSessionKey}}, resolverFor({{"vpn.example.net", "203.0.113.10"}}));
   ASSERT_FALSE(documentation.has_value());
   EXPECT_NE(documentation.error().message.find("адрес из диапазона для документации"), std::string::npos);
 }
 
 TEST(SessionPreparationTest, SmartWithoutAListAndServicesWithWatchDomains) {
-  auto smart = prepareSession(Json{{"wgQuickConfig", kSessionKey}, {"geodata.geoip_cache.path", "/nonexistent/geoip.txt"}},
-                              resolverFor({{"vpn.example.net", "10.200.0.1"}}));
+  auto smart =
+      prepareSession(Json{{"wgQuickConfig", kSessionKey}, {"geodata.geoip_cache.path", "/nonexistent/geoip.txt"}},
+                     resolverFor({{"vpn.example.net", "10.200.0.1"}}));
   ASSERT_TRUE(smart.has_value());
   EXPECT_TRUE(std::ranges::none_of(smart->session.plan.routes, [](const PlannedRoute& r) { return r.bypass; }));
-  EXPECT_NE(std::ranges::find(smart->notes, "список GeoIP не прочитан (не открывается /nonexistent/geoip.txt) — умный "
-                                            "режим ведёт всё через туннель"),
+  EXPECT_NE(std::ranges::find(smart->notes,
+                              "список GeoIP не прочитан (не открывается /nonexistent/geoip.txt) — умный "
+                              "режим ведёт всё через туннель"),
             smart->notes.end());
 
   std::vector<std::string> asked;
   auto services = prepareSession(
-      Json{{"wgQuickConfig", kSessionKey}, {"routing.goMode", "1"}, {"routing.watchDomains", "a.example\nb.example\nc.example"}},
+      Json{{"wgQuickConfig", kSessionKey},
+           {"routing.goMode", "1"},
+           {"routing.watchDomains", "a.example\nb.example\nc.example"}},
       resolverFor({{"vpn.example.net", "10.200.0.1"}, {"a.example", "10.5.0.1"}, {"c.example", "10.5.0.3"}}, &asked));
   ASSERT_TRUE(services.has_value());
   std::vector<std::string> routes;

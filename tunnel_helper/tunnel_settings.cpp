@@ -58,19 +58,22 @@ std::vector<std::string_view> lines(std::string_view text) {
 
 bool isDomain(std::string_view name) {
   if (name.empty() || name.size() > 253 || name.find('.') == std::string_view::npos) return false;
-  return std::ranges::all_of(name, [](char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == '_';
-  });
+  return std::ranges::all_of(
+      name, [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == '_'; });
 }
 
 }  // namespace
 
 std::string_view toString(TunnelRoutingMode mode) {
   switch (mode) {
-    case TunnelRoutingMode::smart: return "smart";
-    case TunnelRoutingMode::services: return "services";
-    case TunnelRoutingMode::full: return "full";
-    default: return "smart";
+    case TunnelRoutingMode::smart:
+      return "smart";
+    case TunnelRoutingMode::services:
+      return "services";
+    case TunnelRoutingMode::full:
+      return "full";
+    default:
+      return "smart";
   }
 }
 
@@ -95,7 +98,8 @@ std::expected<TunnelSettings, KeyTextError> readTunnelSettings(const nlohmann::j
     for (std::string_view line : lines(*cidrs)) {
       auto prefix = IpPrefix::parse(line);
       if (!prefix) {
-        if (bad++ == 0) settings.notes.push_back(fmt::format("routing.serviceCIDRs: пропущена строка «{}»", line.substr(0, 64)));
+        if (bad++ == 0)
+          settings.notes.push_back(fmt::format("routing.serviceCIDRs: пропущена строка «{}»", line.substr(0, 64)));
         continue;
       }
       if (settings.serviceCIDRs.size() >= kMaxServiceCIDRs) {

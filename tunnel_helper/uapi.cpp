@@ -78,7 +78,8 @@ Lines split(std::string_view answer) {
 }  // namespace
 
 std::string ResolvedEndpoint::toString() const {
-  return address.isV4() ? fmt::format("{}:{}", address.toString(), port) : fmt::format("[{}]:{}", address.toString(), port);
+  return address.isV4() ? fmt::format("{}:{}", address.toString(), port)
+                        : fmt::format("[{}]:{}", address.toString(), port);
 }
 
 std::string uapiSetRequest(const TunnelKey& key, const std::vector<ResolvedEndpoint>& endpoints,
@@ -133,9 +134,9 @@ std::expected<DeviceState, std::string> parseUapiGetResponse(std::string_view an
   std::int64_t nanoseconds = 0;
   auto closeHandshake = [&] {
     if (!state.peers.empty() && (seconds != 0 || nanoseconds != 0)) {
-      state.peers.back().lastHandshake = std::chrono::system_clock::time_point(
-          std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::seconds(seconds) +
-                                                                          std::chrono::nanoseconds(nanoseconds)));
+      state.peers.back().lastHandshake =
+          std::chrono::system_clock::time_point(std::chrono::duration_cast<std::chrono::system_clock::duration>(
+              std::chrono::seconds(seconds) + std::chrono::nanoseconds(nanoseconds)));
     }
     seconds = 0;
     nanoseconds = 0;
@@ -154,7 +155,9 @@ std::expected<DeviceState, std::string> parseUapiGetResponse(std::string_view an
     }
     if (state.peers.empty()) continue;  // private_key, fwmark: the device's own lines
     PeerState& peer = state.peers.back();
-    auto bad = [&] { return std::unexpected(fmt::format("ответ устройства: {}=«{}» — не число", key, value.substr(0, 32))); };
+    auto bad = [&] {
+      return std::unexpected(fmt::format("ответ устройства: {}=«{}» — не число", key, value.substr(0, 32)));
+    };
     if (key == "rx_bytes") {
       auto n = number<std::uint64_t>(value);
       if (!n) return bad();
@@ -179,7 +182,8 @@ std::expected<void, std::string> parseUapiSetResponse(std::string_view answer) {
   const Lines lines = split(answer);
   if (lines.bad) return std::unexpected(fmt::format("ответ устройства не читается: «{}»", *lines.bad));
   if (!lines.errnoValue) return std::unexpected("ответ устройства оборван (нет errno)");
-  if (*lines.errnoValue != 0) return std::unexpected(fmt::format("устройство отвергло настройки: errno={}", *lines.errnoValue));
+  if (*lines.errnoValue != 0)
+    return std::unexpected(fmt::format("устройство отвергло настройки: errno={}", *lines.errnoValue));
   return {};
 }
 
@@ -202,7 +206,8 @@ std::expected<std::string, Error> uapiExchange(const std::filesystem::path& sock
   }
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   auto waitFor = [&](short events) -> std::expected<void, Error> {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     pollfd p{fd, events, 0};
     const int ready = ::poll(&p, 1, static_cast<int>(std::max<long long>(left.count(), 0)));
     if (ready == 0) return std::unexpected(posixError(ETIMEDOUT, "poll", socketPath));

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "testing/fake_device_socket.h"
 #include "testing/temp_dir.h"
 
@@ -26,8 +25,8 @@ constexpr std::string_view kServerHex = "bffeccdbed8e5a72a26356c10510997689c0d37
 TEST(UapiTest, TheSetRequestCarriesTheWholeConfigurationInHex) {
   auto key = parseTunnelKey(kUapiKey);
   ASSERT_TRUE(key.has_value()) << key.error().message;
-  const std::string request =
-      uapiSetRequest(*key, {{*IpAddress::parse("198.51.100.7"), 51820}, {*IpAddress::parse("2001:db8::7"), 443}}, 0x6E76);
+  const std::string request = uapiSetRequest(
+      *key, {{*IpAddress::parse("198.51.100.7"), 51820}, {*IpAddress::parse("2001:db8::7"), 443}}, 0x6E76);
   EXPECT_EQ(request,
             "set=1\n"
             "private_key=8c1039e7170b0252eb50e4238b9579b7420385877e0ba47193f72aa779ac5aea\n"
@@ -49,24 +48,27 @@ TEST(UapiTest, TheSetRequestCarriesTheWholeConfigurationInHex) {
 }
 
 TEST(UapiTest, TheGetAnswerGivesHandshakeAndBytesOfAllPeers) {
-  const std::string answer = "private_key=8c1039e7170b0252eb50e4238b9579b7420385877e0ba47193f72aa779ac5aea\n"
-                             "listen_port=40211\n"
-                             "fwmark=28278\n"
-                             "public_key=" + std::string(kServerHex) + "\n"
-                             "endpoint=198.51.100.7:51820\n"
-                             "last_handshake_time_sec=1700000000\n"
-                             "last_handshake_time_nsec=500000000\n"
-                             "tx_bytes=1000\n"
-                             "rx_bytes=2000\n"
-                             "persistent_keepalive_interval=25\n"
-                             "allowed_ip=0.0.0.0/0\n"
-                             "public_key=bbb3ae119866a85ba493b77444b34041adc69728c06ab9b49b4c106f88d63be1\n"
-                             "last_handshake_time_sec=0\n"
-                             "last_handshake_time_nsec=0\n"
-                             "tx_bytes=18446744073709551615\n"
-                             "rx_bytes=5\n"
-                             "protocol_version=1\n"
-                             "errno=0\n\n";
+  const std::string answer =
+      "private_key=8c1039e7170b0252eb50e4238b9579b7420385877e0ba47193f72aa779ac5aea\n"
+      "listen_port=40211\n"
+      "fwmark=28278\n"
+      "public_key=" +
+      std::string(kServerHex) +
+      "\n"
+      "endpoint=198.51.100.7:51820\n"
+      "last_handshake_time_sec=1700000000\n"
+      "last_handshake_time_nsec=500000000\n"
+      "tx_bytes=1000\n"
+      "rx_bytes=2000\n"
+      "persistent_keepalive_interval=25\n"
+      "allowed_ip=0.0.0.0/0\n"
+      "public_key=bbb3ae119866a85ba493b77444b34041adc69728c06ab9b49b4c106f88d63be1\n"
+      "last_handshake_time_sec=0\n"
+      "last_handshake_time_nsec=0\n"
+      "tx_bytes=18446744073709551615\n"
+      "rx_bytes=5\n"
+      "protocol_version=1\n"
+      "errno=0\n\n";
   auto state = parseUapiGetResponse(answer);
   ASSERT_TRUE(state.has_value()) << state.error();
   EXPECT_EQ(state->listenPort, 40211);
@@ -92,7 +94,8 @@ TEST(UapiTest, BrokenAnswersAreErrorsThatNeverQuoteKeys) {
             "ответ устройства: rx_bytes=«-3» — не число");
   EXPECT_EQ(parseUapiGetResponse("public_key=zz\nerrno=0\n\n").error(), "ответ устройства: public_key — не ключ");
   // Times that do not fit the clock are refused rather than wrapped.
-  EXPECT_EQ(parseUapiGetResponse("public_key=" + std::string(kServerHex) + "\nlast_handshake_time_sec=22170000000\nerrno=0\n\n")
+  EXPECT_EQ(parseUapiGetResponse("public_key=" + std::string(kServerHex) +
+                                 "\nlast_handshake_time_sec=22170000000\nerrno=0\n\n")
                 .error(),
             "ответ устройства: last_handshake_time_sec=«22170000000» — не число");
   EXPECT_FALSE(parseUapiGetResponse("public_key=" + std::string(kServerHex) +

@@ -80,7 +80,8 @@ WireGuardGoDevice::~WireGuardGoDevice() { destroy(); }
 std::expected<std::string, Error> WireGuardGoDevice::create() {
   if (pid_ > 0) return name_;
   auto program = findProgram(options_.program);
-  if (!program) return std::unexpected(Error{"POSIX", ENOENT, fmt::format("не найдена программа {}", options_.program.string())});
+  if (!program)
+    return std::unexpected(Error{"POSIX", ENOENT, fmt::format("не найдена программа {}", options_.program.string())});
 
   name_.clear();
   for (int i = 0; i < kMaxInterfaceNumber; ++i) {
@@ -91,8 +92,9 @@ std::expected<std::string, Error> WireGuardGoDevice::create() {
     break;
   }
   if (name_.empty()) {
-    return std::unexpected(Error{"POSIX", EEXIST, fmt::format("заняты все имена {}0…{}{}", options_.namePrefix,
-                                                              options_.namePrefix, kMaxInterfaceNumber - 1)});
+    return std::unexpected(Error{
+        "POSIX", EEXIST,
+        fmt::format("заняты все имена {}0…{}{}", options_.namePrefix, options_.namePrefix, kMaxInterfaceNumber - 1)});
   }
 
   // Everything the child needs is prepared before fork: after it, only async-signal-safe calls.
@@ -139,13 +141,15 @@ std::expected<std::string, Error> WireGuardGoDevice::create() {
       // The socket receives the private key: it must be our own process's.
       if (info.st_uid != ::geteuid()) {
         destroy();
-        return std::unexpected(Error{"POSIX", EPERM, fmt::format("сокет {} принадлежит другому пользователю", socket.string())});
+        return std::unexpected(
+            Error{"POSIX", EPERM, fmt::format("сокет {} принадлежит другому пользователю", socket.string())});
       }
       return name_;
     }
     if (std::chrono::steady_clock::now() >= deadline) {
       destroy();
-      return std::unexpected(Error{"POSIX", ETIMEDOUT, fmt::format("{} не открыл сокет {} вовремя", programText, socket.string())});
+      return std::unexpected(
+          Error{"POSIX", ETIMEDOUT, fmt::format("{} не открыл сокет {} вовремя", programText, socket.string())});
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
@@ -154,7 +158,8 @@ std::expected<std::string, Error> WireGuardGoDevice::create() {
 std::expected<void, Error> WireGuardGoDevice::configure(const std::string& setRequest) {
   auto answer = uapiExchange(socketPath(), setRequest, options_.requestTimeout);
   if (!answer) return std::unexpected(answer.error());
-  if (auto accepted = parseUapiSetResponse(*answer); !accepted) return std::unexpected(Error{"UAPI", 0, accepted.error()});
+  if (auto accepted = parseUapiSetResponse(*answer); !accepted)
+    return std::unexpected(Error{"UAPI", 0, accepted.error()});
   return {};
 }
 
@@ -202,7 +207,8 @@ void WireGuardGoDevice::destroy() {
   }
   const auto socket = socketPath();
   struct stat info {};
-  if (::lstat(socket.c_str(), &info) == 0 && S_ISSOCK(info.st_mode) && info.st_uid == ::geteuid() && !socketAnswers(socket)) {
+  if (::lstat(socket.c_str(), &info) == 0 && S_ISSOCK(info.st_mode) && info.st_uid == ::geteuid() &&
+      !socketAnswers(socket)) {
     ::unlink(socket.c_str());
   }
   log_.format("[Tunnel] интерфейс {} удалён", name_);

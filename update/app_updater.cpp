@@ -12,10 +12,12 @@ namespace texts = update_texts;
 
 std::string failureText(AppcastFailureKind kind) {
   switch (kind) {
-    case AppcastFailureKind::noConnection: return std::string(texts::kNoConnection);
+    case AppcastFailureKind::noConnection:
+      return std::string(texts::kNoConnection);
     case AppcastFailureKind::server:
     case AppcastFailureKind::malformed:
-    default: return std::string(texts::kServerUnavailable);
+    default:
+      return std::string(texts::kServerUnavailable);
   }
 }
 
@@ -65,7 +67,8 @@ void AppUpdater::start() {
     updateCanCheck();
     return;
   }
-  log_.format("[Update] Sparkle запущен, интервал {}с, канал beta: {}", config_.checkInterval.count(), config_.betaChannel);
+  log_.format("[Update] Sparkle запущен, интервал {}с, канал beta: {}", config_.checkInterval.count(),
+              config_.betaChannel);
   firstCheck_.start(loop_, config_.firstCheckDelay, [weak = weakFactory_.weak()] {
     if (auto self = weak.lock()) self->checkInBackground();
   });
@@ -259,12 +262,18 @@ void AppUpdater::onInstallProgress(const InstallProgress& progress) {
   switch (progress.step) {
     case InstallStep::downloading:
       return state_.set({AppUpdateState::Downloading{version, progress.download.received, progress.download.total}});
-    case InstallStep::mounting: return state_.set({AppUpdateState::Extracting{version, 0.0}});
-    case InstallStep::verifying: return state_.set({AppUpdateState::Extracting{version, 0.4}});
-    case InstallStep::staging: return state_.set({AppUpdateState::Extracting{version, 0.7}});
-    case InstallStep::replacing: return state_.set({AppUpdateState::Installing{}});
-    case InstallStep::relaunching: return state_.set({AppUpdateState::ReadyToInstall{version}});
-    default: return;
+    case InstallStep::mounting:
+      return state_.set({AppUpdateState::Extracting{version, 0.0}});
+    case InstallStep::verifying:
+      return state_.set({AppUpdateState::Extracting{version, 0.4}});
+    case InstallStep::staging:
+      return state_.set({AppUpdateState::Extracting{version, 0.7}});
+    case InstallStep::replacing:
+      return state_.set({AppUpdateState::Installing{}});
+    case InstallStep::relaunching:
+      return state_.set({AppUpdateState::ReadyToInstall{version}});
+    default:
+      return;
   }
 }
 

@@ -62,9 +62,13 @@ struct AppUpdateState {
   std::variant<Idle, Checking, UpToDate, Available, Downloading, Extracting, ReadyToInstall, Installing, Failed> value;
 
   template <class T>
-  [[nodiscard]] bool is() const { return std::holds_alternative<T>(value); }
+  [[nodiscard]] bool is() const {
+    return std::holds_alternative<T>(value);
+  }
   template <class T>
-  [[nodiscard]] const T* as() const { return std::get_if<T>(&value); }
+  [[nodiscard]] const T* as() const {
+    return std::get_if<T>(&value);
+  }
   bool operator==(const AppUpdateState&) const = default;
 };
 
@@ -95,7 +99,7 @@ struct AppUpdaterConfig {
 class AppUpdater {
  public:
   struct Hooks {
-    std::function<void()> quitApplication;      // after a successful install; the relaunch is under way
+    std::function<void()> quitApplication;  // after a successful install; the relaunch is under way
     std::function<void()> onAvailableDismissed;
   };
 

@@ -54,15 +54,18 @@ class AppUpdaterTest : public ::testing::Test {
   static std::string feed(const std::string& signature) {
     return R"(<rss xmlns:sparkle="http://www.andymatuschak.org/xml-namespaces/sparkle"><channel><item>
       <title>Norvik 2.0</title><sparkle:version>2000</sparkle:version><sparkle:shortVersionString>2.0</sparkle:shortVersionString>
-      <sparkle:releaseNotesLink>)" + std::string(kNotesURL) + R"(</sparkle:releaseNotesLink>
-      <enclosure url=")" + std::string(kImageURL) + "\" length=\"" + std::to_string(kImage.size()) +
-           "\" sparkle:edSignature=\"" + signature + R"("/></item></channel></rss>)";
+      <sparkle:releaseNotesLink>)" +
+           std::string(kNotesURL) + R"(</sparkle:releaseNotesLink>
+      <enclosure url=")" +
+           std::string(kImageURL) + "\" length=\"" + std::to_string(kImage.size()) + "\" sparkle:edSignature=\"" +
+           signature + R"("/></item></channel></rss>)";
   }
 
   AppUpdater& updater() {
     if (!updater_) {
-      updater_ = std::make_unique<AppUpdater>(loop_, http_, std::make_unique<FeedAppcastUpdater>(http_), installer_, log_,
-                                              config_, AppUpdater::Hooks{[this] { ++quits_; }, [this] { ++dismissed_; }});
+      updater_ =
+          std::make_unique<AppUpdater>(loop_, http_, std::make_unique<FeedAppcastUpdater>(http_), installer_, log_,
+                                       config_, AppUpdater::Hooks{[this] { ++quits_; }, [this] { ++dismissed_; }});
       states_ = updater_->state().subscribe([this](const AppUpdateState& s) { states_seen_.push_back(s); });
     }
     return *updater_;
@@ -116,7 +119,8 @@ TEST_F(AppUpdaterTest, StartsAndLooksAtTheFeedOnItsInterval) {
 TEST_F(AppUpdaterTest, AStartFailureLeavesTheUpdaterOff) {
   config_.feedURL = "http://updates.example.test/mac/appcast.xml";
   updater().start();
-  EXPECT_TRUE(log_.hasLine("[Update] Sparkle не стартовал: адрес фида \"http://updates.example.test/mac/appcast.xml\" не https"));
+  EXPECT_TRUE(log_.hasLine(
+      "[Update] Sparkle не стартовал: адрес фида \"http://updates.example.test/mac/appcast.xml\" не https"));
   EXPECT_FALSE(updater().canCheck().get());
   EXPECT_EQ(checkNow(), (S{S::Failed{"Не удалось обновить"}}));
   loop_.advance(5h);
@@ -129,7 +133,8 @@ TEST_F(AppUpdaterTest, AFailedMainFeedFallsBackToTheMirror) {
   updater().start();
   ASSERT_TRUE(checkNow().is<S::Available>());
   EXPECT_TRUE(log_.hasLine("[Update] фид: зеркало"));
-  EXPECT_EQ(requestedURLs(), (std::vector<std::string>{std::string(kFeedURL), std::string(kMirrorURL), std::string(kNotesURL)}));
+  EXPECT_EQ(requestedURLs(),
+            (std::vector<std::string>{std::string(kFeedURL), std::string(kMirrorURL), std::string(kNotesURL)}));
 
   // The main feed is tried first again next time.
   answers_[std::string(kFeedURL)] = answers_[std::string(kMirrorURL)];
@@ -254,9 +259,8 @@ TEST_F(AppUpdaterTest, AMandatoryUpdateWithoutADiskImageInstallsTheFeedRelease) 
   updater().start();
   updater().installMandatoryUpdate({std::nullopt, "", "https://norvik.app/dl"});
   ASSERT_TRUE(loop_.runUntil([&] { return quits_ == 1; }));
-  EXPECT_TRUE(std::ranges::any_of(states_seen_, [](const S& s) {
-    return s.as<S::Available>() && !s.as<S::Available>()->dismissible;
-  }));
+  EXPECT_TRUE(std::ranges::any_of(
+      states_seen_, [](const S& s) { return s.as<S::Available>() && !s.as<S::Available>()->dismissible; }));
   EXPECT_EQ(downloader_.requests().at(0).url, kImageURL);
 
   // Without a newer release in the feed, the page is the way.

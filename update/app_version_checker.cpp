@@ -48,8 +48,9 @@ AppVersionChecker::AppVersionChecker(EventLoop& loop, NetworkService& network, D
 
 std::string AppVersionChecker::releaseHash(const UpdateInfo& info) {
   // Unit separators keep ("ab", "c") and ("a", "bc") apart.
-  const std::string content = fmt::format("{}\x1f{}\x1f{}\x1f{}", info.updateTitle.value_or(""), info.updateMessage.value_or(""),
-                                          info.updateLink.value_or(""), info.msiURL.value_or(""));
+  const std::string content =
+      fmt::format("{}\x1f{}\x1f{}\x1f{}", info.updateTitle.value_or(""), info.updateMessage.value_or(""),
+                  info.updateLink.value_or(""), info.msiURL.value_or(""));
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   if (EVP_Digest(content.data(), content.size(), digest, &length, EVP_sha256(), nullptr) != 1 || length < 8) return {};
@@ -191,11 +192,13 @@ void AppVersionChecker::dismiss() {
       }
       break;
     case UpdatePromptKind::softScreen:
-      if (auto hours = startCooldown(kSoftScreenCooldownKey)) log_.format("[Version] Soft_screen cooldown started ({}h)", *hours);
+      if (auto hours = startCooldown(kSoftScreenCooldownKey))
+        log_.format("[Version] Soft_screen cooldown started ({}h)", *hours);
       analytics_.record("later soft_screen");
       break;
     case UpdatePromptKind::ordinary:
-      if (auto hours = startCooldown(kNormalCooldownKey)) log_.format("[Version] Normal update cooldown started ({}h)", *hours);
+      if (auto hours = startCooldown(kNormalCooldownKey))
+        log_.format("[Version] Normal update cooldown started ({}h)", *hours);
       break;
     case UpdatePromptKind::none:
     default:

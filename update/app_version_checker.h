@@ -60,7 +60,7 @@ class AppVersionChecker {
   static constexpr std::chrono::seconds kRetryDelay{3};
   static constexpr double kDefaultCooldownSeconds = 172800;  // 2 days
   static constexpr double kOneTimeCooldownSeconds = 172800;
-  static constexpr double kMaxCooldownHours = 24 * 365;      // a bigger value is clamped to a year
+  static constexpr double kMaxCooldownHours = 24 * 365;  // a bigger value is clamped to a year
 
   // Standard-defaults keys.
   static constexpr std::string_view kOntimeUpdateLastShownKey = "ontimeUpdateLastShown";

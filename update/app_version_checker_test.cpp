@@ -35,7 +35,8 @@ class AppVersionCheckerTest : public ::testing::Test, protected testing::Backend
   }
   std::size_t sends() const { return transport_.sent().size(); }
 
-  nlohmann::json update_ = {{"update_type", "soft_screen"}, {"update_title", "Новая версия"}, {"update_link", "https://norvik.app/dl"}};
+  nlohmann::json update_ = {
+      {"update_type", "soft_screen"}, {"update_title", "Новая версия"}, {"update_link", "https://norvik.app/dl"}};
   int failing_ = 0;
   FakeHttpTransport transport_{loop};
   NetworkService network_{loop, transport_, security, defaults, clock, log};
@@ -179,7 +180,8 @@ TEST_F(AppVersionCheckerTest, AForcedUpdateInstallsInTheAppAndCannotBePutOff) {
   checker_.pressMainButton();
   ASSERT_EQ(installs_.size(), 1u);
   EXPECT_EQ(installs_[0], (MandatoryUpdate{"https://dl.norvik.app/Norvik-2.0.dmg", "", "https://norvik.app/dl"}));
-  EXPECT_TRUE(log.hasLine("[Version] кнопка обновления → обязательное (Sparkle, msi: https://dl.norvik.app/Norvik-2.0.dmg)"));
+  EXPECT_TRUE(
+      log.hasLine("[Version] кнопка обновления → обязательное (Sparkle, msi: https://dl.norvik.app/Norvik-2.0.dmg)"));
   EXPECT_TRUE(opened_.empty());
   EXPECT_TRUE(checker_.prompt().get().showUpdateAlert);
 }
@@ -197,7 +199,10 @@ TEST_F(AppVersionCheckerTest, OtherwiseTheMainButtonOpensThePageWithDefaultButto
   EXPECT_FALSE(checker_.prompt().get().showUpdateAlert);
 
   // A forced update whose mode says "page" goes to the page, and stays on screen.
-  update_ = {{"update_type", "force"}, {"update_mode", "web"}, {"in_app_update", true}, {"update_link", "https://norvik.app/dl"},
+  update_ = {{"update_type", "force"},
+             {"update_mode", "web"},
+             {"in_app_update", true},
+             {"update_link", "https://norvik.app/dl"},
              {"update_main_button", "Скачать"}};
   EXPECT_EQ(checkLater().updateMainButton, "Скачать");
   checker_.pressMainButton();

@@ -16,11 +16,11 @@ struct AppcastItem {
   std::optional<std::string> shortVersion;  // the version people see
   std::string enclosureURL;
   std::optional<std::uint64_t> enclosureLength;
-  std::optional<std::string> edSignature;   // Base64 Ed25519 signature of the enclosure's bytes
+  std::optional<std::string> edSignature;  // Base64 Ed25519 signature of the enclosure's bytes
   std::optional<std::string> releaseNotesURL;
-  std::optional<std::string> description;   // inline release notes (HTML)
+  std::optional<std::string> description;  // inline release notes (HTML)
   std::optional<std::string> minimumSystemVersion;
-  std::optional<std::string> channel;       // absent: the default channel everyone gets
+  std::optional<std::string> channel;  // absent: the default channel everyone gets
 
   // The short version when there is one, else the build version.
   [[nodiscard]] const std::string& displayVersion() const { return shortVersion ? *shortVersion : version; }
@@ -46,7 +46,7 @@ struct Appcast {
 
 struct AppcastSelection {
   std::string currentVersion;
-  bool betaChannel = false;                   // also offer items of the "beta" channel
+  bool betaChannel = false;                    // also offer items of the "beta" channel
   std::optional<std::string> systemVersion{};  // unknown: minimum system versions are not checked
 };
 

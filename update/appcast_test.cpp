@@ -112,8 +112,16 @@ TEST(CompareVersionsTest, ComparesNumbersByValueNotAsText) {
     std::string_view older, newer;
   };
   const Order orders[] = {
-      {"1.9", "1.10"},   {"9", "10"},         {"1.0", "1.0.1"},       {"1.0b1", "1.0"},       {"1.0b1", "1.0b2"},
-      {"1.0b9", "1.0b10"}, {"1.0beta2", "1.0rc1"}, {"1.0b1", "1.0.1"}, {"2.9.9", "3"},         {"1100", "1200"},
+      {"1.9", "1.10"},
+      {"9", "10"},
+      {"1.0", "1.0.1"},
+      {"1.0b1", "1.0"},
+      {"1.0b1", "1.0b2"},
+      {"1.0b9", "1.0b10"},
+      {"1.0beta2", "1.0rc1"},
+      {"1.0b1", "1.0.1"},
+      {"2.9.9", "3"},
+      {"1100", "1200"},
       {"99999999999999999999", "100000000000000000000"},
   };
   for (const auto& [older, newer] : orders) {
@@ -138,7 +146,8 @@ TEST(ReleaseNotesTest, BreaksAtClosingBlockTagsAndKeepsOnlyText) {
   EXPECT_EQ(releaseNotesText("<h2>Что нового</h2><ul><li>Быстрее  подключение</li>\n<LI>Меньше&nbsp;батареи</LI></ul>"
                              "<p>Спасибо &laquo;вам&raquo; &amp; до&#32;встречи&#x21;</P><div>a<br>b</div>"),
             "Что нового\nБыстрее подключение\nМеньше батареи\nСпасибо «вам» & до встречи!\na\nb");
-  EXPECT_EQ(releaseNotesText("<style>p{color:red}</style><script>alert('x')</script><!-- hidden --><p>видно</p>"), "видно");
+  EXPECT_EQ(releaseNotesText("<style>p{color:red}</style><script>alert('x')</script><!-- hidden --><p>видно</p>"),
+            "видно");
   EXPECT_EQ(releaseNotesText("a < b &unknown; &#xD800; <p"), "a < b &unknown; \xEF\xBF\xBD");
   EXPECT_EQ(releaseNotesText("plain\ntext"), "plain text");
   EXPECT_EQ(releaseNotesText(""), "");
@@ -153,7 +162,8 @@ TEST(FileSignatureTest, AcceptsTheSignedFileAndNothingElse) {
 
   EXPECT_TRUE(verifyEd25519FileSignature(file, signer.sign("disk image bytes"), key).has_value());
   EXPECT_EQ(verifyEd25519FileSignature(file, signer.sign("disk image bytez"), key).error(), "mismatch");
-  EXPECT_EQ(verifyEd25519FileSignature(file, "not base64!", key).error(), "signature \"not base64!\" is not Base64 of 64 bytes");
+  EXPECT_EQ(verifyEd25519FileSignature(file, "not base64!", key).error(),
+            "signature \"not base64!\" is not Base64 of 64 bytes");
   EXPECT_TRUE(verifyEd25519FileSignature(dir / "missing", signer.sign(""), key).error().starts_with("open "));
 
   testing::FakeMacTools::writeText(dir / "empty", "");
@@ -162,9 +172,10 @@ TEST(FileSignatureTest, AcceptsTheSignedFileAndNothingElse) {
   // The second test vector of RFC 8032: the one-byte message "r".
   testing::FakeMacTools::writeText(dir / "r", "r");
   const Bytes rfcKey = parseEd25519PublicKey("PUAXw+hDiVqStwqnTRt+vJyYLM8uxJaMwM1V8Sr0Zgw=").value();
-  EXPECT_TRUE(verifyEd25519FileSignature(
-                  dir / "r", "kqAJqfDUyrhyDoILX2QlQKKye1QWUD+Ps3YiI+vbadoIWsHkPhWZbkWPNhPQ8R2MOHsurrQwKu6wDSkWErsMAA==", rfcKey)
-                  .has_value());
+  EXPECT_TRUE(
+      verifyEd25519FileSignature(
+          dir / "r", "kqAJqfDUyrhyDoILX2QlQKKye1QWUD+Ps3YiI+vbadoIWsHkPhWZbkWPNhPQ8R2MOHsurrQwKu6wDSkWErsMAA==", rfcKey)
+          .has_value());
 
   EXPECT_EQ(parseEd25519PublicKey(" " + base64Encode(key) + "\n").value(), key);
   EXPECT_EQ(parseEd25519PublicKey(base64Encode(Bytes(31))).error(), "the Ed25519 public key has 31 bytes, not 32");

@@ -19,9 +19,10 @@ void FeedAppcastUpdater::check(const std::string& feedURL, AppcastCompletion com
   request.url = feedURL.starts_with("http://") ? "https://" + feedURL.substr(7) : feedURL;
   request.headers = {{"Accept", "application/rss+xml, application/xml;q=0.9, */*;q=0.1"}};
   request.timeout = kFeedTimeout;
-  transport_.send(std::move(request), [weak = weakFactory_.weak(), completion = std::move(completion)](HttpResult result) mutable {
-    if (auto self = weak.lock()) self->onFeed(std::move(result), std::move(completion));
-  });
+  transport_.send(std::move(request),
+                  [weak = weakFactory_.weak(), completion = std::move(completion)](HttpResult result) mutable {
+                    if (auto self = weak.lock()) self->onFeed(std::move(result), std::move(completion));
+                  });
 }
 
 void FeedAppcastUpdater::onFeed(HttpResult result, AppcastCompletion completion) {
@@ -30,11 +31,13 @@ void FeedAppcastUpdater::onFeed(HttpResult result, AppcastCompletion completion)
     return completion(std::unexpected(AppcastFailure{AppcastFailureKind::noConnection, result.error().message}));
   }
   if (result->status < 200 || result->status > 299) {
-    return completion(std::unexpected(AppcastFailure{AppcastFailureKind::server, fmt::format("HTTP status {}", result->status)}));
+    return completion(
+        std::unexpected(AppcastFailure{AppcastFailureKind::server, fmt::format("HTTP status {}", result->status)}));
   }
   if (result->body.size() > kMaxFeedBytes) {
     return completion(std::unexpected(
-        AppcastFailure{AppcastFailureKind::malformed, fmt::format("the feed has {} bytes, more than a feed can", result->body.size())}));
+        AppcastFailure{AppcastFailureKind::malformed,
+                       fmt::format("the feed has {} bytes, more than a feed can", result->body.size())}));
   }
   auto appcast = parseAppcast(result->body);
   if (!appcast) return completion(std::unexpected(AppcastFailure{AppcastFailureKind::malformed, appcast.error()}));

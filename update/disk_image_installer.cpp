@@ -36,12 +36,24 @@ std::string appleScriptString(std::string_view text) {
   std::string out = "\"";
   for (char c : text) {
     switch (c) {
-      case '\\': out += "\\\\"; break;
-      case '"': out += "\\\""; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default: out += c; break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        out += c;
+        break;
     }
   }
   out += '"';
@@ -93,8 +105,8 @@ std::string shellQuoted(std::string_view path) {
 }
 
 std::string administratorReplaceScript(const std::filesystem::path& app, const std::filesystem::path& staging) {
-  const std::string shell =
-      "rm -rf " + shellQuoted(app.string()) + " && mv " + shellQuoted(staging.string()) + " " + shellQuoted(app.string());
+  const std::string shell = "rm -rf " + shellQuoted(app.string()) + " && mv " + shellQuoted(staging.string()) + " " +
+                            shellQuoted(app.string());
   return "do shell script " + appleScriptString(shell) + " with administrator privileges";
 }
 
@@ -130,7 +142,8 @@ DiskImageInstaller::~DiskImageInstaller() {
   if (running_) cleanUp();
 }
 
-void DiskImageInstaller::install(DiskImageSource source, InstallProgressHandler progress, InstallCompletion completion) {
+void DiskImageInstaller::install(DiskImageSource source, InstallProgressHandler progress,
+                                 InstallCompletion completion) {
   if (running_) {
     completion(std::unexpected(InstallFailure{str(texts::kCouldNotUpdate), "another install is running"}));
     return;
@@ -143,10 +156,9 @@ void DiskImageInstaller::install(DiskImageSource source, InstallProgressHandler 
   privateStagingDirectory_.reset();
   downloadedFile_.clear();
 
-  if (config_.runningBundle &&
-      config_.runningBundle->lexically_normal() != config_.installedApp().lexically_normal()) {
-    return fail(texts::kMoveToApplications,
-                fmt::format("the app runs from {}, not {}", config_.runningBundle->string(), config_.installedApp().string()));
+  if (config_.runningBundle && config_.runningBundle->lexically_normal() != config_.installedApp().lexically_normal()) {
+    return fail(texts::kMoveToApplications, fmt::format("the app runs from {}, not {}", config_.runningBundle->string(),
+                                                        config_.installedApp().string()));
   }
   auto url = downloadURL(source_.url);
   if (!url) return fail(texts::kDownloadFailed, url.error());
@@ -182,12 +194,16 @@ void DiskImageInstaller::onDownloaded(DownloadResult result) {
   if (!result) {
     const DownloadError& e = result.error();
     switch (e.kind) {
-      case DownloadErrorKind::cancelled: return fail(texts::kCancelled, "the download was cancelled");
-      case DownloadErrorKind::file: return fail(texts::kDownloadNotSaved, e.message);
-      case DownloadErrorKind::tooLarge: return fail(texts::kFileDamaged, "download larger than the feed says: " + e.message);
+      case DownloadErrorKind::cancelled:
+        return fail(texts::kCancelled, "the download was cancelled");
+      case DownloadErrorKind::file:
+        return fail(texts::kDownloadNotSaved, e.message);
+      case DownloadErrorKind::tooLarge:
+        return fail(texts::kFileDamaged, "download larger than the feed says: " + e.message);
       case DownloadErrorKind::network:
       case DownloadErrorKind::httpStatus:
-      default: return fail(texts::kDownloadFailed, e.message);
+      default:
+        return fail(texts::kDownloadFailed, e.message);
     }
   }
   if (source_.expectedLength && result->bytes != *source_.expectedLength) {
@@ -204,10 +220,11 @@ void DiskImageInstaller::onDownloaded(DownloadResult result) {
   // Hashing a large image takes a while: off the loop.
   runBlockingThenReply(
       loop_,
-      [file = downloadedFile_, signature = *source_.edSignature, key = *config_.ed25519PublicKey]()
-          -> std::expected<void, InstallFailure> {
+      [file = downloadedFile_, signature = *source_.edSignature,
+       key = *config_.ed25519PublicKey]() -> std::expected<void, InstallFailure> {
         auto verified = verifyEd25519FileSignature(file, signature, key);
-        if (!verified) return std::unexpected(InstallFailure{str(texts::kFileDamaged), "Ed25519 signature: " + verified.error()});
+        if (!verified)
+          return std::unexpected(InstallFailure{str(texts::kFileDamaged), "Ed25519 signature: " + verified.error()});
         return {};
       },
       [weak = weakFactory_.weak()](std::expected<void, InstallFailure> checked) {
@@ -238,8 +255,8 @@ void DiskImageInstaller::mount() {
             if (succeeded(result)) self.attached_ = target;
             if (!succeeded(result)) return self.fail(texts::kCannotOpenImage, "hdiutil attach: " + toolFailure(result));
             if (!isMountPoint) {
-              return self.fail(texts::kCannotOpenImage,
-                               fmt::format("hdiutil attach named no volume under {}", self.config_.volumesDirectory.string()));
+              return self.fail(texts::kCannotOpenImage, fmt::format("hdiutil attach named no volume under {}",
+                                                                    self.config_.volumesDirectory.string()));
             }
             self.mountedApp_ = std::filesystem::path(*target) / self.config_.appBundleName;
             // A link could point anywhere; only a real bundle directory on the image counts.
@@ -255,7 +272,8 @@ void DiskImageInstaller::verifyCodeSignature() {
   report(InstallStep::verifying);
   runTool({str(tools::kCodesign), "--verify", "--deep", "--strict", mountedApp_.string()},
           [](DiskImageInstaller& self, ProcessRunResult result) {
-            if (!succeeded(result)) return self.fail(texts::kBadCodeSignature, "codesign --verify: " + toolFailure(result));
+            if (!succeeded(result))
+              return self.fail(texts::kBadCodeSignature, "codesign --verify: " + toolFailure(result));
             self.checkTeam();
           });
 }
@@ -275,7 +293,8 @@ void DiskImageInstaller::checkTeam() {
 void DiskImageInstaller::assess() {
   runTool({str(tools::kSpctl), "--assess", "--type", "execute", mountedApp_.string()},
           [](DiskImageInstaller& self, ProcessRunResult result) {
-            if (!succeeded(result)) return self.fail(texts::kAssessmentFailed, "spctl --assess: " + toolFailure(result));
+            if (!succeeded(result))
+              return self.fail(texts::kAssessmentFailed, "spctl --assess: " + toolFailure(result));
             self.stageInApplications();
           });
 }
@@ -298,17 +317,18 @@ void DiskImageInstaller::stageInApplications() {
 void DiskImageInstaller::stageOutsideApplications(std::string reason) {
   std::string pattern = (temporaryDirectory(config_) / "Norvik-update-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) {
-    return fail(texts::kNoAccessToApplications, fmt::format("{}; mkdtemp {}: {}", reason, pattern, std::strerror(errno)));
+    return fail(texts::kNoAccessToApplications,
+                fmt::format("{}; mkdtemp {}: {}", reason, pattern, std::strerror(errno)));
   }
   privateStagingDirectory_ = pattern;
   staging_ = *privateStagingDirectory_ / config_.appBundleName;
-  runTool({str(tools::kDitto), mountedApp_.string(), staging_.string()},
-          [reason](DiskImageInstaller& self, ProcessRunResult copied) {
-            if (!succeeded(copied)) {
-              return self.fail(texts::kNoAccessToApplications, fmt::format("{}; ditto: {}", reason, toolFailure(copied)));
-            }
-            self.detachAfterStaging();
-          });
+  runTool({str(tools::kDitto), mountedApp_.string(), staging_.string()}, [reason](DiskImageInstaller& self,
+                                                                                  ProcessRunResult copied) {
+    if (!succeeded(copied)) {
+      return self.fail(texts::kNoAccessToApplications, fmt::format("{}; ditto: {}", reason, toolFailure(copied)));
+    }
+    self.detachAfterStaging();
+  });
 }
 
 void DiskImageInstaller::detachAfterStaging() {
@@ -318,12 +338,14 @@ void DiskImageInstaller::detachAfterStaging() {
       self.attached_.reset();
       return self.replace();
     }
-    self.runTool({str(tools::kHdiutil), "detach", target, "-force"}, [target](DiskImageInstaller& self, ProcessRunResult forced) {
-      // A volume left attached is untidy, not dangerous: the copy is already staged.
-      if (!succeeded(forced)) self.log_.format("[Update] msi: образ не отключился ({}): {}", target, toolFailure(forced));
-      self.attached_.reset();
-      self.replace();
-    });
+    self.runTool({str(tools::kHdiutil), "detach", target, "-force"},
+                 [target](DiskImageInstaller& self, ProcessRunResult forced) {
+                   // A volume left attached is untidy, not dangerous: the copy is already staged.
+                   if (!succeeded(forced))
+                     self.log_.format("[Update] msi: образ не отключился ({}): {}", target, toolFailure(forced));
+                   self.attached_.reset();
+                   self.replace();
+                 });
   });
 }
 
@@ -375,7 +397,8 @@ void DiskImageInstaller::fail(std::string_view userMessage, std::string detail) 
   const std::string target = *attached_;
   runTool({str(tools::kHdiutil), "detach", target, "-force"},
           [target, result = std::move(result)](DiskImageInstaller& self, ProcessRunResult detached) mutable {
-            if (!succeeded(detached)) self.log_.format("[Update] msi: образ не отключился ({}): {}", target, toolFailure(detached));
+            if (!succeeded(detached))
+              self.log_.format("[Update] msi: образ не отключился ({}): {}", target, toolFailure(detached));
             self.attached_.reset();
             self.finish(std::move(result));
           });

@@ -111,7 +111,9 @@ class DiskImageInstaller {
   template <class Next>
   void runTool(std::vector<std::string> argv, Next next, std::chrono::milliseconds timeout);
   template <class Next>
-  void runTool(std::vector<std::string> argv, Next next) { runTool(std::move(argv), std::move(next), config_.toolTimeout); }
+  void runTool(std::vector<std::string> argv, Next next) {
+    runTool(std::move(argv), std::move(next), config_.toolTimeout);
+  }
 
   void onDownloaded(DownloadResult result);
   void onDownloadChecked(std::expected<void, InstallFailure> checked);
@@ -139,9 +141,9 @@ class DiskImageInstaller {
   InstallCompletion completion_;
   DownloadHandle download_;
   std::filesystem::path downloadedFile_;
-  std::optional<std::string> attached_;           // mount point (or device) while the image is attached
+  std::optional<std::string> attached_;  // mount point (or device) while the image is attached
   std::filesystem::path mountedApp_;
-  std::filesystem::path staging_;                 // where the staged copy is
+  std::filesystem::path staging_;                                 // where the staged copy is
   std::optional<std::filesystem::path> privateStagingDirectory_;  // set when Applications refused it
 
   WeakPtrFactory<DiskImageInstaller> weakFactory_{this};

@@ -36,8 +36,9 @@ class DiskImageInstallerTest : public ::testing::Test {
   InstallResult install(DiskImageSource source, ProcessRunner* runner = nullptr) {
     DiskImageInstaller installer(loop_, downloader_, runner ? *runner : runner_, log_, config_);
     std::optional<InstallResult> result;
-    installer.install(std::move(source), [&](const InstallProgress& p) { progress_.push_back(p); },
-                      [&](InstallResult r) { result = std::move(r); });
+    installer.install(
+        std::move(source), [&](const InstallProgress& p) { progress_.push_back(p); },
+        [&](InstallResult r) { result = std::move(r); });
     EXPECT_TRUE(loop_.runUntil([&] { return result.has_value(); }));
     EXPECT_FALSE(installer.isRunning());
     return result ? std::move(*result) : std::unexpected(InstallFailure{"no result", ""});
@@ -46,7 +47,9 @@ class DiskImageInstallerTest : public ::testing::Test {
                                 std::optional<std::string> signature = std::nullopt) {
     return DiskImageSource{std::string(kInstallerImageURL), "2.0", length, std::move(signature), false};
   }
-  std::string installedVersion() const { return FakeMacTools::readText(config_.installedApp() / "Contents" / "version"); }
+  std::string installedVersion() const {
+    return FakeMacTools::readText(config_.installedApp() / "Contents" / "version");
+  }
   std::string mountedApp() const { return (tools_.mountPoint / "Norvik.app").string(); }
   std::vector<std::string> commandLines() const {
     std::vector<std::string> lines;
@@ -191,11 +194,11 @@ TEST_F(DiskImageInstallerTest, AnAppThatCannotBeRemovedAsTheUserIsReplacedAsAdmi
   });
   auto result = install(source());
   ASSERT_TRUE(result.has_value()) << result.error().detail;
-  EXPECT_TRUE(log_.contains("[Update] msi: замена без прав не прошла (rm -rf: exit status 1: rm: Norvik.app: Operation not permitted)"));
-  EXPECT_EQ(tools_.adminScripts.at(0),
-            "do shell script \"rm -rf \\\"" + config_.installedApp().string() + "\\\" && mv \\\"" +
-                config_.stagingApp().string() + "\\\" \\\"" + config_.installedApp().string() +
-                "\\\"\" with administrator privileges");
+  EXPECT_TRUE(log_.contains(
+      "[Update] msi: замена без прав не прошла (rm -rf: exit status 1: rm: Norvik.app: Operation not permitted)"));
+  EXPECT_EQ(tools_.adminScripts.at(0), "do shell script \"rm -rf \\\"" + config_.installedApp().string() +
+                                           "\\\" && mv \\\"" + config_.stagingApp().string() + "\\\" \\\"" +
+                                           config_.installedApp().string() + "\\\"\" with administrator privileges");
   EXPECT_EQ(installedVersion(), "2.0");
 }
 
@@ -229,7 +232,8 @@ TEST_F(HostilePathInstallTest, APathWithQuotesCannotBreakTheAdministratorScript)
 
   // The relaunch text, run by a real shell, names exactly the installed app.
   const auto& relaunch = runner_.launched().at(0).at(2);
-  const std::string echoed = testing::runProcess({"/bin/sh", "-c", "open() { printf %s \"$1\"; }; " + relaunch.substr(8)}).out;
+  const std::string echoed =
+      testing::runProcess({"/bin/sh", "-c", "open() { printf %s \"$1\"; }; " + relaunch.substr(8)}).out;
   EXPECT_EQ(echoed, config_.installedApp().string());
 }
 
@@ -244,13 +248,15 @@ TEST(ShellQuotingTest, EveryByteSurvivesARealShell) {
 
 TEST_F(DiskImageInstallerTest, TheDownloadIsCheckedBeforeAnythingIsMounted) {
   testing::Ed25519Signer signer;
-  EXPECT_EQ(install(source(kInstallerImage.size(), signer.sign(kInstallerImage))).error().userMessage, texts::kCouldNotUpdate)
+  EXPECT_EQ(install(source(kInstallerImage.size(), signer.sign(kInstallerImage))).error().userMessage,
+            texts::kCouldNotUpdate)
       << "a signature nobody can check is not trusted";
   config_.ed25519PublicKey = signer.publicKey();
 
   auto shorter = install(source(kInstallerImage.size() + 1));
   EXPECT_EQ(shorter.error().userMessage, texts::kFileDamaged);
-  EXPECT_EQ(shorter.error().detail, fmt::format("downloaded {} bytes, the feed says {}", kInstallerImage.size(), kInstallerImage.size() + 1));
+  EXPECT_EQ(shorter.error().detail,
+            fmt::format("downloaded {} bytes, the feed says {}", kInstallerImage.size(), kInstallerImage.size() + 1));
 
   auto longer = install(source(kInstallerImage.size() - 1));
   EXPECT_EQ(longer.error().userMessage, texts::kFileDamaged);
@@ -274,7 +280,8 @@ TEST_F(DiskImageInstallerTest, TheDownloadIsCheckedBeforeAnythingIsMounted) {
 }
 
 TEST_F(DiskImageInstallerTest, DownloadFailuresKeepTheirOwnMessages) {
-  downloader_.fail("https://dl.example.test/gone.dmg", {DownloadErrorKind::httpStatus, "HTTP status 404", std::nullopt, 404});
+  downloader_.fail("https://dl.example.test/gone.dmg",
+                   {DownloadErrorKind::httpStatus, "HTTP status 404", std::nullopt, 404});
   EXPECT_EQ(install({"https://dl.example.test/gone.dmg", "2.0"}).error().userMessage, texts::kDownloadFailed);
   EXPECT_EQ(install({"ftp://dl.example.test/x.dmg", "2.0"}).error().userMessage, texts::kDownloadFailed);
 

@@ -45,12 +45,16 @@ class FakeMacTools {
     });
     runner.on("/usr/bin/codesign", [this](const std::vector<std::string>& argv) {
       if (argv.at(1) == "--verify") {
-        return codeSignatureValid ? ScriptedProcessRunner::exited(0)
-                                  : ScriptedProcessRunner::exited(1, "", argv.back() + ": a sealed resource is missing or invalid");
+        return codeSignatureValid
+                   ? ScriptedProcessRunner::exited(0)
+                   : ScriptedProcessRunner::exited(1, "", argv.back() + ": a sealed resource is missing or invalid");
       }
-      return ScriptedProcessRunner::exited(0, "", "Executable=" + argv.back() + "/Contents/MacOS/Norvik\n"
-                                                  "Identifier=com.norvik.macos\nAuthority=Developer ID Application\n"
-                                                  "TeamIdentifier=" + team + "\nSealed Resources version=2\n");
+      return ScriptedProcessRunner::exited(0, "",
+                                           "Executable=" + argv.back() +
+                                               "/Contents/MacOS/Norvik\n"
+                                               "Identifier=com.norvik.macos\nAuthority=Developer ID Application\n"
+                                               "TeamIdentifier=" +
+                                               team + "\nSealed Resources version=2\n");
     });
     runner.on("/usr/sbin/spctl", [this](const std::vector<std::string>& argv) {
       return assessmentPasses ? ScriptedProcessRunner::exited(0, "", argv.back() + ": accepted\n")

@@ -81,8 +81,8 @@ std::expected<void, std::string> verifyEd25519FileSignature(const std::filesyste
                                                             std::string_view signatureBase64, ByteView publicKey) {
   auto signature = base64Decode(trimWhitespace(signatureBase64));
   if (!signature || signature->size() != kSignatureSize) {
-    return std::unexpected(fmt::format("signature \"{}\" is not Base64 of {} bytes",
-                                       utf8Prefix(signatureBase64, 120), kSignatureSize));
+    return std::unexpected(
+        fmt::format("signature \"{}\" is not Base64 of {} bytes", utf8Prefix(signatureBase64, 120), kSignatureSize));
   }
   if (publicKey.size() != kPublicKeySize) return std::unexpected("no usable Ed25519 public key");
   std::unique_ptr<EVP_PKEY, PkeyFree> key(

@@ -68,8 +68,10 @@ std::size_t decodeReference(std::string_view text, std::string& out) {
     for (char c : digits) {
       const auto u = static_cast<unsigned char>(c);
       int digit = -1;
-      if (std::isdigit(u)) digit = c - '0';
-      else if (hex && std::isxdigit(u)) digit = std::tolower(u) - 'a' + 10;
+      if (std::isdigit(u))
+        digit = c - '0';
+      else if (hex && std::isxdigit(u))
+        digit = std::tolower(u) - 'a' + 10;
       if (digit < 0) return 0;
       cp = std::min<std::uint32_t>(cp * (hex ? 16 : 10) + static_cast<std::uint32_t>(digit), 0x110000);
     }
@@ -77,8 +79,8 @@ std::size_t decodeReference(std::string_view text, std::string& out) {
     return semicolon + 1;
   }
   static constexpr std::pair<std::string_view, std::uint32_t> kNamed[] = {
-      {"amp", '&'},      {"lt", '<'},        {"gt", '>'},        {"quot", '"'},      {"apos", '\''},
-      {"nbsp", ' '},     {"laquo", 0x00AB},  {"raquo", 0x00BB},  {"mdash", 0x2014},  {"ndash", 0x2013},
+      {"amp", '&'},       {"lt", '<'},       {"gt", '>'},       {"quot", '"'},     {"apos", '\''},
+      {"nbsp", ' '},      {"laquo", 0x00AB}, {"raquo", 0x00BB}, {"mdash", 0x2014}, {"ndash", 0x2013},
       {"hellip", 0x2026}, {"bull", 0x2022},  {"copy", 0x00A9},
   };
   for (const auto& [name, cp] : kNamed) {

@@ -40,7 +40,8 @@ inline constexpr std::string_view kNoAppInImage = "В загруженном ф�
 inline constexpr std::string_view kBadCodeSignature = "Загруженный файл повреждён (подпись)";
 inline constexpr std::string_view kWrongTeam = "Файл подписан не нами — установка отменена";
 inline constexpr std::string_view kAssessmentFailed = "Файл не прошёл проверку безопасности macOS";
-inline constexpr std::string_view kNoAccessToApplications = "Не удалось установить обновление (нет доступа к «Программам»)";
+inline constexpr std::string_view kNoAccessToApplications =
+    "Не удалось установить обновление (нет доступа к «Программам»)";
 inline constexpr std::string_view kCouldNotFinish = "Не удалось завершить установку обновления";
 
 }  // namespace norvik::update_texts

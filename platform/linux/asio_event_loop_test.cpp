@@ -26,7 +26,10 @@ TEST(AsioEventLoop, RunsPostsFromOtherThreadsOnTheLoopThread) {
 TEST(AsioEventLoop, DelayedTasksRunInOrderAndCancelledOnesDoNot) {
   AsioEventLoop loop;
   std::vector<int> order;
-  loop.postAfter(20ms, [&] { order.push_back(2); loop.stop(); });
+  loop.postAfter(20ms, [&] {
+    order.push_back(2);
+    loop.stop();
+  });
   TaskHandle cancelled = loop.postAfter(5ms, [&] { order.push_back(99); });
   loop.postAfter(1ms, [&] { order.push_back(1); });
   cancelled.cancel();

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <curl/curl.h>
 #include <fcntl.h>
-#include <openssl/x509_vfy.h>
 #include <mutex>
+#include <openssl/x509_vfy.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -73,10 +73,16 @@ DownloadError networkFailure(CURL* curl, CURLcode code, const char* detail) {
   error.osCode = static_cast<int>(code);
   error.message = detail && *detail ? detail : curl_easy_strerror(code);
   switch (code) {
-    case CURLE_OPERATION_TIMEDOUT: error.kind = NetworkErrorKind::timedOut; break;
-    case CURLE_COULDNT_CONNECT: error.kind = NetworkErrorKind::cannotConnect; break;
+    case CURLE_OPERATION_TIMEDOUT:
+      error.kind = NetworkErrorKind::timedOut;
+      break;
+    case CURLE_COULDNT_CONNECT:
+      error.kind = NetworkErrorKind::cannotConnect;
+      break;
     case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY: error.kind = NetworkErrorKind::hostNotFound; break;
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      error.kind = NetworkErrorKind::hostNotFound;
+      break;
     case CURLE_PEER_FAILED_VERIFICATION: {
       long verify = 0;
       curl_easy_getinfo(curl, CURLINFO_SSL_VERIFYRESULT, &verify);
@@ -84,7 +90,9 @@ DownloadError networkFailure(CURL* curl, CURLcode code, const char* detail) {
       error.kind = NetworkErrorKind::other;
       break;
     }
-    default: error.kind = NetworkErrorKind::other; break;
+    default:
+      error.kind = NetworkErrorKind::other;
+      break;
   }
   return DownloadError{DownloadErrorKind::network, error.message, error, 0};
 }
@@ -129,11 +137,11 @@ DownloadResult performDownload(const DownloadRequest& request, const std::string
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
   DownloadResult result = DownloadedFile{request.destination, t.received};
   if (t.tooLarge) {
-    result = std::unexpected(DownloadError{DownloadErrorKind::tooLarge,
-                                           fmt::format("more than {} bytes", request.maxBytes.value_or(0)), std::nullopt, 0});
+    result = std::unexpected(DownloadError{
+        DownloadErrorKind::tooLarge, fmt::format("more than {} bytes", request.maxBytes.value_or(0)), std::nullopt, 0});
   } else if (t.writeErrno != 0) {
-    result = std::unexpected(DownloadError{DownloadErrorKind::file, posixError(t.writeErrno, "write", request.destination).message,
-                                           std::nullopt, 0});
+    result = std::unexpected(DownloadError{
+        DownloadErrorKind::file, posixError(t.writeErrno, "write", request.destination).message, std::nullopt, 0});
   } else if (code == CURLE_ABORTED_BY_CALLBACK && t.cancelled->load()) {
     result = std::unexpected(DownloadError{DownloadErrorKind::cancelled, "cancelled", std::nullopt, 0});
   } else if (code == CURLE_HTTP_RETURNED_ERROR || (code == CURLE_OK && (status < 200 || status > 299))) {
@@ -144,8 +152,8 @@ DownloadResult performDownload(const DownloadRequest& request, const std::string
   }
   curl_easy_cleanup(curl);
   if (::close(fd) != 0 && result) {
-    result = std::unexpected(DownloadError{DownloadErrorKind::file, posixError(errno, "close", request.destination).message,
-                                           std::nullopt, 0});
+    result = std::unexpected(DownloadError{DownloadErrorKind::file,
+                                           posixError(errno, "close", request.destination).message, std::nullopt, 0});
   }
   return result;
 }
@@ -176,9 +184,8 @@ DownloadHandle CurlFileDownloader::download(DownloadRequest request, DownloadPro
     transfer.maxBytes = request.maxBytes;
     DownloadResult result = performDownload(request, *pem, transfer);
     if (result) transfer.report();  // the final figures, before the completion
-    loop->post([completion = std::move(completion), result = std::move(result)]() mutable {
-      completion(std::move(result));
-    });
+    loop->post(
+        [completion = std::move(completion), result = std::move(result)]() mutable { completion(std::move(result)); });
   });
   return DownloadHandle(std::move(cancelled));
 }

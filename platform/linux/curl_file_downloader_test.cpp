@@ -25,7 +25,8 @@ class CurlFileDownloaderTest : public ::testing::Test {
   DownloadResult download(FileDownloader& d, DownloadRequest request, bool cancelAtOnce = false) {
     std::optional<DownloadResult> result;
     auto handle = d.download(
-        std::move(request), [&](const DownloadProgress& p) {
+        std::move(request),
+        [&](const DownloadProgress& p) {
           EXPECT_FALSE(result.has_value()) << "progress after the completion";
           progress_.push_back(p);
         },

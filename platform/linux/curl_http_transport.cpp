@@ -79,11 +79,17 @@ NetworkError classify(CURL* curl, CURLcode code, const char* detail, bool tooLar
   error.osCode = static_cast<int>(code);
   error.message = detail && *detail ? detail : curl_easy_strerror(code);
   switch (code) {
-    case CURLE_OPERATION_TIMEDOUT: error.kind = NetworkErrorKind::timedOut; break;
+    case CURLE_OPERATION_TIMEDOUT:
+      error.kind = NetworkErrorKind::timedOut;
+      break;
     case CURLE_COULDNT_CONNECT:
-    case CURLE_INTERFACE_FAILED: error.kind = NetworkErrorKind::cannotConnect; break;
+    case CURLE_INTERFACE_FAILED:
+      error.kind = NetworkErrorKind::cannotConnect;
+      break;
     case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY: error.kind = NetworkErrorKind::hostNotFound; break;
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      error.kind = NetworkErrorKind::hostNotFound;
+      break;
     case CURLE_PEER_FAILED_VERIFICATION: {
       long verify = 0;
       curl_easy_getinfo(curl, CURLINFO_SSL_VERIFYRESULT, &verify);
@@ -91,7 +97,9 @@ NetworkError classify(CURL* curl, CURLcode code, const char* detail, bool tooLar
       error.kind = NetworkErrorKind::other;
       break;
     }
-    default: error.kind = NetworkErrorKind::other; break;
+    default:
+      error.kind = NetworkErrorKind::other;
+      break;
   }
   if (tooLarge) error.message = "response too large";
   return error;

@@ -34,7 +34,6 @@ class CurlHttpTransport final : public HttpTransport {
   struct Config;
 
  private:
-
   CurlHttpTransport(EventLoop& loop, std::shared_ptr<const Config> config);
 
   EventLoop& loop_;

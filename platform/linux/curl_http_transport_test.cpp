@@ -116,7 +116,8 @@ TEST(CurlHttpTransportCertificates, AnExpiredCertificateIsMarkedAsOutOfDate) {
   auto http = CurlHttpTransport::create(loop, {server.caFile()});
   ASSERT_TRUE(http.has_value());
   std::optional<HttpResult> result;
-  (*http)->send({"GET", server.url("/"), {}, "", std::chrono::seconds(5)}, [&](HttpResult r) { result = std::move(r); });
+  (*http)->send({"GET", server.url("/"), {}, "", std::chrono::seconds(5)},
+                [&](HttpResult r) { result = std::move(r); });
   loop.runUntilIdle();
   ASSERT_TRUE(result && !result->has_value());
   EXPECT_TRUE(result->error().certificateOutOfDate) << result->error().message;

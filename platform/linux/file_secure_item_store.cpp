@@ -62,10 +62,13 @@ OSStatus FileSecureItemStore::load(std::vector<Item>& items) const {
   auto contents = readFile(directory_ / kItemsFile, 4u << 20);
   if (!contents) {
     switch (contents.error().code) {
-      case ENOENT: return errSecSuccess;  // no items yet
+      case ENOENT:
+        return errSecSuccess;  // no items yet
       case EACCES:
-      case EPERM: return errSecInteractionNotAllowed;
-      default: return errSecIO;
+      case EPERM:
+        return errSecInteractionNotAllowed;
+      default:
+        return errSecIO;
     }
   }
   auto json = nlohmann::json::parse(*contents, nullptr, /*allow_exceptions=*/false);

@@ -76,7 +76,8 @@ TEST_F(FileSecureItemStoreTest, TwoProcessesAddingAtOnceKeepBothItems) {
   if (child == 0) {
     FileSecureItemStore other(storeDir_);
     int failures = 0;
-    for (int i = 0; i < kItems; ++i) failures += other.add({"child." + std::to_string(i)}, toBytes("c")) != errSecSuccess;
+    for (int i = 0; i < kItems; ++i)
+      failures += other.add({"child." + std::to_string(i)}, toBytes("c")) != errSecSuccess;
     _exit(failures);
   }
   for (int i = 0; i < kItems; ++i) EXPECT_EQ(store_.add({"parent." + std::to_string(i)}, toBytes("p")), errSecSuccess);

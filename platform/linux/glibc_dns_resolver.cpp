@@ -67,7 +67,8 @@ std::vector<std::string> addressesIn(const unsigned char* answer, int length) {
 }  // namespace
 
 void GlibcDnsResolver::resolve(DnsQuery query, DnsCompletion completion) {
-  runBlockingThenReply(loop_, [query = std::move(query)] { return lookUp(query); }, std::move(completion));
+  runBlockingThenReply(
+      loop_, [query = std::move(query)] { return lookUp(query); }, std::move(completion));
 }
 
 DnsResult GlibcDnsResolver::lookUp(const DnsQuery& query) {
@@ -92,7 +93,8 @@ DnsResult GlibcDnsResolver::lookUp(const DnsQuery& query) {
   state->retry = 1;
 
   std::array<unsigned char, NS_MAXMSG> answer{};
-  const int length = res_nquery(state, query.host.c_str(), ns_c_in, ns_t_a, answer.data(), static_cast<int>(answer.size()));
+  const int length =
+      res_nquery(state, query.host.c_str(), ns_c_in, ns_t_a, answer.data(), static_cast<int>(answer.size()));
   if (length < 0) {
     const int herror = state->res_h_errno;
     if (herror == HOST_NOT_FOUND || herror == NO_DATA) {

@@ -53,10 +53,12 @@ class LoopbackDnsResponder {
       if (n < 12) continue;
       ++queries_;
       std::string reply(reinterpret_cast<char*>(packet), static_cast<std::size_t>(n));
-      const bool known = reply.find("\x05probe\x07" "example") != std::string::npos;
-      reply[2] = static_cast<char>(0x81);  // a response, recursion desired
+      const bool known = reply.find(
+                             "\x05probe\x07"
+                             "example") != std::string::npos;
+      reply[2] = static_cast<char>(0x81);                 // a response, recursion desired
       reply[3] = static_cast<char>(known ? 0x80 : 0x83);  // recursion available; NXDOMAIN when unknown
-      reply[7] = known ? 2 : 0;  // answer count
+      reply[7] = known ? 2 : 0;                           // answer count
       if (known) {
         for (unsigned char last : {10, 11}) {
           const unsigned char record[] = {0xC0, 0x0C, 0, 1, 0, 1, 0, 0, 0, 60, 0, 4, 192, 0, 2, last};

@@ -69,7 +69,8 @@ TEST_F(InotifyNotificationCenterTest, NamesThatCannotBeFilesAreIgnored) {
   app->post(".hidden");
   app->post("");
   EXPECT_FALSE(std::filesystem::exists(dir_ / "escape"));
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_ / "notify"), std::filesystem::directory_iterator()), 0);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_ / "notify"), std::filesystem::directory_iterator()),
+            0);
 }
 
 }  // namespace

@@ -44,10 +44,10 @@ std::expected<LinuxTunnelService, std::string> makeLinuxTunnelService(const Linu
   WireGuardTunnelService::Options options;
   options.storeFile = setup.storeFile;
   auto launcher = std::make_unique<PosixTunnelHelperLauncher>(setup.loop, std::vector<std::string>{helper->string()});
-  return LinuxTunnelService{std::make_unique<WireGuardTunnelService>(setup.loop, setup.clock, setup.log,
-                                                                     setup.notifications, std::move(launcher),
-                                                                     std::move(options)),
-                            "wireguard"};
+  return LinuxTunnelService{
+      std::make_unique<WireGuardTunnelService>(setup.loop, setup.clock, setup.log, setup.notifications,
+                                               std::move(launcher), std::move(options)),
+      "wireguard"};
 }
 
 }  // namespace norvik

@@ -44,6 +44,7 @@ struct LinuxTunnelService {
 // The one place that picks the tunnel service. The WireGuard service needs norvik-tunnel (see
 // findTunnelHelper) and a machine where "norvik-tunnel probe" succeeds; automatic falls back to the
 // simulated one and logs why, a forced wireguard is refused with the reason.
-[[nodiscard]] std::expected<LinuxTunnelService, std::string> makeLinuxTunnelService(const LinuxTunnelServiceSetup& setup);
+[[nodiscard]] std::expected<LinuxTunnelService, std::string> makeLinuxTunnelService(
+    const LinuxTunnelServiceSetup& setup);
 
 }  // namespace norvik

@@ -29,9 +29,7 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr std::size_t kReceiveBuffer = 64 * 1024;
 constexpr int kDumpAttempts = 3;
 
-Error netlinkError(std::string what, int code) {
-  return Error{"POSIX", code, what + ": " + std::strerror(code)};
-}
+Error netlinkError(std::string what, int code) { return Error{"POSIX", code, what + ": " + std::strerror(code)}; }
 
 constexpr std::size_t align4(std::size_t n) { return (n + 3) & ~std::size_t{3}; }
 
@@ -152,9 +150,15 @@ void parseRoute(std::span<const std::uint8_t> payload, Observation& out) {
   const int family = info->rtm_family;
   forEachAttribute(payload.subspan(std::min(payload.size(), align4(sizeof(rtmsg)))), [&](const Attribute& a) {
     switch (a.type) {
-      case RTA_TABLE: table = readFixed<std::uint32_t>(a.data).value_or(table); break;
-      case RTA_OIF: outputIndex = static_cast<int>(readFixed<std::uint32_t>(a.data).value_or(0)); break;
-      case RTA_GATEWAY: gateway = addressText(family, a.data); break;
+      case RTA_TABLE:
+        table = readFixed<std::uint32_t>(a.data).value_or(table);
+        break;
+      case RTA_OIF:
+        outputIndex = static_cast<int>(readFixed<std::uint32_t>(a.data).value_or(0));
+        break;
+      case RTA_GATEWAY:
+        gateway = addressText(family, a.data);
+        break;
       case RTA_VIA:
         if (a.data.size() > sizeof(std::uint16_t)) {
           const auto viaFamily = readFixed<std::uint16_t>(a.data).value_or(0);
@@ -180,7 +184,8 @@ void parseRoute(std::span<const std::uint8_t> payload, Observation& out) {
         }
         break;
       }
-      default: break;
+      default:
+        break;
     }
   });
   if (table != RT_TABLE_MAIN) return;

@@ -246,8 +246,8 @@ TEST_F(NetlinkPathSourceInNamespaceTest, SeesAVethAndItsDefaultRoutesComeAndGoOn
       EXPECT_EQ(seen.count(), before) << "the tunnel showed in the physical path";
     }
 
-    path = expectOneChange(seen, {"route del default via 10.77.0.2 dev veth0\n",
-                                  "route del default via 10.77.0.3 dev veth0\n"});
+    path = expectOneChange(
+        seen, {"route del default via 10.77.0.2 dev veth0\n", "route del default via 10.77.0.3 dev veth0\n"});
     EXPECT_EQ(path.status, NetworkPathStatus::unsatisfied);
     EXPECT_TRUE(path.gateways.empty());
     EXPECT_EQ(names(path), std::vector<std::string>{"veth0"});
@@ -260,8 +260,9 @@ TEST_F(NetlinkPathSourceInNamespaceTest, SeesAVethAndItsDefaultRoutesComeAndGoOn
     source.stop();
     EXPECT_FALSE(source.currentPath().has_value());
     const std::size_t atStop = seen.count();
-    ipBatch("link add veth2 type veth peer name veth3\naddr add 10.78.0.1/24 dev veth2\n"
-            "link set veth3 up\nlink set veth2 up\n");
+    ipBatch(
+        "link add veth2 type veth peer name veth3\naddr add 10.78.0.1/24 dev veth2\n"
+        "link set veth3 up\nlink set veth2 up\n");
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(seen.count(), atStop);
     if (tun >= 0) ::close(tun);

@@ -100,7 +100,8 @@ int waitForExit(pid_t pid) {
 }  // namespace
 
 void PosixProcessRunner::run(ProcessCommand command, ProcessCompletion completion) {
-  runBlockingThenReply(loop_, [command = std::move(command)] { return runNow(command); }, std::move(completion));
+  runBlockingThenReply(
+      loop_, [command = std::move(command)] { return runNow(command); }, std::move(completion));
 }
 
 ProcessRunResult PosixProcessRunner::runNow(const ProcessCommand& command) {
@@ -160,8 +161,8 @@ ProcessRunResult PosixProcessRunner::runNow(const ProcessCommand& command) {
   if (timedOut) {
     ::kill(pid, SIGKILL);
     waitForExit(pid);
-    return std::unexpected(Error{"POSIX", ETIMEDOUT,
-                                 fmt::format("{}: timed out after {} ms", argv.front(), command.timeout.count())});
+    return std::unexpected(
+        Error{"POSIX", ETIMEDOUT, fmt::format("{}: timed out after {} ms", argv.front(), command.timeout.count())});
   }
   output.exitStatus = waitForExit(pid);
   return output;

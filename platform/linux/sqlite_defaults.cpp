@@ -44,8 +44,8 @@ std::expected<std::unique_ptr<SqliteDefaults>, Error> SqliteDefaults::open(const
                                                                            Log& log) {
   if (auto made = makeDirectories(file.parent_path(), 0700); !made) return std::unexpected(made.error());
   sqlite3* db = nullptr;
-  const int rc = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                                 nullptr);
+  const int rc =
+      sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     auto error = sqliteError(db, fmt::format("open {}", file.string()));
     sqlite3_close(db);
@@ -111,10 +111,14 @@ std::optional<DefaultsValue> SqliteDefaults::value(std::string_view key) const {
     return std::string(p ? p : "", static_cast<std::size_t>(sqlite3_column_bytes(select_, 1)));
   };
   switch (type) {
-    case StoredType::boolean: return DefaultsValue{sqlite3_column_int64(select_, 1) != 0};
-    case StoredType::integer: return DefaultsValue{static_cast<std::int64_t>(sqlite3_column_int64(select_, 1))};
-    case StoredType::real: return DefaultsValue{sqlite3_column_double(select_, 1)};
-    case StoredType::text: return DefaultsValue{text()};
+    case StoredType::boolean:
+      return DefaultsValue{sqlite3_column_int64(select_, 1) != 0};
+    case StoredType::integer:
+      return DefaultsValue{static_cast<std::int64_t>(sqlite3_column_int64(select_, 1))};
+    case StoredType::real:
+      return DefaultsValue{sqlite3_column_double(select_, 1)};
+    case StoredType::text:
+      return DefaultsValue{text()};
     case StoredType::textArray: {
       auto array = decodeTextArray(text());
       if (!array) return std::nullopt;  // damaged row: read as absent, like an unreadable value

@@ -11,7 +11,9 @@
 namespace norvik {
 namespace {
 
-Error posixFailure(const char* what, int code) { return Error{"POSIX", code, std::string(what) + ": " + std::strerror(code)}; }
+Error posixFailure(const char* what, int code) {
+  return Error{"POSIX", code, std::string(what) + ": " + std::strerror(code)};
+}
 
 // Arms `timer` at an absolute moment that never comes, so that only a clock change ends the wait.
 // (The timer setting's type is taken from timerfd_settime itself.)
@@ -29,7 +31,8 @@ bool arm(int timer) { return armWith(timer, &::timerfd_settime); }
 TimerfdClockChangeSource::~TimerfdClockChangeSource() { stop(); }
 
 std::expected<void, Error> TimerfdClockChangeSource::start(Handler handler) {
-  if (worker_.joinable()) return std::unexpected(Error{"POSIX", EALREADY, "the clock change source is already started"});
+  if (worker_.joinable())
+    return std::unexpected(Error{"POSIX", EALREADY, "the clock change source is already started"});
   timer_ = ::timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK);
   stopEvent_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (timer_ < 0 || stopEvent_ < 0) {

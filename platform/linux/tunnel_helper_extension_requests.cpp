@@ -28,7 +28,7 @@ bool isExecutableFile(const std::filesystem::path& path) {
 }  // namespace
 
 std::optional<SystemExtensionProperties> readHelperVersionFile(const std::filesystem::path& file,
-                                                              std::string_view identifier) {
+                                                               std::string_view identifier) {
   auto text = readFile(file, 64 * 1024);
   if (!text) return std::nullopt;
   SystemExtensionProperties properties;
@@ -53,7 +53,8 @@ std::optional<SystemExtensionProperties> readHelperVersionFile(const std::filesy
 
 TunnelHelperExtensionRequests::TunnelHelperExtensionRequests(EventLoop& loop, Options options)
     : loop_(loop), options_(std::move(options)) {
-  if (options_.helperProgram.empty()) options_.helperProgram = options_.bundlePath / "libexec" / "norvik" / "norvik-tunnel";
+  if (options_.helperProgram.empty())
+    options_.helperProgram = options_.bundlePath / "libexec" / "norvik" / "norvik-tunnel";
 }
 
 std::filesystem::path TunnelHelperExtensionRequests::bundleOfRunningProgram() {
@@ -95,25 +96,25 @@ int TunnelHelperExtensionRequests::operatingSystemMajorVersion() const {
 
 void TunnelHelperExtensionRequests::submitPropertiesRequest(std::string identifier,
                                                             std::weak_ptr<SystemExtensionRequestDelegate> delegate) {
-  loop_.post([this, alive = std::weak_ptr<bool>(alive_), identifier = std::move(identifier),
-              delegate = std::move(delegate)] {
-    auto d = delegate.lock();
-    if (!alive.lock() || !d) return;
-    std::vector<SystemExtensionProperties> found;
-    // Activated once, and the program is still there to serve the tunnel.
-    if (identifier == kIdentifier && isExecutableFile(options_.helperProgram)) {
-      if (auto recorded = readHelperVersionFile(activationRecord(), identifier)) found.push_back(*recorded);
-    }
-    d->requestFoundProperties(found);
-  });
+  loop_.post(
+      [this, alive = std::weak_ptr<bool>(alive_), identifier = std::move(identifier), delegate = std::move(delegate)] {
+        auto d = delegate.lock();
+        if (!alive.lock() || !d) return;
+        std::vector<SystemExtensionProperties> found;
+        // Activated once, and the program is still there to serve the tunnel.
+        if (identifier == kIdentifier && isExecutableFile(options_.helperProgram)) {
+          if (auto recorded = readHelperVersionFile(activationRecord(), identifier)) found.push_back(*recorded);
+        }
+        d->requestFoundProperties(found);
+      });
 }
 
 void TunnelHelperExtensionRequests::submitActivationRequest(std::string identifier,
                                                             std::weak_ptr<SystemExtensionRequestDelegate> delegate) {
-  loop_.post([this, alive = std::weak_ptr<bool>(alive_), identifier = std::move(identifier),
-              delegate = std::move(delegate)] {
-    if (alive.lock()) activate(identifier, delegate);
-  });
+  loop_.post(
+      [this, alive = std::weak_ptr<bool>(alive_), identifier = std::move(identifier), delegate = std::move(delegate)] {
+        if (alive.lock()) activate(identifier, delegate);
+      });
 }
 
 void TunnelHelperExtensionRequests::activate(const std::string& identifier,
@@ -127,13 +128,15 @@ void TunnelHelperExtensionRequests::activate(const std::string& identifier,
                                                       fmt::format("Tunnel helper not found: {}", helper.string())));
   }
   if (::access(helper.c_str(), X_OK) != 0) {
-    return d->requestDidFail(makeSystemExtensionError(
-        SystemExtensionErrorCode::validationFailed, fmt::format("Tunnel helper is not executable: {}", helper.string())));
+    return d->requestDidFail(
+        makeSystemExtensionError(SystemExtensionErrorCode::validationFailed,
+                                 fmt::format("Tunnel helper is not executable: {}", helper.string())));
   }
   const SystemExtensionProperties replacement = carried();
   if (std::filesystem::exists(activationRecord(), ec)) {
-    const SystemExtensionProperties existing = readHelperVersionFile(activationRecord(), identifier)
-                                                   .value_or(SystemExtensionProperties{identifier, "", "", true, false});
+    const SystemExtensionProperties existing =
+        readHelperVersionFile(activationRecord(), identifier)
+            .value_or(SystemExtensionProperties{identifier, "", "", true, false});
     if (d->actionForReplacingExtension(existing, replacement) == SystemExtensionReplacementAction::cancel) {
       return d->requestDidFail(
           makeSystemExtensionError(SystemExtensionErrorCode::requestCanceled, "The request was canceled."));
@@ -143,7 +146,8 @@ void TunnelHelperExtensionRequests::activate(const std::string& identifier,
     return d->requestDidFail(makeSystemExtensionError(SystemExtensionErrorCode::unknown, made.error().description()));
   }
   if (auto written = writeFileAtomically(activationRecord(), recordText(replacement), 0600); !written) {
-    return d->requestDidFail(makeSystemExtensionError(SystemExtensionErrorCode::unknown, written.error().description()));
+    return d->requestDidFail(
+        makeSystemExtensionError(SystemExtensionErrorCode::unknown, written.error().description()));
   }
   d->requestDidFinish(SystemExtensionRequestResult::completed);
 }

@@ -36,9 +36,9 @@ class TunnelHelperExtensionRequests final : public SystemExtensionRequests {
   static constexpr std::string_view kIdentifier = "com.norvik.macos.tunnel";
 
   struct Options {
-    std::filesystem::path bundlePath;           // the installation prefix
-    std::filesystem::path stateDirectory;       // where the activation record lives
-    std::filesystem::path helperProgram{};      // empty: <bundle>/libexec/norvik/norvik-tunnel
+    std::filesystem::path bundlePath;       // the installation prefix
+    std::filesystem::path stateDirectory;   // where the activation record lives
+    std::filesystem::path helperProgram{};  // empty: <bundle>/libexec/norvik/norvik-tunnel
     std::string applicationsDirectory = "/usr/";
   };
 
@@ -69,6 +69,6 @@ class TunnelHelperExtensionRequests final : public SystemExtensionRequests {
 
 // Reads a version file of the helper; nothing when it is missing or names no bundle version.
 [[nodiscard]] std::optional<SystemExtensionProperties> readHelperVersionFile(const std::filesystem::path& file,
-                                                                            std::string_view identifier);
+                                                                             std::string_view identifier);
 
 }  // namespace norvik

@@ -40,8 +40,8 @@ class TunnelHelperExtensionRequestsTest : public ::testing::Test {
     ASSERT_TRUE(writeFileAtomically(helper.string() + ".version", version).has_value());
   }
 
-  std::shared_ptr<RecordingDelegate> activate(SystemExtensionReplacementAction answer =
-                                                  SystemExtensionReplacementAction::replace) {
+  std::shared_ptr<RecordingDelegate> activate(
+      SystemExtensionReplacementAction answer = SystemExtensionReplacementAction::replace) {
     auto delegate = std::make_shared<RecordingDelegate>();
     delegate->answer = answer;
     system_.submitActivationRequest(std::string(kId), delegate);

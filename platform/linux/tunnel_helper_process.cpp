@@ -105,7 +105,8 @@ std::expected<Child, Error> spawn(const std::vector<std::string>& args) {
 
 class PosixTunnelHelperProcess final : public TunnelHelperProcess {
  public:
-  PosixTunnelHelperProcess(EventLoop& loop, Child child, TunnelHelperCallbacks callbacks, std::chrono::milliseconds grace)
+  PosixTunnelHelperProcess(EventLoop& loop, Child child, TunnelHelperCallbacks callbacks,
+                           std::chrono::milliseconds grace)
       : loop_(loop), child_(child), grace_(grace), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     ::fcntl(child_.input, F_SETFL, O_NONBLOCK);
     auto shared = std::make_shared<TunnelHelperCallbacks>(std::move(callbacks));
@@ -180,15 +181,20 @@ class PosixTunnelHelperProcess final : public TunnelHelperProcess {
         if (input >= 0 && queue_.empty() && inputClosing_) closeFd(input);
         wantWrite = input >= 0 && !queue_.empty();
       }
-      pollfd fds[5] = {{output, POLLIN, 0}, {errors, POLLIN, 0}, {wake_, POLLIN, 0}, {wantWrite ? input : -1, POLLOUT, 0},
+      pollfd fds[5] = {{output, POLLIN, 0},
+                       {errors, POLLIN, 0},
+                       {wake_, POLLIN, 0},
+                       {wantWrite ? input : -1, POLLOUT, 0},
                        {exitWatch, POLLIN, 0}};
       if (::poll(fds, 5, -1) < 0 && errno != EINTR) break;
       if (fds[4].revents & POLLIN) {
         // What the helper wrote before it exited is still read; then its pipes are let go.
-        for (auto [fd, pending, isEvent] : {std::tuple{&output, &outLine, true}, std::tuple{&errors, &errLine, false}}) {
+        for (auto [fd, pending, isEvent] :
+             {std::tuple{&output, &outLine, true}, std::tuple{&errors, &errLine, false}}) {
           if (*fd < 0) continue;
           ::fcntl(*fd, F_SETFL, O_NONBLOCK);
-          for (ssize_t n; (n = ::read(*fd, buffer, sizeof buffer)) > 0;) pending->append(buffer, static_cast<std::size_t>(n));
+          for (ssize_t n; (n = ::read(*fd, buffer, sizeof buffer)) > 0;)
+            pending->append(buffer, static_cast<std::size_t>(n));
           deliver(*pending, isEvent);
           closeFd(*fd);
         }
@@ -280,7 +286,8 @@ std::expected<std::pair<int, std::string>, Error> runToEnd(const std::vector<std
     pollfd p{child->output, POLLIN, 0};
     ::poll(&p, 1, 20);
   }
-  for (ssize_t n; (n = ::read(child->output, buffer, sizeof buffer)) > 0;) out.append(buffer, static_cast<std::size_t>(n));
+  for (ssize_t n; (n = ::read(child->output, buffer, sizeof buffer)) > 0;)
+    out.append(buffer, static_cast<std::size_t>(n));
   ::close(child->output);
   ::close(child->errors);
   return std::pair{statusOf(raw), out};
@@ -333,7 +340,8 @@ std::optional<std::filesystem::path> findTunnelHelper() {
   return std::nullopt;
 }
 
-std::expected<void, std::string> probeTunnelHelper(const std::filesystem::path& helper, std::chrono::milliseconds timeout) {
+std::expected<void, std::string> probeTunnelHelper(const std::filesystem::path& helper,
+                                                   std::chrono::milliseconds timeout) {
   auto result = runToEnd({helper.string(), "probe"}, timeout);
   if (!result) return std::unexpected(fmt::format("{} probe: {}", helper.string(), result.error().message));
   if (result->first == 0) return {};

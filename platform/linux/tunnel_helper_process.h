@@ -70,7 +70,7 @@ class PosixTunnelHelperLauncher final : public TunnelHelperLauncher {
 
 // Runs "norvik-tunnel probe": whether this machine lets the helper create interfaces and run
 // userspace WireGuard. The error says what is missing. Blocking, at most `timeout`.
-[[nodiscard]] std::expected<void, std::string> probeTunnelHelper(const std::filesystem::path& helper,
-                                                                 std::chrono::milliseconds timeout = std::chrono::seconds(5));
+[[nodiscard]] std::expected<void, std::string> probeTunnelHelper(
+    const std::filesystem::path& helper, std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
 }  // namespace norvik

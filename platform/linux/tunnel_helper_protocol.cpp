@@ -11,12 +11,18 @@ std::string line(const Json& object) { return object.dump(-1, ' ', false, Json::
 
 std::string_view kindText(Event::Kind kind) {
   switch (kind) {
-    case Event::Kind::connecting: return "connecting";
-    case Event::Kind::connected: return "connected";
-    case Event::Kind::telemetry: return "telemetry";
-    case Event::Kind::failed: return "failed";
-    case Event::Kind::stopped: return "stopped";
-    default: return "stopped";
+    case Event::Kind::connecting:
+      return "connecting";
+    case Event::Kind::connected:
+      return "connected";
+    case Event::Kind::telemetry:
+      return "telemetry";
+    case Event::Kind::failed:
+      return "failed";
+    case Event::Kind::stopped:
+      return "stopped";
+    default:
+      return "stopped";
   }
 }
 
@@ -43,7 +49,8 @@ std::optional<T> get(const Json& object, const char* key) {
     if (it->is_string()) return it->get<std::string>();
   } else if constexpr (std::is_same_v<T, std::uint64_t>) {
     if (it->is_number_unsigned()) return it->get<std::uint64_t>();
-    if (it->is_number_integer() && it->get<std::int64_t>() >= 0) return static_cast<std::uint64_t>(it->get<std::int64_t>());
+    if (it->is_number_integer() && it->get<std::int64_t>() >= 0)
+      return static_cast<std::uint64_t>(it->get<std::int64_t>());
   } else if constexpr (std::is_same_v<T, std::int64_t>) {
     if (it->is_number_integer()) return it->get<std::int64_t>();
   }
@@ -95,7 +102,8 @@ std::string eventLine(const Event& event) {
     out["tx"] = event.telemetry->sentBytes;
     if (event.telemetry->lastHandshake) {
       out["lastHandshakeNs"] =
-          std::chrono::duration_cast<std::chrono::nanoseconds>(event.telemetry->lastHandshake->time_since_epoch()).count();
+          std::chrono::duration_cast<std::chrono::nanoseconds>(event.telemetry->lastHandshake->time_since_epoch())
+              .count();
     }
   }
   if (event.error) {
@@ -126,8 +134,8 @@ std::expected<Event, std::string> parseEvent(std::string_view text) {
     telemetry.receivedBytes = get<std::uint64_t>(*parsed, "rx").value_or(0);
     telemetry.sentBytes = get<std::uint64_t>(*parsed, "tx").value_or(0);
     if (auto ns = get<std::int64_t>(*parsed, "lastHandshakeNs")) {
-      telemetry.lastHandshake = Clock::TimePoint(
-          std::chrono::duration_cast<Clock::TimePoint::duration>(std::chrono::nanoseconds(*ns)));
+      telemetry.lastHandshake =
+          Clock::TimePoint(std::chrono::duration_cast<Clock::TimePoint::duration>(std::chrono::nanoseconds(*ns)));
     }
     if (!event.interfaceName.empty()) telemetry.interfaceName = event.interfaceName;
     event.telemetry = telemetry;

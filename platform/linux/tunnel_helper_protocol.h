@@ -28,7 +28,7 @@ struct Command {
   enum class Kind { start, telemetry, stop };
   Kind kind = Kind::stop;
   nlohmann::json configuration{};  // start: the provider configuration
-  std::uint64_t id = 0;          // telemetry: echoed in the answer
+  std::uint64_t id = 0;            // telemetry: echoed in the answer
 };
 
 [[nodiscard]] std::string startLine(const PropertyDictionary& providerConfiguration);

@@ -31,7 +31,8 @@ WireGuardTunnelService::~WireGuardTunnelService() {
 
 template <class Completion, class Value>
 void WireGuardTunnelService::answer(Completion completion, Value value) {
-  loop_.post([completion = std::move(completion), value = std::move(value)]() mutable { completion(std::move(value)); });
+  loop_.post(
+      [completion = std::move(completion), value = std::move(value)]() mutable { completion(std::move(value)); });
 }
 
 void WireGuardTunnelService::loadAllFromPreferences(ConfigurationsCompletion completion) {
@@ -52,7 +53,8 @@ void WireGuardTunnelService::saveToPreferences(TunnelConfiguration configuration
 
 void WireGuardTunnelService::loadFromPreferences(std::string identifier, ConfigurationCompletion completion) {
   using Result = std::expected<TunnelConfiguration, Error>;
-  if (const TunnelConfiguration* stored = store_.find(identifier)) return answer(std::move(completion), Result(*stored));
+  if (const TunnelConfiguration* stored = store_.find(identifier))
+    return answer(std::move(completion), Result(*stored));
   answer(std::move(completion), Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid))));
 }
 
@@ -74,7 +76,8 @@ std::expected<void, Error> WireGuardTunnelService::startVPNTunnel(const std::str
     return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid));
   }
   const TunnelStatus current = status(identifier);
-  if (current == TunnelStatus::connecting || current == TunnelStatus::connected || current == TunnelStatus::reasserting) {
+  if (current == TunnelStatus::connecting || current == TunnelStatus::connected ||
+      current == TunnelStatus::reasserting) {
     return {};
   }
   // The system runs one tunnel at a time.
@@ -204,10 +207,11 @@ void WireGuardTunnelService::onExit(const std::string& identifier, std::uint64_t
     if (session.stopRequested) {
       finishSession(identifier, std::nullopt, /*postUserStop=*/true);
     } else {
-      finishSession(identifier,
-                    session.helperError.value_or(makeNEVPNError(NEVPNErrorCode::connectionFailed,
-                                                                fmt::format("norvik-tunnel завершился (код {})", exitStatus))),
-                    /*postUserStop=*/false);
+      finishSession(
+          identifier,
+          session.helperError.value_or(makeNEVPNError(NEVPNErrorCode::connectionFailed,
+                                                      fmt::format("norvik-tunnel завершился (код {})", exitStatus))),
+          /*postUserStop=*/false);
     }
   }
   if (startAfterHelperEnds_) {
@@ -271,7 +275,8 @@ void WireGuardTunnelService::beginStop(const std::string& identifier) {
   });
 }
 
-void WireGuardTunnelService::finishSession(const std::string& identifier, std::optional<Error> error, bool postUserStop) {
+void WireGuardTunnelService::finishSession(const std::string& identifier, std::optional<Error> error,
+                                           bool postUserStop) {
   Session& session = sessions_[identifier];
   session.connectedAt.reset();
   session.disconnectError = std::move(error);
@@ -301,7 +306,8 @@ void WireGuardTunnelService::failTelemetry(const std::string& why) {
   telemetry_.clear();
   for (auto& [id, waiting] : pending) {
     waiting.timeout.cancel();
-    answer(std::move(waiting.completion), Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::connectionFailed, why))));
+    answer(std::move(waiting.completion),
+           Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::connectionFailed, why))));
   }
 }
 
@@ -335,8 +341,9 @@ void WireGuardTunnelService::fetchTelemetry(const std::string& identifier, Telem
     if (pending == self->telemetry_.end()) return;
     auto completion = std::move(pending->second.completion);
     self->telemetry_.erase(pending);
-    self->answer(std::move(completion), Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::connectionFailed,
-                                                                              "norvik-tunnel не ответил вовремя"))));
+    self->answer(
+        std::move(completion),
+        Result(std::unexpected(makeNEVPNError(NEVPNErrorCode::connectionFailed, "norvik-tunnel не ответил вовремя"))));
   });
   telemetry_.emplace(id, std::move(waiting));
   helper_->send(protocol::telemetryRequestLine(id));

@@ -65,9 +65,10 @@ class WireGuardTunnelServiceTest : public ::testing::Test {
     c.isEnabled = true;
     c.isOnDemandEnabled = onDemand;
     if (onDemand) c.onDemandRules = {OnDemandRule{}};
-    c.protocolConfiguration = TunnelProviderProtocol{"com.norvik.macos.tunnel", "10.200.0.1",
-                                                     {{"wgQuickConfig", "[Interface]\nPrivateKey = secret"},
-                                                      {"routing.goMode", "2"}}};
+    c.protocolConfiguration =
+        TunnelProviderProtocol{"com.norvik.macos.tunnel",
+                               "10.200.0.1",
+                               {{"wgQuickConfig", "[Interface]\nPrivateKey = secret"}, {"routing.goMode", "2"}}};
     std::string identifier;
     service_->saveToPreferences(c, [&](auto saved) { identifier = saved->identifier; });
     loop_.runUntilIdle();
@@ -238,7 +239,8 @@ TEST_F(WireGuardTunnelServiceTest, ARestartWaitsForThePreviousHelperToEnd) {
 }
 
 TEST_F(WireGuardTunnelServiceTest, RefusedStartsAndAHelperThatCannotRun) {
-  EXPECT_EQ(service_->startVPNTunnel("unknown", {}).error().code, static_cast<int>(NEVPNErrorCode::configurationInvalid));
+  EXPECT_EQ(service_->startVPNTunnel("unknown", {}).error().code,
+            static_cast<int>(NEVPNErrorCode::configurationInvalid));
   const std::string id = saveNorvik();
   launcher_->failLaunch = true;
   ASSERT_TRUE(service_->startVPNTunnel(id, {}).has_value());
@@ -270,7 +272,8 @@ TEST(TunnelHelperProtocolTest, EventsAndCommandsSurviveTheTripAndBadLinesAreRefu
   EXPECT_FALSE(protocol::parseEvent("[1,2]").has_value());
   EXPECT_FALSE(protocol::parseEvent("{\"event\":").has_value());
   EXPECT_EQ(protocol::parseCommand("{\"command\":\"telemetry\",\"id\":-1}").error(), "telemetry без id");
-  EXPECT_EQ(protocol::parseCommand("{\"command\":\"start\",\"configuration\":\"x\"}").error(), "start без configuration");
+  EXPECT_EQ(protocol::parseCommand("{\"command\":\"start\",\"configuration\":\"x\"}").error(),
+            "start без configuration");
   EXPECT_EQ(protocol::parseCommand(protocol::stopLine())->kind, protocol::Command::Kind::stop);
 }
 

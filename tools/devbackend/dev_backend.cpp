@@ -49,9 +49,9 @@ std::expected<FeedRelease, Error> feedRelease(const DevBackendOptions& options, 
 
 std::expected<FaultPlan, Error> faultPlanFrom(const DevBackendOptions& o) {
   FaultPlan faults;
-  for (const auto& [kind, texts] : {std::pair{FaultPlan::Kind::status, &o.statusFaults},
-                                    std::pair{FaultPlan::Kind::delay, &o.delayFaults},
-                                    std::pair{FaultPlan::Kind::malformed, &o.malformedFaults}}) {
+  for (const auto& [kind, texts] :
+       {std::pair{FaultPlan::Kind::status, &o.statusFaults}, std::pair{FaultPlan::Kind::delay, &o.delayFaults},
+        std::pair{FaultPlan::Kind::malformed, &o.malformedFaults}}) {
     for (const auto& text : *texts) {
       if (auto added = faults.add(kind, text); !added) return std::unexpected(configError(added.error()));
     }
@@ -63,14 +63,17 @@ std::expected<void, Error> checkOptions(const DevBackendOptions& o) {
   if (o.stateDir.empty()) return std::unexpected(configError("a state directory is required"));
   if (!o.apiBase.starts_with('/') || !o.apiBase.ends_with('/') || o.apiBase.starts_with("/admin/") ||
       o.apiBase.starts_with("/mac/")) {
-    return std::unexpected(configError(fmt::format("the API base must start and end with \"/\" and not lie under "
-                                                  "/admin/ or /mac/, found \"{}\"", o.apiBase)));
+    return std::unexpected(
+        configError(fmt::format("the API base must start and end with \"/\" and not lie under "
+                                "/admin/ or /mac/, found \"{}\"",
+                                o.apiBase)));
   }
   if (o.certificateFile.has_value() != o.keyFile.has_value()) {
     return std::unexpected(configError("a certificate needs its key, and a key its certificate"));
   }
   if (o.certificateFile && (o.writeCa || !o.extraNames.empty())) {
-    return std::unexpected(configError("writing the CA and extra names need the certificate made here (leave out the certificate and key)"));
+    return std::unexpected(configError(
+        "writing the CA and extra names need the certificate made here (leave out the certificate and key)"));
   }
   if (o.port < 0 || o.port > 65535) return std::unexpected(configError(fmt::format("no such port {}", o.port)));
   if (o.geoIPCount < 0 || o.geoIPCount > kMaxGeoIPEntries) {
@@ -78,11 +81,14 @@ std::expected<void, Error> checkOptions(const DevBackendOptions& o) {
   }
   if (auto faults = faultPlanFrom(o); !faults) return std::unexpected(faults.error());
   for (const auto& name : o.extraNames) {
-    if (!isCertificateName(name)) return std::unexpected(configError(fmt::format("\"{}\" is no host name or address", name)));
+    if (!isCertificateName(name))
+      return std::unexpected(configError(fmt::format("\"{}\" is no host name or address", name)));
   }
   if (!o.smartStatus.is_object()) return std::unexpected(configError("\"smart_status\" must be a JSON object"));
-  if (!o.mainPatch.is_null() && !o.mainPatch.is_object()) return std::unexpected(configError("the main patch must be a JSON object"));
-  if (!o.appUpdate.is_null() && !o.appUpdate.is_object()) return std::unexpected(configError("the update info must be a JSON object"));
+  if (!o.mainPatch.is_null() && !o.mainPatch.is_object())
+    return std::unexpected(configError("the main patch must be a JSON object"));
+  if (!o.appUpdate.is_null() && !o.appUpdate.is_object())
+    return std::unexpected(configError("the update info must be a JSON object"));
   return {};
 }
 
@@ -152,7 +158,8 @@ std::expected<void, Error> DevBackend::Impl::prepare() {
     auto text = readFile(*o.serversFile, 1u << 20);
     if (!text) return std::unexpected(text.error());
     auto servers = parseServerList(*text);
-    if (!servers) return std::unexpected(configError(fmt::format("server list {}: {}", o.serversFile->string(), servers.error())));
+    if (!servers)
+      return std::unexpected(configError(fmt::format("server list {}: {}", o.serversFile->string(), servers.error())));
     config.servers = std::move(*servers);
   } else {
     config.servers = defaultServers();
@@ -182,8 +189,8 @@ std::expected<void, Error> DevBackend::Impl::prepare() {
 std::expected<void, Error> DevBackend::Impl::listen(const TlsFiles& tls) {
   server = std::make_unique<httplib::SSLServer>(tls.certificate.c_str(), tls.key.c_str());
   if (!server->is_valid()) {
-    return std::unexpected(startError(fmt::format("the certificate {} or its key {} cannot be used",
-                                                  tls.certificate.string(), tls.key.string())));
+    return std::unexpected(startError(
+        fmt::format("the certificate {} or its key {} cannot be used", tls.certificate.string(), tls.key.string())));
   }
   server->new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
   server->set_payload_max_length(kMaxRequestBytes);
@@ -204,8 +211,8 @@ std::expected<void, Error> DevBackend::Impl::listen(const TlsFiles& tls) {
     port = server->bind_to_port(host, options.port) ? options.port : -1;
   }
   if (port <= 0) {
-    return std::unexpected(startError(fmt::format("cannot listen on {} port {} (in use, or no such address)", host,
-                                                  options.port)));
+    return std::unexpected(
+        startError(fmt::format("cannot listen on {} port {} (in use, or no such address)", host, options.port)));
   }
   thread = std::thread([this] { server->listen_after_bind(); });
   // stop() only reaches a server whose accept loop runs.

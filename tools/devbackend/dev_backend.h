@@ -41,7 +41,7 @@ struct DevBackendOptions {
   // Also write the made CA's PEM here, for `norvik --ca-file`.
   std::optional<std::filesystem::path> writeCa;
 
-  std::optional<std::filesystem::path> serversFile;  // else the two built-in servers
+  std::optional<std::filesystem::path> serversFile;                     // else the two built-in servers
   std::vector<std::string> statusFaults, delayFaults, malformedFaults;  // FaultPlan syntax
   bool newDevicesSubscribed = true;
   nlohmann::json smartStatus = {{"enabled", false}};

@@ -14,7 +14,9 @@ bool isLoopback(std::string_view address) {
   return address == "127.0.0.1" || address == "::1" || address == "::ffff:127.0.0.1";
 }
 
-BackendReply adminReply(int status, const json& body) { return {status, body.dump(2) + "\n", "application/json", {}, {}}; }
+BackendReply adminReply(int status, const json& body) {
+  return {status, body.dump(2) + "\n", "application/json", {}, {}};
+}
 BackendReply adminError(int status, std::string message) { return adminReply(status, {{"error", std::move(message)}}); }
 
 // The body as JSON; an empty body is an empty object.
@@ -105,16 +107,22 @@ BackendReply DevBackendService::handleAdmin(const BackendRequest& request) {
 
 BackendReply DevBackendService::setFaults(const json& body) {
   if (!body.is_object() || body.empty()) {
-    return adminError(400, R"(expected {"status": "main:503:10", "delay": "getkey:20000", "malformed": "main:1"}, each a string or an array of strings)");
+    return adminError(
+        400,
+        R"(expected {"status": "main:503:10", "delay": "getkey:20000", "malformed": "main:1"}, each a string or an array of strings)");
   }
   // Checked as a whole first, so that a bad entry changes nothing.
   FaultPlan updated = faults_;
   for (const auto& [key, value] : body.items()) {
     FaultPlan::Kind kind;
-    if (key == "status") kind = FaultPlan::Kind::status;
-    else if (key == "delay") kind = FaultPlan::Kind::delay;
-    else if (key == "malformed") kind = FaultPlan::Kind::malformed;
-    else return adminError(400, fmt::format("unknown fault kind \"{}\" (status, delay, malformed)", key));
+    if (key == "status")
+      kind = FaultPlan::Kind::status;
+    else if (key == "delay")
+      kind = FaultPlan::Kind::delay;
+    else if (key == "malformed")
+      kind = FaultPlan::Kind::malformed;
+    else
+      return adminError(400, fmt::format("unknown fault kind \"{}\" (status, delay, malformed)", key));
     const json list = value.is_array() ? value : json::array({value});
     for (const auto& text : list) {
       if (!text.is_string()) return adminError(400, fmt::format("{}: expected a string, found {}", key, text.dump()));

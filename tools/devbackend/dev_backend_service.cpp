@@ -39,7 +39,8 @@ std::string isoDate(std::int64_t seconds) {
 BackendReply refusal(Verdict verdict) {
   switch (verdict) {
     case Verdict::staleTimestamp:
-      return errorReply(401, "Ошибка авторизации", "Время запроса расходится с часами сервера. Проверьте часы устройства.");
+      return errorReply(401, "Ошибка авторизации",
+                        "Время запроса расходится с часами сервера. Проверьте часы устройства.");
     case Verdict::replayedNonce:
       return errorReply(401, "Ошибка авторизации", "Повторный запрос отклонён.");
     case Verdict::badIdentity:
@@ -54,9 +55,12 @@ BackendReply refusal(Verdict verdict) {
 
 BackendReply faultReply(int status) {
   switch (status) {
-    case 503: return errorReply(503, "Сервер перегружен", "Сервер перегружен. Попробуйте через несколько минут.");
-    case 429: return errorReply(429, "Слишком много запросов", "Подождите немного и попробуйте снова.");
-    default: return errorReply(status, "Ошибка сервера", fmt::format("Сервер ответил кодом {}.", status));
+    case 503:
+      return errorReply(503, "Сервер перегружен", "Сервер перегружен. Попробуйте через несколько минут.");
+    case 429:
+      return errorReply(429, "Слишком много запросов", "Подождите немного и попробуйте снова.");
+    default:
+      return errorReply(status, "Ошибка сервера", fmt::format("Сервер ответил кодом {}.", status));
   }
 }
 
@@ -67,9 +71,9 @@ std::string serverErrorBody(std::string_view title, std::string_view message) {
 }
 
 std::expected<std::unique_ptr<DevBackendService>, Error> DevBackendService::create(DevBackendConfig config,
-                                                                                  DeviceStore store, FaultPlan faults,
-                                                                                  Clock& clock, Crypto& crypto,
-                                                                                  Log& log) {
+                                                                                   DeviceStore store, FaultPlan faults,
+                                                                                   Clock& clock, Crypto& crypto,
+                                                                                   Log& log) {
   if (config.servers.empty()) return std::unexpected(Error{"DevBackend", 0, "no servers configured"});
   bool generated = false;
   for (auto& server : config.servers) {
@@ -225,8 +229,8 @@ Device& DevBackendService::ensureDevice(const std::string& vendorId) {
   Device device;
   device.createdAt = serverTime();
   device.subscriptionActive = config_.newDevicesSubscribed;
-  device.subExpireTs = config_.newDevicesSubscribed ? device.createdAt + config_.subscriptionLength.count()
-                                                    : device.createdAt;
+  device.subExpireTs =
+      config_.newDevicesSubscribed ? device.createdAt + config_.subscriptionLength.count() : device.createdAt;
   device.server = config_.servers.front().name;
   Device& stored = store_.insert(vendorId, std::move(device));
   log_.format("[devbackend] new device {} (subscription {})", devicePrefix(vendorId),
@@ -280,9 +284,10 @@ BackendReply DevBackendService::serveEndpoint(const std::string& endpoint, const
   if (endpoint == "add_push") return jsonReply(200, {{"update", "ok"}});
   if (endpoint == "st_open") return jsonReply(200, {{"store", 1}, {"link", "https://norvik.app/pay"}});
   if (endpoint == "cancel_sub_api") {
-    return jsonReply(200, {{"result", 1},
-                           {"title", "Автопродление отключено"},
-                           {"message", fmt::format("Подписка действует до {} и не продлится.", russianDate(device.subExpireTs))}});
+    return jsonReply(
+        200, {{"result", 1},
+              {"title", "Автопродление отключено"},
+              {"message", fmt::format("Подписка действует до {} и не продлится.", russianDate(device.subExpireTs))}});
   }
   if (endpoint == "request_move_code") {
     auto random = crypto_.randomBytes(4);
@@ -321,7 +326,8 @@ BackendReply DevBackendService::issueKey(const std::string& vendorId, const VpnS
   const Device before = device;
   std::string text = composeKeyText({pair->privateKey, *address + "/32", server.dns, server.publicKey,
                                      base64Encode(*preshared), server.allowedIPs, server.endpoint, 25});
-  store_.recordKey(device, text, IssuedKey{server.name, pair->publicKey, base64Encode(*preshared), *address, serverTime()});
+  store_.recordKey(device, text,
+                   IssuedKey{server.name, pair->publicKey, base64Encode(*preshared), *address, serverTime()});
   device.server = server.name;
   if (!persist()) {
     device = before;
@@ -353,10 +359,10 @@ void DevBackendService::feedServerPeer(const VpnServer& server, const std::strin
   };
   // The whole server identity each time, so that a device started after the backend still works.
   const std::string port = server.endpoint.substr(server.endpoint.rfind(':') + 1);
-  const std::string request =
-      fmt::format("set=1\nprivate_key={}\nlisten_port={}\npublic_key={}\npreshared_key={}\n"
-                  "replace_allowed_ips=true\nallowed_ip={}/32\n\n",
-                  hex(keys->second.privateKey), port, hex(clientPublicKey), hex(presharedKey), address);
+  const std::string request = fmt::format(
+      "set=1\nprivate_key={}\nlisten_port={}\npublic_key={}\npreshared_key={}\n"
+      "replace_allowed_ips=true\nallowed_ip={}/32\n\n",
+      hex(keys->second.privateKey), port, hex(clientPublicKey), hex(presharedKey), address);
   auto answer = tunnel_helper::uapiExchange(server.uapiSocket, request, std::chrono::seconds(2));
   std::expected<void, std::string> applied =
       answer ? tunnel_helper::parseUapiSetResponse(*answer) : std::unexpected(answer.error().message);

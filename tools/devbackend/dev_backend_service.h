@@ -85,9 +85,9 @@ class DevBackendService {
  public:
   // Fills in the server keys the list leaves out (generated once, kept in the store).
   [[nodiscard]] static std::expected<std::unique_ptr<DevBackendService>, Error> create(DevBackendConfig config,
-                                                                                      DeviceStore store,
-                                                                                      FaultPlan faults, Clock& clock,
-                                                                                      Crypto& crypto, Log& log);
+                                                                                       DeviceStore store,
+                                                                                       FaultPlan faults, Clock& clock,
+                                                                                       Crypto& crypto, Log& log);
 
   [[nodiscard]] BackendReply handle(const BackendRequest& request);
 

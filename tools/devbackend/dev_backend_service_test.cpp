@@ -52,7 +52,8 @@ class DevBackendServiceTest : public ::testing::Test {
   std::unique_ptr<DevBackendService> make(DevBackendConfig c, FaultPlan faults = {}) {
     auto store = DeviceStore::open(dir_ / "state.json");
     EXPECT_TRUE(store.has_value());
-    auto made = DevBackendService::create(std::move(c), std::move(*store), std::move(faults), serverClock_, crypto_, serverLog_);
+    auto made = DevBackendService::create(std::move(c), std::move(*store), std::move(faults), serverClock_, crypto_,
+                                          serverLog_);
     EXPECT_TRUE(made.has_value()) << made.error().message;
     testsupport::routeTo(transport_, **made);
     return std::move(*made);
@@ -92,7 +93,8 @@ class DevBackendServiceTest : public ::testing::Test {
     std::vector<std::string> out;
     const json document = admin("GET", "/admin/requests");
     for (const auto& r : document["requests"]) {
-      if (r["endpoint"] == endpoint) out.push_back(r[field].is_string() ? r[field].get<std::string>() : r[field].dump());
+      if (r["endpoint"] == endpoint)
+        out.push_back(r[field].is_string() ? r[field].get<std::string>() : r[field].dump());
     }
     return out;
   }
@@ -176,9 +178,9 @@ TEST_F(DevBackendServiceTest, GetKeyIssuesAFreshX25519KeyInTheRealKeyTextForm) {
   ASSERT_TRUE(first.has_value()) << first.error().message;
   ASSERT_TRUE(first->keyData.has_value());
   const std::string& text = *first->keyData;
-  const std::vector<std::string> expectedKeys = {"[Interface]", "PrivateKey", "Address", "DNS", "",
-                                                 "[Peer]", "PublicKey", "PresharedKey", "AllowedIPs", "Endpoint",
-                                                 "PersistentKeepalive"};
+  const std::vector<std::string> expectedKeys = {
+      "[Interface]", "PrivateKey",         "Address", "DNS", "", "[Peer]", "PublicKey", "PresharedKey", "AllowedIPs",
+      "Endpoint",    "PersistentKeepalive"};
   const auto textLines = lines(text);
   ASSERT_EQ(textLines.size(), expectedKeys.size()) << text;
   for (std::size_t i = 0; i < textLines.size(); ++i) {

@@ -103,7 +103,8 @@ TEST_F(DevBackendTest, FaultsGivenAtStartReachTheClient) {
 TEST_F(DevBackendTest, TheGeoIPListPassesTheClientsOwnReader) {
   auto backend = start();
   Client client(*backend);
-  auto download = client.await<NetworkService::GeoIPDownload>([&](auto done) { client.service.fetchGeoIP(std::move(done)); });
+  auto download =
+      client.await<NetworkService::GeoIPDownload>([&](auto done) { client.service.fetchGeoIP(std::move(done)); });
   ASSERT_TRUE(download.has_value());
   auto list = acceptGeoIPPayload(download->body);
   ASSERT_TRUE(list.has_value());
@@ -132,7 +133,8 @@ TEST_F(DevBackendTest, TheUpdateFeedOffersOneSignedReleaseTheClientCanVerify) {
   EXPECT_EQ(image->body.size(), *item.enclosureLength);
   const auto file = dir_ / "Norvik-1.1.0.dmg";
   ASSERT_TRUE(writeFileAtomically(file, image->body).has_value());
-  ASSERT_TRUE(backend->provisioning().updateEd25519PublicKey.has_value()) << "the written provisioning carries the feed key";
+  ASSERT_TRUE(backend->provisioning().updateEd25519PublicKey.has_value())
+      << "the written provisioning carries the feed key";
   const auto publicKey = parseEd25519PublicKey(*backend->provisioning().updateEd25519PublicKey).value();
   EXPECT_TRUE(verifyEd25519FileSignature(file, *item.edSignature, publicKey).has_value());
 
@@ -166,7 +168,7 @@ TEST_F(DevBackendTest, ARestartKeepsDevicesKeysAndCertificates) {
   auto written = loadProvisioning(*options.writeProvisioning);
   ASSERT_TRUE(written.has_value());
   EXPECT_EQ(written->apiHmacKey, backend->provisioning().apiHmacKey);
-  struct stat info{};
+  struct stat info {};
   ASSERT_EQ(::stat(options.writeProvisioning->c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 

@@ -45,8 +45,8 @@ bool stillValid(const std::filesystem::path& file) {
   auto pem = readFile(file, 1u << 20);
   if (!pem) return false;
   Bio bio(BIO_new_mem_buf(pem->data(), static_cast<int>(pem->size())), &BIO_free_all);
-  std::unique_ptr<X509, decltype(&X509_free)> cert(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr,
-                                                   &X509_free);
+  std::unique_ptr<X509, decltype(&X509_free)> cert(
+      bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr, &X509_free);
   if (!cert) return false;
   std::time_t tomorrow = std::time(nullptr) + 86400;
   return X509_cmp_current_time(X509_get0_notBefore(cert.get())) < 0 &&
@@ -136,7 +136,8 @@ std::expected<ProvisioningInUse, Error> prepareProvisioning(const std::filesyste
       if (!text) return std::unexpected(text.error());
       *key = std::move(*text);
     }
-    for (std::string* message : {&p.hmacMessage, &p.secondaryHmacMessage, &p.paymentHmacMessage, &p.supportHmacMessage}) {
+    for (std::string* message :
+         {&p.hmacMessage, &p.secondaryHmacMessage, &p.paymentHmacMessage, &p.supportHmacMessage}) {
       auto random = crypto.randomBytes(8);
       if (!random) return std::unexpected(random.error());
       *message = "devbackend-" + hexLower(*random);
@@ -163,7 +164,8 @@ bool isCertificateName(std::string_view name) {
 std::expected<TlsFiles, Error> prepareTls(const std::filesystem::path& stateDir,
                                           const std::vector<std::string>& extraNames) {
   for (const auto& name : extraNames) {
-    if (!isCertificateName(name)) return std::unexpected(materialError(fmt::format("\"{}\" is no host name or address", name)));
+    if (!isCertificateName(name))
+      return std::unexpected(materialError(fmt::format("\"{}\" is no host name or address", name)));
   }
   const auto dir = stateDir / "tls";
   TlsFiles files{dir / "server.pem", dir / "server.key", dir / "ca.pem"};
@@ -175,8 +177,8 @@ std::expected<TlsFiles, Error> prepareTls(const std::filesystem::path& stateDir,
   const auto namesFile = dir / "names.txt";
   auto recorded = readFile(namesFile, 1u << 16);
   std::error_code ec;
-  if (recorded && *recorded == names && std::filesystem::exists(files.key, ec) && std::filesystem::exists(*files.ca, ec) &&
-      stillValid(files.certificate)) {
+  if (recorded && *recorded == names && std::filesystem::exists(files.key, ec) &&
+      std::filesystem::exists(*files.ca, ec) && stillValid(files.certificate)) {
     return files;
   }
 
@@ -191,10 +193,10 @@ std::expected<TlsFiles, Error> prepareTls(const std::filesystem::path& stateDir,
     return std::unexpected(materialError(e.what()));
   }
   if (auto made = makeDirectories(dir, 0700); !made) return std::unexpected(made.error());
-  for (const auto& [file, text, mode] : {std::tuple{*files.ca, &pki.caCertificatePem, mode_t{0644}},
-                                         std::tuple{files.certificate, &pki.serverCertificatePem, mode_t{0644}},
-                                         std::tuple{files.key, &pki.serverKeyPem, mode_t{0600}},
-                                         std::tuple{namesFile, &names, mode_t{0644}}}) {
+  for (const auto& [file, text, mode] :
+       {std::tuple{*files.ca, &pki.caCertificatePem, mode_t{0644}},
+        std::tuple{files.certificate, &pki.serverCertificatePem, mode_t{0644}},
+        std::tuple{files.key, &pki.serverKeyPem, mode_t{0600}}, std::tuple{namesFile, &names, mode_t{0644}}}) {
     if (auto written = writeFileAtomically(file, *text, mode); !written) return std::unexpected(written.error());
   }
   return files;

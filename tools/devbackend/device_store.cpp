@@ -37,10 +37,14 @@ class FieldReader {
   template <class T>
   std::expected<T, std::string> typed(const json& value, const char* key) const {
     bool ok = false;
-    if constexpr (std::is_same_v<T, std::string>) ok = value.is_string();
-    else if constexpr (std::is_same_v<T, bool>) ok = value.is_boolean();
-    else if constexpr (std::is_same_v<T, std::int64_t>) ok = value.is_number_integer();
-    else if constexpr (std::is_same_v<T, json>) ok = true;
+    if constexpr (std::is_same_v<T, std::string>)
+      ok = value.is_string();
+    else if constexpr (std::is_same_v<T, bool>)
+      ok = value.is_boolean();
+    else if constexpr (std::is_same_v<T, std::int64_t>)
+      ok = value.is_number_integer();
+    else if constexpr (std::is_same_v<T, json>)
+      ok = true;
     if (!ok) {
       std::string shown = value.dump();
       if (shown.size() > 60) shown = shown.substr(0, 60) + "…";
@@ -54,8 +58,11 @@ class FieldReader {
 };
 
 json toJson(const IssuedKey& key) {
-  return {{"server", key.server},         {"public_key", key.publicKey}, {"preshared_key", key.presharedKey},
-          {"address", key.address},       {"issued_at", key.issuedAt}};
+  return {{"server", key.server},
+          {"public_key", key.publicKey},
+          {"preshared_key", key.presharedKey},
+          {"address", key.address},
+          {"issued_at", key.issuedAt}};
 }
 
 std::expected<IssuedKey, std::string> issuedKeyFrom(const json& value, const std::string& path) {

@@ -29,7 +29,7 @@ TEST_F(DeviceStoreTest, ARoundTripKeepsDevicesAndTheFileIsPrivate) {
   store.serverKeys()["nl-ams-1"] = GeneratedServerKey{"priv", "pub"};
   ASSERT_TRUE(store.save().has_value());
 
-  struct stat info{};
+  struct stat info {};
   ASSERT_EQ(::stat(file_.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u) << "the file holds the devices' keys";
 
@@ -84,7 +84,8 @@ TEST(ServerListTest, AListIsReadWithDefaultsAndItsErrorsNameTheEntry) {
   const std::pair<const char*, const char*> bad[] = {
       {R"([{"name": "a"}])", "server 1: \"endpoint\" is missing"},
       {R"([{"name": "a", "endpoint": "host"}])", "found \"host\""},
-      {R"([{"name": "a", "endpoint": "h:1"}, {"name": "a", "endpoint": "h:2"}])", "server 2: the name \"a\" is used twice"},
+      {R"([{"name": "a", "endpoint": "h:1"}, {"name": "a", "endpoint": "h:2"}])",
+       "server 2: the name \"a\" is used twice"},
       {R"([{"name": "a", "endpoint": "h:1", "public_key": "short"}])", "found \"short\""},
       {R"([{"name": "a", "endpoint": "h:1", "address_pool": "10.0.0.0/31"}])", "found \"10.0.0.0/31\""},
       {R"([{"name": 7, "endpoint": "h:1"}])", "\"name\" must be a string, found 7"},

@@ -43,9 +43,9 @@ struct MainInputs {
   std::int64_t serverTime = 0;        // this server's clock, seconds since 1970
   std::string geoIPVersion;
   std::string listsVersion;
-  nlohmann::json smartStatus;         // the "smart_status" object
+  nlohmann::json smartStatus;  // the "smart_status" object
   std::optional<std::string> linkDomain;
-  nlohmann::json patch;               // a JSON merge patch applied last (null: none)
+  nlohmann::json patch;  // a JSON merge patch applied last (null: none)
 };
 // An APIResponse document: "main" with its account, key, GeoIP, health and feature-flag values,
 // "info", "routing" and "sub_panel".

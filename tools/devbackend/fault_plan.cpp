@@ -37,10 +37,14 @@ std::size_t index(FaultPlan::Kind kind) { return static_cast<std::size_t>(kind);
 
 std::string_view toString(FaultPlan::Kind kind) {
   switch (kind) {
-    case FaultPlan::Kind::status: return "status";
-    case FaultPlan::Kind::delay: return "delay";
-    case FaultPlan::Kind::malformed: return "malformed";
-    default: return "unknown";
+    case FaultPlan::Kind::status:
+      return "status";
+    case FaultPlan::Kind::delay:
+      return "delay";
+    case FaultPlan::Kind::malformed:
+      return "malformed";
+    default:
+      return "unknown";
   }
 }
 
@@ -51,8 +55,8 @@ std::expected<void, std::string> FaultPlan::add(Kind kind, std::string_view text
   const bool takesValue = kind != Kind::malformed;
   const std::size_t minimum = takesValue ? 2 : 1;
   auto fail = [&](std::string_view why) {
-    const char* syntax = takesValue ? (kind == Kind::status ? "ENDPOINT:STATUS[:COUNT]" : "ENDPOINT:MS[:COUNT]")
-                                    : "ENDPOINT[:COUNT]";
+    const char* syntax =
+        takesValue ? (kind == Kind::status ? "ENDPOINT:STATUS[:COUNT]" : "ENDPOINT:MS[:COUNT]") : "ENDPOINT[:COUNT]";
     return std::unexpected(fmt::format("{} fault \"{}\": {} (expected {})", toString(kind), text, why, syntax));
   };
   if (parts.size() < minimum || parts.size() > minimum + 1) return fail("wrong number of fields");

@@ -51,9 +51,9 @@ TEST(FaultPlanTest, ANewFaultOfTheSameKindReplacesTheOldOne) {
 TEST(FaultPlanTest, BadFaultTextsAreRefusedAndQuoted) {
   FaultPlan plan;
   const std::pair<Kind, const char*> bad[] = {
-      {Kind::status, "main"},          {Kind::status, "main:99"},     {Kind::status, "main:503:0"},
-      {Kind::status, "main:503:x"},    {Kind::status, "mian:503"},    {Kind::delay, "getkey:-1"},
-      {Kind::delay, "getkey:600001"},  {Kind::malformed, "main:1:2"}, {Kind::status, "main:503:1:1"},
+      {Kind::status, "main"},         {Kind::status, "main:99"},     {Kind::status, "main:503:0"},
+      {Kind::status, "main:503:x"},   {Kind::status, "mian:503"},    {Kind::delay, "getkey:-1"},
+      {Kind::delay, "getkey:600001"}, {Kind::malformed, "main:1:2"}, {Kind::status, "main:503:1:1"},
       {Kind::malformed, ""},
   };
   for (const auto& [kind, text] : bad) {

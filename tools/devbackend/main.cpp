@@ -26,8 +26,10 @@ struct CommandLine {
 };
 
 std::filesystem::path defaultStateDir() {
-  if (const char* state = std::getenv("XDG_STATE_HOME"); state && *state) return std::filesystem::path(state) / "norvik-devbackend";
-  if (const char* home = std::getenv("HOME"); home && *home) return std::filesystem::path(home) / ".local/state/norvik-devbackend";
+  if (const char* state = std::getenv("XDG_STATE_HOME"); state && *state)
+    return std::filesystem::path(state) / "norvik-devbackend";
+  if (const char* home = std::getenv("HOME"); home && *home)
+    return std::filesystem::path(home) / ".local/state/norvik-devbackend";
   return "norvik-devbackend-state";
 }
 
@@ -40,9 +42,11 @@ void setUp(CLI::App& app, CommandLine& c) {
   app.add_option("--port-file", c.portFile, "Write the port here once listening");
   app.add_option("--api-base", o.apiBase, "Path of the API")->capture_default_str();
 
-  app.add_option("--provisioning", o.provisioningFile, "Use the keys of this provisioning file")->check(CLI::ExistingFile);
+  app.add_option("--provisioning", o.provisioningFile, "Use the keys of this provisioning file")
+      ->check(CLI::ExistingFile);
   app.add_option("--write-provisioning", o.writeProvisioning, "Write the keys in use here, for norvik --provisioning");
-  auto* cert = app.add_option("--cert", o.certificateFile, "Server certificate (PEM) of one's own")->check(CLI::ExistingFile);
+  auto* cert =
+      app.add_option("--cert", o.certificateFile, "Server certificate (PEM) of one's own")->check(CLI::ExistingFile);
   auto* key = app.add_option("--key", o.keyFile, "Its private key (PEM)")->check(CLI::ExistingFile);
   cert->needs(key);
   key->needs(cert);
@@ -54,13 +58,20 @@ void setUp(CLI::App& app, CommandLine& c) {
   app.add_option("--delay", o.delayFaults, "Hold answers back: ENDPOINT:MS[:COUNT] (repeatable)");
   app.add_option("--malformed", o.malformedFaults, "Answer with a broken body: ENDPOINT[:COUNT] (repeatable)");
   app.add_flag("--no-subscription", c.noSubscription, "New devices start without a subscription");
-  app.add_option("--smart-status", c.smartStatusFile, "The \"smart_status\" object to send (JSON file)")->check(CLI::ExistingFile);
-  app.add_option("--link-domain", o.linkDomain, "Announce this backend host in \"link_domain\" (the client then uses it)");
-  app.add_option("--main-patch", c.mainPatchFile, "JSON merge patch over every main document")->check(CLI::ExistingFile);
-  app.add_option("--app-update", c.appUpdateFile, "The \"update\" object of check_app_version (JSON file)")->check(CLI::ExistingFile);
-  app.add_option("--geoip-count", o.geoIPCount, "Ranges in the GeoIP list")->capture_default_str()->check(CLI::Range(0, 10000));
+  app.add_option("--smart-status", c.smartStatusFile, "The \"smart_status\" object to send (JSON file)")
+      ->check(CLI::ExistingFile);
+  app.add_option("--link-domain", o.linkDomain,
+                 "Announce this backend host in \"link_domain\" (the client then uses it)");
+  app.add_option("--main-patch", c.mainPatchFile, "JSON merge patch over every main document")
+      ->check(CLI::ExistingFile);
+  app.add_option("--app-update", c.appUpdateFile, "The \"update\" object of check_app_version (JSON file)")
+      ->check(CLI::ExistingFile);
+  app.add_option("--geoip-count", o.geoIPCount, "Ranges in the GeoIP list")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 10000));
   app.add_option("--feed-version", o.feedVersion, "Version the update feed offers")->capture_default_str();
-  app.add_option("--feed-file", o.feedFile, "Disk image the update feed offers (default: a stand-in)")->check(CLI::ExistingFile);
+  app.add_option("--feed-file", o.feedFile, "Disk image the update feed offers (default: a stand-in)")
+      ->check(CLI::ExistingFile);
   app.add_option("--clock-offset", c.clockOffset, "Seconds this server's clock runs ahead (negative: behind)");
 }
 
@@ -68,7 +79,8 @@ std::expected<nlohmann::json, std::string> readJson(const std::filesystem::path&
   auto text = norvik::readFile(file, 1u << 20);
   if (!text) return std::unexpected(text.error().message);
   auto json = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
-  if (json.is_discarded() || !json.is_object()) return std::unexpected(fmt::format("{}: not a JSON object", file.string()));
+  if (json.is_discarded() || !json.is_object())
+    return std::unexpected(fmt::format("{}: not a JSON object", file.string()));
   return json;
 }
 
@@ -76,8 +88,9 @@ int run(CommandLine& c) {
   auto& o = c.options;
   o.newDevicesSubscribed = !c.noSubscription;
   o.clockOffset = std::chrono::seconds(c.clockOffset);
-  for (const auto& [file, target] : {std::pair{&c.smartStatusFile, &o.smartStatus}, std::pair{&c.mainPatchFile, &o.mainPatch},
-                                     std::pair{&c.appUpdateFile, &o.appUpdate}}) {
+  for (const auto& [file, target] :
+       {std::pair{&c.smartStatusFile, &o.smartStatus}, std::pair{&c.mainPatchFile, &o.mainPatch},
+        std::pair{&c.appUpdateFile, &o.appUpdate}}) {
     if (!*file) continue;
     auto json = readJson(**file);
     if (!json) {
@@ -100,10 +113,11 @@ int run(CommandLine& c) {
     return backend.error().domain == norvik::devbackend::kConfigurationErrorDomain ? kUsage : kFailed;
   }
   // The copies written for the client, when asked for, are the files to hand to norvik.
-  const std::string ca = o.writeCa ? o.writeCa->string()
+  const std::string ca = o.writeCa                      ? o.writeCa->string()
                          : (*backend)->caFile().empty() ? std::string("(certificate of one's own)")
-                                                         : (*backend)->caFile().string();
-  const std::string provisioning = (o.writeProvisioning ? *o.writeProvisioning : (*backend)->provisioningFile()).string();
+                                                        : (*backend)->caFile().string();
+  const std::string provisioning =
+      (o.writeProvisioning ? *o.writeProvisioning : (*backend)->provisioningFile()).string();
   fmt::print("norvik-devbackend: listening on {}\n", (*backend)->url(""));
   fmt::print("  API:          {}\n", (*backend)->apiURL());
   fmt::print("  update feed:  {}\n", (*backend)->url("/mac/appcast.xml"));
@@ -111,8 +125,8 @@ int run(CommandLine& c) {
   fmt::print("  CA:           {}\n", ca);
   fmt::print("  provisioning: {}\n", provisioning);
   fmt::print("  state:        {}\n", (*backend)->stateFile().string());
-  fmt::print("  client:       norvik --backend {} --ca-file {} --provisioning {} debug api main\n", (*backend)->apiURL(),
-             ca, provisioning);
+  fmt::print("  client:       norvik --backend {} --ca-file {} --provisioning {} debug api main\n",
+             (*backend)->apiURL(), ca, provisioning);
   std::fflush(stdout);
   if (c.portFile) {
     if (auto written = norvik::writeFileAtomically(*c.portFile, fmt::format("{}\n", (*backend)->port())); !written) {

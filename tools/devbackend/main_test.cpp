@@ -78,8 +78,17 @@ TEST(DevBackendMainTest, TheCommandLineClientTalksToTheBackendItWasToldAbout) {
   const std::string origin = first.substr(first.find("https://"), first.size() - first.find("https://") - 1);
 
   auto norvik = [&](std::vector<std::string> args) {
-    std::vector<std::string> argv = {NORVIK_CLI_PATH, "--home", (dir / "home").string(), "--backend", origin + "/api/",
-                                     "--ca-file", ca.string(), "--provisioning", provisioning.string(), "debug", "api"};
+    std::vector<std::string> argv = {NORVIK_CLI_PATH,
+                                     "--home",
+                                     (dir / "home").string(),
+                                     "--backend",
+                                     origin + "/api/",
+                                     "--ca-file",
+                                     ca.string(),
+                                     "--provisioning",
+                                     provisioning.string(),
+                                     "debug",
+                                     "api"};
     argv.insert(argv.end(), args.begin(), args.end());
     return testing::runProcess(argv, {{"NORVIK_PROVISIONING", ""}});
   };

@@ -19,14 +19,22 @@ Verdict verdictFor(std::string_view reason) {
 
 std::string_view toString(Verdict verdict) {
   switch (verdict) {
-    case Verdict::ok: return "ok";
-    case Verdict::missingHeaders: return "missing_headers";
-    case Verdict::badTimestamp: return "bad_timestamp";
-    case Verdict::badSignature: return "bad_signature";
-    case Verdict::staleTimestamp: return "stale_timestamp";
-    case Verdict::replayedNonce: return "replayed_nonce";
-    case Verdict::badIdentity: return "bad_identity";
-    default: return "unknown";
+    case Verdict::ok:
+      return "ok";
+    case Verdict::missingHeaders:
+      return "missing_headers";
+    case Verdict::badTimestamp:
+      return "bad_timestamp";
+    case Verdict::badSignature:
+      return "bad_signature";
+    case Verdict::staleTimestamp:
+      return "stale_timestamp";
+    case Verdict::replayedNonce:
+      return "replayed_nonce";
+    case Verdict::badIdentity:
+      return "bad_identity";
+    default:
+      return "unknown";
   }
 }
 

@@ -48,10 +48,14 @@ std::expected<VpnServer, std::string> parseServer(const nlohmann::json& entry, s
     bool required;
   };
   const Field fields[] = {
-      {"name", &server.name, true},           {"endpoint", &server.endpoint, true},
-      {"location", &server.location, false},  {"public_key", &server.publicKey, false},
-      {"allowed_ips", &server.allowedIPs, false}, {"address_pool", &server.addressPool, false},
-      {"dns", &server.dns, false},            {"uapi_socket", &server.uapiSocket, false},
+      {"name", &server.name, true},
+      {"endpoint", &server.endpoint, true},
+      {"location", &server.location, false},
+      {"public_key", &server.publicKey, false},
+      {"allowed_ips", &server.allowedIPs, false},
+      {"address_pool", &server.addressPool, false},
+      {"dns", &server.dns, false},
+      {"uapi_socket", &server.uapiSocket, false},
   };
   for (const auto& field : fields) {
     auto it = entry.find(field.key);
@@ -84,7 +88,8 @@ std::expected<VpnServer, std::string> parseServer(const nlohmann::json& entry, s
 std::expected<AddressPool, std::string> AddressPool::parse(std::string_view cidr) {
   const auto slash = cidr.find('/');
   auto fail = [&] {
-    return std::unexpected(fmt::format("expected an IPv4 network such as 10.66.1.0/24 with a prefix of 8 to 30, found \"{}\"", cidr));
+    return std::unexpected(
+        fmt::format("expected an IPv4 network such as 10.66.1.0/24 with a prefix of 8 to 30, found \"{}\"", cidr));
   };
   if (slash == std::string_view::npos) return fail();
   const auto network = parseIPv4(cidr.substr(0, slash));
@@ -145,7 +150,8 @@ std::expected<std::vector<VpnServer>, std::string> parseServerList(std::string_v
     if (it == json.end()) return std::unexpected("expected {\"servers\": [ … ]} or an array of servers");
     list = &*it;
   }
-  if (!list->is_array()) return std::unexpected(fmt::format("the server list must be an array, found {}", quoted(*list)));
+  if (!list->is_array())
+    return std::unexpected(fmt::format("the server list must be an array, found {}", quoted(*list)));
   if (list->empty()) return std::unexpected("the server list is empty");
 
   std::vector<VpnServer> servers;

@@ -30,10 +30,10 @@ class AddressPool {
 
 // One VPN server a device can be placed on.
 struct VpnServer {
-  std::string name;        // stable identifier, also shown as "serverName"
-  std::string location;    // shown as "location"
-  std::string endpoint;    // "host:port" the client dials
-  std::string publicKey;   // the server's WireGuard public key; empty: generated and kept in the state
+  std::string name;       // stable identifier, also shown as "serverName"
+  std::string location;   // shown as "location"
+  std::string endpoint;   // "host:port" the client dials
+  std::string publicKey;  // the server's WireGuard public key; empty: generated and kept in the state
   std::string allowedIPs = "0.0.0.0/0, ::/0";
   std::string addressPool = "10.66.1.0/24";
   std::string dns = "1.1.1.1, 1.0.0.1";

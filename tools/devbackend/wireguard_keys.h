@@ -26,13 +26,13 @@ struct WireGuardKeyPair {
 
 // What goes into one key text, the configuration a device installs.
 struct KeyTextFields {
-  std::string privateKey;    // the device's
-  std::string address;       // the device's tunnel address with its prefix, "10.66.1.2/32"
-  std::string dns;           // "1.1.1.1, 1.0.0.1"
-  std::string peerPublicKey; // the server's
+  std::string privateKey;     // the device's
+  std::string address;        // the device's tunnel address with its prefix, "10.66.1.2/32"
+  std::string dns;            // "1.1.1.1, 1.0.0.1"
+  std::string peerPublicKey;  // the server's
   std::string presharedKey;
-  std::string allowedIPs;    // "0.0.0.0/0, ::/0"
-  std::string endpoint;      // "203.0.113.10:51820"
+  std::string allowedIPs;  // "0.0.0.0/0, ::/0"
+  std::string endpoint;    // "203.0.113.10:51820"
   int persistentKeepalive = 25;
 };
 
