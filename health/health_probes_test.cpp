@@ -150,7 +150,7 @@ TEST_F(HttpHealthProbesTest, TheInternetCheckEndsAtTheFirstAnswer) {
 
 TEST_F(HttpHealthProbesTest, EveryAnswerAndCertificateFailureFeedsTheClockCheck) {
   const auto policy = policyWith({"https://a.up/"}, {"https://b.down/"});
-  http.setHandler([this](const HttpRequest& request) -> HttpResult {
+  http.setHandler([](const HttpRequest& request) -> HttpResult {
     if (request.url.find(".up/") == std::string::npos) {
       auto failure = FakeHttpTransport::failure(NetworkErrorKind::other);
       failure.certificateOutOfDate = true;
