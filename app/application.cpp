@@ -9,7 +9,7 @@
 
 namespace norvik {
 
-Application::Application(AsioEventLoop& loop, AppPaths paths) : loop_(loop), paths_(std::move(paths)) {}
+Application::Application(EventLoop& loop, AppPaths paths) : loop_(loop), paths_(std::move(paths)) {}
 
 Application::~Application() { shutDown(); }
 
@@ -17,16 +17,31 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::crea
                                                                                    const ApplicationOptions& options) {
   using cli::ExitCode;
   using cli::failure;
-  std::unique_ptr<Application> app(new Application(loop, options.paths));
-
   auto platform = makeLinuxPlatform(loop, {options.paths, options.caFile, options.logToStderr});
   if (!platform) return failure(ExitCode::usage, platform.error().description());
-  app->platform_ = std::move(*platform);
-  Platform& p = app->platform_;
-
   auto notifications = InotifyNotificationCenter::open(loop, options.paths.runtime() / "notify");
   if (!notifications) return failure(ExitCode::usage, notifications.error().description());
-  app->notifications_ = std::move(*notifications);
+  // The real tunnel when this machine lets norvik-tunnel create interfaces, unless forced otherwise.
+  auto tunnels =
+      makeLinuxTunnelService({loop, *platform->clock, *platform->log, notifications->get(), options.tunnel,
+                              options.paths.home / "tunnel" / "preferences.json", options.simulatedConnectDelay});
+  if (!tunnels) return failure(ExitCode::usage, tunnels.error());
+  return assemble(
+      loop, options,
+      Adapters{std::move(*platform), std::move(*notifications), std::move(tunnels->service), std::move(tunnels->name)});
+}
+
+std::expected<std::unique_ptr<Application>, cli::CommandError> Application::assemble(EventLoop& loop,
+                                                                                     const ApplicationOptions& options,
+                                                                                     Adapters adapters) {
+  using cli::ExitCode;
+  using cli::failure;
+  std::unique_ptr<Application> app(new Application(loop, options.paths));
+  app->platform_ = std::move(adapters.platform);
+  app->notifications_ = std::move(adapters.notifications);
+  app->tunnels_ = std::move(adapters.tunnels);
+  app->tunnelServiceName_ = std::move(adapters.tunnelServiceName);
+  Platform& p = app->platform_;
 
   auto provisioningFile = provisioningPath(options.provisioning);
   if (!provisioningFile) {
@@ -55,14 +70,6 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::crea
       });
   app->network_ = std::make_unique<NetworkService>(loop, *p.http, *app->security_, *p.standardDefaults, *p.clock,
                                                    *p.log, std::move(networkConfig));
-
-  // The real tunnel when this machine lets norvik-tunnel create interfaces, unless forced otherwise.
-  auto tunnels =
-      makeLinuxTunnelService({loop, *p.clock, *p.log, app->notifications_.get(), options.tunnel,
-                              options.paths.home / "tunnel" / "preferences.json", options.simulatedConnectDelay});
-  if (!tunnels) return failure(ExitCode::usage, tunnels.error());
-  app->tunnels_ = std::move(tunnels->service);
-  app->tunnelServiceName_ = std::move(tunnels->name);
 
   // Everything that follows the main configuration exists before the first one is published.
   const auto geodata = options.paths.groupContainer() / "geodata";

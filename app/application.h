@@ -65,6 +65,19 @@ class Application {
  public:
   [[nodiscard]] static std::expected<std::unique_ptr<Application>, cli::CommandError> create(
       AsioEventLoop& loop, const ApplicationOptions& options);
+
+  // What the host lends the application: its services, the cross-process notifications and the
+  // tunnel service (which may refer to the first two; their objects keep their addresses when
+  // the bundle moves). create() brings the Linux ones; a host on another loop (virtual time, the
+  // fuzz target) brings its own and calls assemble().
+  struct Adapters {
+    Platform platform;
+    std::unique_ptr<NamedNotificationCenter> notifications;
+    std::unique_ptr<TunnelService> tunnels;
+    std::string tunnelServiceName;
+  };
+  [[nodiscard]] static std::expected<std::unique_ptr<Application>, cli::CommandError> assemble(
+      EventLoop& loop, const ApplicationOptions& options, Adapters adapters);
   Application(const Application&) = delete;
   Application& operator=(const Application&) = delete;
   ~Application();
@@ -73,7 +86,7 @@ class Application {
   // Stops timers and watchers; the loop can then end.
   void shutDown();
 
-  [[nodiscard]] AsioEventLoop& loop() { return loop_; }
+  [[nodiscard]] EventLoop& loop() { return loop_; }
   [[nodiscard]] const AppPaths& paths() const { return paths_; }
   [[nodiscard]] Platform& platform() { return platform_; }
   [[nodiscard]] NetworkService& network() { return *network_; }
@@ -98,7 +111,7 @@ class Application {
   static constexpr std::chrono::seconds kTrafficPollPeriod{5};
 
  private:
-  Application(AsioEventLoop& loop, AppPaths paths);
+  Application(EventLoop& loop, AppPaths paths);
 
   // The health check, the widget, the menu bar and the extension (application_surfaces.cpp).
   void createSurfaces();
@@ -106,7 +119,7 @@ class Application {
   void stopSurfaces();
   void pollTraffic();
 
-  AsioEventLoop& loop_;
+  EventLoop& loop_;
   AppPaths paths_;
   Platform platform_;
   std::unique_ptr<NamedNotificationCenter> notifications_;
