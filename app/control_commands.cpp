@@ -7,6 +7,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include "platform/weak_ptr_factory.h"
 #include "routing/routing_texts.h"
 
 namespace norvik {
@@ -69,13 +70,18 @@ class ControlCommands::Wait {
        std::function<void(const ControlReply&)> onTimeout)
       : reply_(std::move(reply)) {
     timer_.start(loop, limit, [this, onTimeout = std::move(onTimeout)] {
-      if (!done_) {
-        done_ = true;
-        onTimeout(reply_);
-      }
+      if (done_) return;
+      done_ = true;
       subscriptions_.clear();
+      // Last, and with a copy: the answer starts the connection's next request, which lets go of
+      // this wait.
+      const ControlReply reply = reply_;
+      onTimeout(reply);
     });
-    reply_.onClosed([this] { end(); });
+    // The connection outlives a wait that has answered (the next request lets go of it).
+    reply_.onClosed([weak = weakFactory_.weak()] {
+      if (auto* self = weak.lock()) self->end();
+    });
   }
 
   // Runs `decide` on every change; it answers (and returns true) when the outcome is known.
@@ -104,6 +110,7 @@ class ControlCommands::Wait {
   bool done_ = false;
   std::vector<Subscription> subscriptions_;
   OneShotTimer timer_;
+  WeakPtrFactory<Wait> weakFactory_{this};
 };
 
 ControlCommands::ControlCommands(Application& app) : app_(app) {}
