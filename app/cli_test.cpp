@@ -21,20 +21,7 @@ using testing::ServerRequest;
 
 class CliTest : public ::testing::Test {
  protected:
-  CliTest() {
-    const auto p = testing::testProvisioning();
-    const nlohmann::json file = {{"hmac_secret_key", p.hmacSecretKey},
-                                 {"api_hmac_key", p.apiHmacKey},
-                                 {"hmac_message", p.hmacMessage},
-                                 {"secondary_hmac_secret_key", p.secondaryHmacSecretKey},
-                                 {"secondary_hmac_message", p.secondaryHmacMessage},
-                                 {"payment_hmac_secret_key", p.paymentHmacSecretKey},
-                                 {"payment_hmac_message", p.paymentHmacMessage},
-                                 {"support_hmac_secret", p.supportHmacSecret},
-                                 {"support_hmac_message", p.supportHmacMessage},
-                                 {"aes_encryption_key", p.aesEncryptionKey}};
-    EXPECT_TRUE(writeFileAtomically(provisioning_, file.dump(), 0600));
-  }
+  CliTest() { EXPECT_TRUE(writeProvisioning(provisioning_, testing::testProvisioning())); }
 
   ProcessResult norvik(std::vector<std::string> args) {
     std::vector<std::string> argv = {NORVIK_CLI_PATH, "--home", home_.string()};

@@ -45,19 +45,9 @@ class UpdateCommandsTest : public ::testing::Test {
   }
 
   void provisionUpdateKey() {
-    const auto p = testing::testProvisioning();
-    const nlohmann::json file = {{"hmac_secret_key", p.hmacSecretKey},
-                                 {"api_hmac_key", p.apiHmacKey},
-                                 {"hmac_message", p.hmacMessage},
-                                 {"secondary_hmac_secret_key", p.secondaryHmacSecretKey},
-                                 {"secondary_hmac_message", p.secondaryHmacMessage},
-                                 {"payment_hmac_secret_key", p.paymentHmacSecretKey},
-                                 {"payment_hmac_message", p.paymentHmacMessage},
-                                 {"support_hmac_secret", p.supportHmacSecret},
-                                 {"support_hmac_message", p.supportHmacMessage},
-                                 {"aes_encryption_key", p.aesEncryptionKey},
-                                 {"update_ed25519_public_key", base64Encode(signer_.publicKey())}};
-    ASSERT_TRUE(writeFileAtomically(provisioning_, file.dump(), 0600));
+    auto p = testing::testProvisioning();
+    p.updateEd25519PublicKey = base64Encode(signer_.publicKey());
+    ASSERT_TRUE(writeProvisioning(provisioning_, p));
     provisioned_ = true;
   }
 

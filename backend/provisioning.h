@@ -32,6 +32,10 @@ struct Provisioning {
 // file and the field, and never quotes a value.
 [[nodiscard]] std::expected<Provisioning, Error> loadProvisioning(const std::filesystem::path& file);
 
+// Writes `p` as a provisioning file loadProvisioning() reads back (owner-only, its folder made if
+// missing).
+[[nodiscard]] std::expected<void, Error> writeProvisioning(const std::filesystem::path& file, const Provisioning& p);
+
 // The provisioning file named by `explicitPath`, else by $NORVIK_PROVISIONING; nothing when neither is set.
 [[nodiscard]] std::optional<std::filesystem::path> provisioningPath(
     const std::optional<std::filesystem::path>& explicitPath);

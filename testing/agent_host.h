@@ -174,18 +174,7 @@ class AgentHost {
   static constexpr std::string_view kSecondServer = "198.51.100.7";
 
   AgentHost() : asio_(1) {
-    const Provisioning keys = testProvisioning();
-    const nlohmann::json provisioning = {{"hmac_secret_key", keys.hmacSecretKey},
-                                         {"api_hmac_key", keys.apiHmacKey},
-                                         {"hmac_message", keys.hmacMessage},
-                                         {"secondary_hmac_secret_key", keys.secondaryHmacSecretKey},
-                                         {"secondary_hmac_message", keys.secondaryHmacMessage},
-                                         {"payment_hmac_secret_key", keys.paymentHmacSecretKey},
-                                         {"payment_hmac_message", keys.paymentHmacMessage},
-                                         {"support_hmac_secret", keys.supportHmacSecret},
-                                         {"support_hmac_message", keys.supportHmacMessage},
-                                         {"aes_encryption_key", keys.aesEncryptionKey}};
-    (void)writeFileAtomically(home_ / "provisioning.json", provisioning.dump());
+    (void)writeProvisioning(home_ / "provisioning.json", testProvisioning());
 
     Platform platform;
     auto log = std::make_unique<CapturingLog>();

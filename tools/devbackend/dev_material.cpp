@@ -100,24 +100,6 @@ std::expected<std::string, Error> FeedSigner::sign(std::string_view data) const 
   return base64Encode(signature);
 }
 
-std::expected<void, Error> writeProvisioning(const std::filesystem::path& file, const Provisioning& p) {
-  nlohmann::json json = {{"hmac_secret_key", p.hmacSecretKey},
-                         {"api_hmac_key", p.apiHmacKey},
-                         {"hmac_message", p.hmacMessage},
-                         {"secondary_hmac_secret_key", p.secondaryHmacSecretKey},
-                         {"secondary_hmac_message", p.secondaryHmacMessage},
-                         {"payment_hmac_secret_key", p.paymentHmacSecretKey},
-                         {"payment_hmac_message", p.paymentHmacMessage},
-                         {"support_hmac_secret", p.supportHmacSecret},
-                         {"support_hmac_message", p.supportHmacMessage},
-                         {"aes_encryption_key", p.aesEncryptionKey}};
-  if (p.updateEd25519PublicKey) json["update_ed25519_public_key"] = *p.updateEd25519PublicKey;
-  if (!file.parent_path().empty()) {
-    if (auto made = makeDirectories(file.parent_path(), 0700); !made) return std::unexpected(made.error());
-  }
-  return writeFileAtomically(file, json.dump(2) + "\n", 0600);
-}
-
 std::expected<ProvisioningInUse, Error> prepareProvisioning(const std::filesystem::path& stateDir,
                                                             const std::optional<std::filesystem::path>& explicitFile,
                                                             const std::string& updateKey, Crypto& crypto) {

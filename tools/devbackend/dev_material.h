@@ -45,9 +45,6 @@ struct ProvisioningInUse {
     const std::filesystem::path& stateDir, const std::optional<std::filesystem::path>& explicitFile,
     const std::string& updateKey, Crypto& crypto);
 
-// Writes `p` in the provisioning file format (JSON, 0600).
-[[nodiscard]] std::expected<void, Error> writeProvisioning(const std::filesystem::path& file, const Provisioning& p);
-
 // The TLS files the server uses.
 struct TlsFiles {
   std::filesystem::path certificate;
