@@ -69,7 +69,7 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
   ControlCommands commands(**app);
   auto server = ControlServer::open(
       loop, paths.runtime() / "agent.sock", log,
-      [&commands](const nlohmann::json& request, ControlReply reply) { commands.handle(request, std::move(reply)); });
+      [&commands](const nlohmann::json& request, const ControlReply& reply) { commands.handle(request, reply); });
   if (!server) return failure(ExitCode::usage, server.error().description());
 
   asio::signal_set signals(loop.context(), SIGINT, SIGTERM);

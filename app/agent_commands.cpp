@@ -96,7 +96,7 @@ CommandResult finishWith(const std::expected<Json, CommandError>& answer,
 
 void showProgress(const Json& line) {
   if (text(line, "event") == "progress") fmt::print("… {}\n", text(line, "busy"));
-  std::fflush(stdout);
+  (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
 }
 
 CommandResult runStatus(const GlobalOptions& global, bool asJson) {
@@ -119,7 +119,7 @@ CommandResult runAction(const GlobalOptions& global, std::string_view command) {
 
 bool askYesNo(const std::string& question) {
   fmt::print("{} [y/N] ", question);
-  std::fflush(stdout);
+  (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
   std::string reply;
   if (!std::getline(std::cin, reply)) return false;
   return reply == "y" || reply == "Y" || reply == "yes" || reply == "д" || reply == "Д" || reply == "да";
@@ -183,7 +183,7 @@ CommandResult runWatch(const GlobalOptions& global) {
   auto answer = exchange.run(Json{{"command", "watch"}}, [](const Json& line) {
     if (text(line, "event") != "status") return;
     fmt::print("{}\n", describe(line["status"]));
-    std::fflush(stdout);
+    (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
   });
   if (!answer) return std::unexpected(answer.error());
   return {};
@@ -205,7 +205,7 @@ CommandResult runLogs(const GlobalOptions& global, const LogsOptions& options) {
   }
   const std::size_t start = lineStarts.size() > options.lines ? lineStarts[lineStarts.size() - options.lines] : 0;
   fmt::print("{}", std::string_view(*content).substr(start));
-  std::fflush(stdout);
+  (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
   if (!options.follow) return {};
 
   // New lines as the agent writes them, until interrupted.
@@ -218,7 +218,7 @@ CommandResult runLogs(const GlobalOptions& global, const LogsOptions& options) {
     if (!now) break;
     if (now->size() < offset) offset = 0;  // rotated
     fmt::print("{}", std::string_view(*now).substr(offset));
-    std::fflush(stdout);
+    (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
     offset = now->size();
   }
   ::close(fd);

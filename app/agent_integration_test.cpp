@@ -9,6 +9,7 @@
 #include <fmt/chrono.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "platform/files.h"
 #include "platform/linux/curl_http_transport.h"
@@ -64,11 +65,14 @@ class AgentIntegrationTest : public ::testing::Test {
   }
 
   // The local backend's admin API.
-  Json admin(std::string method, std::string path, Json body = nullptr) {
+  Json admin(std::string method, const std::string& path, const Json& body = nullptr) {
     testing::VirtualEventLoop loop;
     auto http = CurlHttpTransport::create(loop, {ca_}).value();
-    HttpRequest request{
-        method, base_ + path, {{"Content-Type", "application/json"}}, body.is_null() ? "" : body.dump(), 10s};
+    HttpRequest request{std::move(method),
+                        base_ + path,
+                        {{"Content-Type", "application/json"}},
+                        body.is_null() ? "" : body.dump(),
+                        10s};
     auto result = http->perform(request);
     if (!result) return Json{{"transport_error", result.error().message}};
     return Json::parse(result->body, nullptr, false);
@@ -145,7 +149,7 @@ std::string askAgentRaw(const std::filesystem::path& socketPath, const std::stri
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
+  (void)std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
   std::string answer;
   if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
       ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size())) {
@@ -172,7 +176,7 @@ TEST_F(AgentIntegrationTest, ArgumentsOfTheWrongTypeAreAnsweredAndTheAgentCarrie
 TEST_F(AgentIntegrationTest, ASecondAgentIsRefusedAndTheFirstCarriesOn) {
   startAgent();
   auto argv = global();
-  argv.push_back("agent");
+  argv.emplace_back("agent");
   auto second = testing::runProcess(argv);
   EXPECT_EQ(second.exitStatus, 1);
   EXPECT_NE(second.err.find("Агент Norvik уже запущен"), std::string::npos) << second.err;
@@ -190,7 +194,7 @@ TEST_F(AgentIntegrationTest, AHomeThatCannotHoldTheStateIsAClearError) {
   ASSERT_TRUE(writeFileAtomically(dir_ / "not-a-directory", "x"));
   home_ = dir_ / "not-a-directory" / "home";
   auto argv = global();
-  argv.push_back("agent");
+  argv.emplace_back("agent");
   auto result = testing::runProcess(argv);
   EXPECT_EQ(result.exitStatus, 2);
   EXPECT_NE(result.err.find("not-a-directory"), std::string::npos) << result.err;

@@ -4,11 +4,14 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+
 #include "platform/linux/linux_platform.h"
 
 namespace norvik::cli {
 
-AppContext::AppContext(const GlobalOptions& options, AppPaths paths) : options_(options), paths_(std::move(paths)) {}
+AppContext::AppContext(GlobalOptions options, AppPaths paths)
+    : options_(std::move(options)), paths_(std::move(paths)) {}
 
 AppContext::~AppContext() {
   // Work still running on the workers may use the objects below; let it finish first.

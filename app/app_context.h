@@ -33,7 +33,7 @@ class AppContext {
   void runLoop();
 
  private:
-  AppContext(const GlobalOptions& options, AppPaths paths);
+  AppContext(GlobalOptions options, AppPaths paths);
 
   GlobalOptions options_;
   AppPaths paths_;

@@ -168,7 +168,7 @@ Json ControlCommands::status() {
 void ControlCommands::finishOk(const ControlReply& reply, std::string message) {
   Json line = {{"ok", true}, {"status", status()}};
   if (!message.empty()) line["message"] = std::move(message);
-  reply.finish(std::move(line));
+  reply.finish(line);
 }
 
 void ControlCommands::finishError(const ControlReply& reply, std::string_view code, std::string title,
@@ -179,22 +179,22 @@ void ControlCommands::finishError(const ControlReply& reply, std::string_view co
                     {"status", status()}});
 }
 
-void ControlCommands::handle(const Json& request, ControlReply reply) {
+void ControlCommands::handle(const Json& request, const ControlReply& reply) {
   const std::string command = request["command"].get<std::string>();
   if (command == "status") return finishOk(reply);
-  if (command == "connect") return connect(std::move(reply));
-  if (command == "disconnect") return disconnect(std::move(reply));
+  if (command == "connect") return connect(reply);
+  if (command == "disconnect") return disconnect(reply);
   if (command == "toggle") {
-    return isUp(app_.vpn().connectionState().get()) ? disconnect(std::move(reply)) : connect(std::move(reply));
+    return isUp(app_.vpn().connectionState().get()) ? disconnect(reply) : connect(reply);
   }
-  if (command == "change-server") return changeServer(std::move(reply));
-  if (command == "mode") return mode(request, std::move(reply));
-  if (command == "sites") return sites(request, std::move(reply));
-  if (command == "watch") return watch(std::move(reply));
+  if (command == "change-server") return changeServer(reply);
+  if (command == "mode") return mode(request, reply);
+  if (command == "sites") return sites(request, reply);
+  if (command == "watch") return watch(reply);
   finishError(reply, "usage", "", fmt::format("unknown command \"{}\"", command));
 }
 
-void ControlCommands::connect(ControlReply reply) {
+void ControlCommands::connect(const ControlReply& reply) {
   VPNManager& vpn = app_.vpn();
   VPNViewModel& home = app_.home();
   if (vpn.connectionState().get() == TunnelStatus::connected) return finishOk(reply, "VPN уже подключён");
@@ -228,7 +228,7 @@ void ControlCommands::connect(ControlReply reply) {
   if (!isUp(vpn.connectionState().get())) home.toggleVPN();
 }
 
-void ControlCommands::disconnect(ControlReply reply) {
+void ControlCommands::disconnect(const ControlReply& reply) {
   VPNManager& vpn = app_.vpn();
   const TunnelStatus state = vpn.connectionState().get();
   if (state == TunnelStatus::disconnected || state == TunnelStatus::invalid) return finishOk(reply, "VPN уже отключён");
@@ -246,7 +246,7 @@ void ControlCommands::disconnect(ControlReply reply) {
   vpn.disconnect();
 }
 
-void ControlCommands::changeServer(ControlReply reply) {
+void ControlCommands::changeServer(const ControlReply& reply) {
   VPNViewModel& home = app_.home();
   auto wait = std::make_unique<Wait>(app_.loop(), reply, kChangeServerLimit, [this](const ControlReply& r) {
     finishError(r, "failed", "Смена сервера", "Не удалось сменить сервер. Попробуйте позже.");
@@ -271,13 +271,13 @@ void ControlCommands::changeServer(ControlReply reply) {
   home.changeServerAction();
 }
 
-void ControlCommands::mode(const Json& request, ControlReply reply) {
+void ControlCommands::mode(const Json& request, const ControlReply& reply) {
   ModesStore& modes = app_.modes();
   if (!request.contains("set")) {
     Json allowed = Json::array();
     for (auto m : modes.allowedModes()) allowed.push_back(rawText(m));
     Json line = {{"ok", true}, {"status", status()}, {"allowed", allowed}};
-    return reply.finish(std::move(line));
+    return reply.finish(line);
   }
   const auto wanted = request["set"].is_string() ? modeNamed(request["set"].get<std::string>()) : std::nullopt;
   if (!wanted) return finishError(reply, "usage", "", "режим: full, smart или services");
@@ -308,11 +308,11 @@ void ControlCommands::mode(const Json& request, ControlReply reply) {
   finishOk(reply, std::string(routing_texts::label(now)));
 }
 
-void ControlCommands::sites(const Json& request, ControlReply reply) {
+void ControlCommands::sites(const Json& request, const ControlReply& reply) {
   ServiceCatalogStore& sites = app_.sites();
   const auto actionArgument = textArgument(request, "action", "list");
   const auto valueArgument = textArgument(request, "value", "");
-  if (!actionArgument || !valueArgument) return finishError(reply, "usage", "", "\"action\" and \"value\" are texts");
+  if (!actionArgument || !valueArgument) return finishError(reply, "usage", "", R"("action" and "value" are texts)");
   const std::string& action = *actionArgument;
   const std::string& value = *valueArgument;
   auto listing = [&] {
@@ -350,7 +350,7 @@ void ControlCommands::sites(const Json& request, ControlReply reply) {
   reply.finish(listing());
 }
 
-void ControlCommands::watch(ControlReply reply) {
+void ControlCommands::watch(const ControlReply& reply) {
   // Never finishes: the client ends it by hanging up.
   auto wait = std::make_unique<Wait>(app_.loop(), reply, std::chrono::hours(24 * 365), [](const ControlReply&) {});
   Wait* w = wait.get();

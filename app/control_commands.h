@@ -28,7 +28,7 @@ class ControlCommands {
   explicit ControlCommands(Application& app);
   ~ControlCommands();
 
-  void handle(const nlohmann::json& request, ControlReply reply);
+  void handle(const nlohmann::json& request, const ControlReply& reply);
 
   // The state as the command line shows it.
   [[nodiscard]] nlohmann::json status();
@@ -36,12 +36,12 @@ class ControlCommands {
  private:
   class Wait;
 
-  void connect(ControlReply reply);
-  void disconnect(ControlReply reply);
-  void changeServer(ControlReply reply);
-  void mode(const nlohmann::json& request, ControlReply reply);
-  void sites(const nlohmann::json& request, ControlReply reply);
-  void watch(ControlReply reply);
+  void connect(const ControlReply& reply);
+  void disconnect(const ControlReply& reply);
+  void changeServer(const ControlReply& reply);
+  void mode(const nlohmann::json& request, const ControlReply& reply);
+  void sites(const nlohmann::json& request, const ControlReply& reply);
+  void watch(const ControlReply& reply);
 
   void finishOk(const ControlReply& reply, std::string message = {});
   void finishError(const ControlReply& reply, std::string_view code, std::string title, std::string message);

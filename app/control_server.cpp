@@ -26,7 +26,7 @@ class ControlSession : public std::enable_shared_from_this<ControlSession> {
 
   void start() { readLine(); }
 
-  void send(nlohmann::json line, bool final) {
+  void send(const nlohmann::json& line, bool final) {
     if (closed_) return;
     outbox_.push_back(line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
     if (!writing_) writeNext();
@@ -118,11 +118,11 @@ class ControlSession : public std::enable_shared_from_this<ControlSession> {
   bool closeAfterWrite_ = false;
 };
 
-void ControlReply::event(nlohmann::json line) const {
-  if (auto session = session_.lock()) session->send(std::move(line), false);
+void ControlReply::event(const nlohmann::json& line) const {
+  if (auto session = session_.lock()) session->send(line, false);
 }
-void ControlReply::finish(nlohmann::json line) const {
-  if (auto session = session_.lock()) session->send(std::move(line), true);
+void ControlReply::finish(const nlohmann::json& line) const {
+  if (auto session = session_.lock()) session->send(line, true);
 }
 bool ControlReply::isOpen() const {
   auto session = session_.lock();
@@ -146,8 +146,8 @@ struct ControlServer::Impl {
 };
 
 std::expected<std::unique_ptr<ControlServer>, Error> ControlServer::open(AsioEventLoop& loop,
-                                                                         std::filesystem::path socketPath, Log& log,
-                                                                         RequestHandler handler) {
+                                                                         const std::filesystem::path& socketPath,
+                                                                         Log& log, RequestHandler handler) {
   if (socketPath.native().size() >= sizeof(sockaddr_un::sun_path)) {
     return std::unexpected(
         Error{"POSIX", ENAMETOOLONG, fmt::format("{}: the socket path is too long", socketPath.string())});

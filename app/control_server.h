@@ -25,9 +25,9 @@ class ControlReply {
   explicit ControlReply(std::weak_ptr<ControlSession> session) : session_(std::move(session)) {}
 
   // An intermediate line (a busy text, a state change).
-  void event(nlohmann::json line) const;
+  void event(const nlohmann::json& line) const;
   // The final line of this request.
-  void finish(nlohmann::json line) const;
+  void finish(const nlohmann::json& line) const;
   [[nodiscard]] bool isOpen() const;
   void onClosed(std::function<void()> handler) const;
 
@@ -45,11 +45,10 @@ class ControlReply {
 class ControlServer {
  public:
   static constexpr std::size_t kMaxLine = 64 * 1024;
-  using RequestHandler = std::function<void(const nlohmann::json& request, ControlReply reply)>;
+  using RequestHandler = std::function<void(const nlohmann::json& request, const ControlReply& reply)>;
 
-  [[nodiscard]] static std::expected<std::unique_ptr<ControlServer>, Error> open(AsioEventLoop& loop,
-                                                                                 std::filesystem::path socketPath,
-                                                                                 Log& log, RequestHandler handler);
+  [[nodiscard]] static std::expected<std::unique_ptr<ControlServer>, Error> open(
+      AsioEventLoop& loop, const std::filesystem::path& socketPath, Log& log, RequestHandler handler);
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
   ~ControlServer();

@@ -36,7 +36,7 @@ std::string exchangeRaw(const std::filesystem::path& path, const std::string& by
 class ControlServerTest : public ::testing::Test {
  protected:
   ControlServerTest() {
-    auto opened = ControlServer::open(loop_, path_, log_, [this](const Json& request, ControlReply reply) {
+    auto opened = ControlServer::open(loop_, path_, log_, [this](const Json& request, const ControlReply& reply) {
       ++handled_;
       if (request["command"] == "slow") {
         reply.event(Json{{"event", "progress"}, {"busy", "Подключаемся…"}});

@@ -23,15 +23,15 @@ std::string summarizeMainResponse(const APIResponse& r, std::string_view body) {
   };
 
   std::vector<std::string> sections{"main", "info"};
-  if (r.faq) sections.push_back("faq");
+  if (r.faq) sections.emplace_back("faq");
   if (r.routing) sections.push_back(where("routing"));
-  if (r.options) sections.push_back("tariffs");
-  if (r.serviceUser) sections.push_back("service_user");
+  if (r.options) sections.emplace_back("tariffs");
+  if (r.serviceUser) sections.emplace_back("service_user");
   if (r.subPanel) sections.push_back(where("sub_panel"));
   if (r.supportConfig) sections.push_back(where("support_config"));
   if (r.netProfile) sections.push_back(where("net_profile"));
-  if (r.main.smartStatus) sections.push_back("smart_status");
-  if (r.main.iosFixes) sections.push_back("iosFixes");
+  if (r.main.smartStatus) sections.emplace_back("smart_status");
+  if (r.main.iosFixes) sections.emplace_back("iosFixes");
 
   std::string out = "--- main configuration ---\n";
   out += fmt::format("sections:     {}\n", fmt::join(sections, ", "));

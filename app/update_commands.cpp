@@ -127,7 +127,7 @@ CommandResult runCheck(const GlobalOptions& global, const FeedOptions& options) 
   AppUpdater& updater = *session->updater;
 
   fmt::print("{}\n", update_texts::kConnecting);
-  std::fflush(stdout);
+  (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
   auto settled = [&] {
     return !updater.state().get().is<AppUpdateState::Checking>() && !updater.releaseNotesLoading().get();
   };
@@ -162,7 +162,7 @@ class ProgressPrinter {
     const std::string text = describe(state);
     if (!text.empty() && text != lastText_ && !state.is<AppUpdateState::Failed>()) fmt::print("{}\n", text);
     lastText_ = text;
-    std::fflush(stdout);
+    (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
   }
   void endBar() {
     if (barShown_) fmt::print("\n");
@@ -179,7 +179,7 @@ class ProgressPrinter {
         fmt::print("{}: {} / {} bytes\n", update_texts::kDownloading, d.received, *d.total);
       else
         fmt::print("{}: {} bytes\n", update_texts::kDownloading, d.received);
-      std::fflush(stdout);
+      (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
       return;
     }
     constexpr int kWidth = 30;
@@ -193,7 +193,7 @@ class ProgressPrinter {
       fmt::print("\r{} {} ({} bytes)\x1b[K", update_texts::kDownloading, bytesText(d.received), d.received);
     }
     barShown_ = true;
-    std::fflush(stdout);
+    (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
   }
 
   bool terminal_;

@@ -16,7 +16,11 @@ using testing::ProcessResult;
 using testing::ServerReply;
 using testing::ServerRequest;
 
-const std::string kImage(300 * 1024, 'N');
+// A function-local static: built on first use, not while the test program starts.
+const std::string& image() {
+  static const std::string kImage(300 * 1024, 'N');
+  return kImage;
+}
 
 class UpdateCommandsTest : public ::testing::Test {
  protected:
@@ -27,20 +31,20 @@ class UpdateCommandsTest : public ::testing::Test {
       if (r.path == "/mirror/mac/appcast.xml") return ServerReply{200, feed(), "application/xml"};
       if (r.path == "/notes/2.0.html")
         return ServerReply{200, "<h2>Что нового</h2><ul><li>Быстрее</li></ul>", "text/html"};
-      if (r.path == "/dl/Norvik-2.0.dmg") return ServerReply{200, kImage, "application/octet-stream"};
+      if (r.path == "/dl/Norvik-2.0.dmg") return ServerReply{200, image(), "application/octet-stream"};
       return ServerReply{404, "", "text/plain"};
     });
   }
 
   std::string feed() const {
     std::string signature;
-    if (signImage_) signature = " sparkle:edSignature=\"" + signer_.sign(kImage) + "\"";
+    if (signImage_) signature = " sparkle:edSignature=\"" + signer_.sign(image()) + "\"";
     return R"(<rss xmlns:sparkle="http://www.andymatuschak.org/xml-namespaces/sparkle"><channel><item>
       <title>Norvik 2.0</title><sparkle:version>2.0.0</sparkle:version><sparkle:shortVersionString>2.0</sparkle:shortVersionString>
       <sparkle:releaseNotesLink>)" +
            server_.url("/notes/2.0.html") + R"(</sparkle:releaseNotesLink>
       <enclosure url=")" +
-           server_.url("/dl/Norvik-2.0.dmg") + "\" length=\"" + std::to_string(kImage.size()) + "\"" + signature +
+           server_.url("/dl/Norvik-2.0.dmg") + "\" length=\"" + std::to_string(image().size()) + "\"" + signature +
            R"(/></item></channel></rss>)";
   }
 

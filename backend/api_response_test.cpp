@@ -94,8 +94,8 @@ TEST(DecodeAPIResponse, GeopWinsOverTheLegacyName) {
 
 TEST(DecodeAPIResponse, BadDocumentsFailWithoutThrowing) {
   for (std::string_view body :
-       {"", "[]", "null", "{\"main\": [], \"info\": {}}", "{\"main\": {\"main_text\": \"\xC3\x28\"}, \"info\": {}}",
-        "{\"main\": {}, \"info\": {}", "{\"main\": {}, \"info\": {}, \"sub_panel\": {}}"}) {
+       {"", "[]", "null", R"({"main": [], "info": {}})", "{\"main\": {\"main_text\": \"\xC3\x28\"}, \"info\": {}}",
+        R"({"main": {}, "info": {})", R"({"main": {}, "info": {}, "sub_panel": {}})"}) {
     EXPECT_FALSE(decodeAPIResponse(body).has_value()) << body;
   }
   const std::string deep = std::string(100000, '[') + std::string(100000, ']');

@@ -17,8 +17,8 @@ class BackendLocation {
   static constexpr std::string_view kApiPath = "/api/v1/";
 
   static BackendLocation builtIn();
-  // Fails with a readable reason when `url` is not an absolute http(s) URL with a host.
-  [[nodiscard]] static std::expected<BackendLocation, std::string> fromURL(std::string_view url);
+  // Fails with a readable reason when `text` is not an absolute http(s) URL with a host.
+  [[nodiscard]] static std::expected<BackendLocation, std::string> fromURL(std::string_view text);
 
   // The URL of `endpoint`, or nothing when none can be made. An announced domain that cannot be
   // read as a host is ignored.

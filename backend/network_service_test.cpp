@@ -22,7 +22,7 @@ using testing::ServerRequest;
 class NetworkServiceTest : public ::testing::Test, protected testing::BackendEnvironment {
  protected:
   NetworkService::BodyResult sendAndWait(NetworkService& service, const Endpoint& endpoint,
-                                         nlohmann::json params = nlohmann::json::object()) {
+                                         const nlohmann::json& params = nlohmann::json::object()) {
     std::optional<NetworkService::BodyResult> result;
     service.send(endpoint, params, [&](NetworkService::BodyResult r) { result = std::move(r); });
     EXPECT_TRUE(loop.runUntil([&] { return result.has_value(); }));

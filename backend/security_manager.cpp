@@ -175,7 +175,7 @@ void VendorIDWarmUp::attempt(int number) {
   // The read may wait on the secure store; it runs off the loop.
   runBlockingThenReply(
       loop_, [&security = security_] { return security.vendorID(); },
-      [weak = weakFactory_.weak(), number, generation = generation_](VendorID id) {
+      [weak = weakFactory_.weak(), number, generation = generation_](const VendorID& id) {
         auto self = weak.lock();
         if (!self || generation != self->generation_) return;
         self->onResult(number, id);

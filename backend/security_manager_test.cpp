@@ -11,11 +11,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const std::string kMirror = "ABCDEFGH-1111-4222-8333-444455556666";
+constexpr char kMirror[] = "ABCDEFGH-1111-4222-8333-444455556666";
 
 class SecurityManagerTest : public ::testing::Test, protected testing::BackendEnvironment {
  protected:
-  SecurityManager makeManager(Provisioning p) { return SecurityManager(p, store, defaults, crypto, clock, log); }
+  SecurityManager makeManager(const Provisioning& p) { return SecurityManager(p, store, defaults, crypto, clock, log); }
 };
 
 TEST_F(SecurityManagerTest, FirstRunStoresOneIdentifierThatEveryLaterReadReturns) {

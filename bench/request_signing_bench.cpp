@@ -92,9 +92,9 @@ void BM_Floor_BareOpenSsl(benchmark::State& state) {
     EVP_EncodeBlock(encoded, sealed, 64);
     unsigned char nonce[48];
     EVP_EncodeBlock(nonce, random + 12, 32);
-    std::string message = "{\"vendor_id\":\"";
+    std::string message = R"({"vendor_id":")";
     message.append(reinterpret_cast<char*>(encoded), 88);
-    message.append("\",\"version_info\":\"1.0.0\"}1800000000");
+    message.append(R"(","version_info":"1.0.0"}1800000000)");
     message.append(reinterpret_cast<char*>(nonce), 44);
     unsigned char mac[32];
     unsigned int macLength = 0;

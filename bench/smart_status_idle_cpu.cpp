@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -47,7 +48,14 @@ double cpuSeconds() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int seconds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 60;
+  int seconds = 60;
+  if (argc > 1) {
+    const std::string_view given = argv[1];
+    if (std::from_chars(given.data(), given.data() + given.size(), seconds).ec != std::errc{} || seconds < 1) {
+      (void)std::fprintf(stderr, "usage: smart_status_idle_cpu [SECONDS] [--off]\n");
+      return 2;
+    }
+  }
   const bool off = argc > 2 && std::strcmp(argv[2], "--off") == 0;
 
   // The server lives in a child until the parent closes the pipe; it reports its URL and CA file.
@@ -57,8 +65,10 @@ int main(int argc, char** argv) {
   if (child == 0) {
     close(toParent[0]);
     close(toChild[1]);
-    testing::LoopbackHttpsServer server;
-    server.setHandler([](const testing::ServerRequest&) { return testing::ServerReply{204, "", "text/plain"}; });
+    norvik::testing::LoopbackHttpsServer server;
+    server.setHandler([](const norvik::testing::ServerRequest&) {
+      return norvik::testing::ServerReply{204, "", "text/plain"};
+    });
     const std::string facts = server.url("/generate_204") + "\n" + server.caFile().string() + "\n";
     if (write(toParent[1], facts.data(), facts.size()) < 0) _exit(1);
     char byte;
@@ -80,13 +90,13 @@ int main(int argc, char** argv) {
 
   AsioEventLoop loop;
   SystemClock clock;
-  testing::CapturingLog log;
-  testing::CapturingAnalytics analytics;
-  testing::MemoryDefaults standard, group;
-  testing::FakeNamedNotifications notifications{loop};
+  norvik::testing::CapturingLog log;
+  norvik::testing::CapturingAnalytics analytics;
+  norvik::testing::MemoryDefaults standard, group;
+  norvik::testing::FakeNamedNotifications notifications{loop};
   SimulatedTunnelService tunnels{loop, clock, log, &notifications, {}};
   VPNManager vpn{{loop, tunnels, notifications, group, standard, clock, log, analytics}};
-  testing::FakePhysicalPathSource paths;
+  norvik::testing::FakePhysicalPathSource paths;
   PhysicalPathMonitor pathMonitor{paths, log};
   SmartStatusPolicyStore store{log, standard, clock, &pathMonitor};
   DeviceClockCheck clockCheck{loop, log};
@@ -127,7 +137,7 @@ int main(int argc, char** argv) {
   close(toChild[1]);
   waitpid(child, nullptr, 0);
   if (startCpu == 0) {
-    std::fprintf(stderr, "the tunnel never became %s\n", off ? "connected" : "protected");
+    (void)std::fprintf(stderr, "the tunnel never became %s\n", off ? "connected" : "protected");
     return 1;
   }
   std::printf("policy=%s seconds=%d cpu_ms=%.2f share_of_one_core=%.4f%% windows=%zu tunnel_probes_reached=%d\n",

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "testing/virtual_event_loop.h"
 
 namespace norvik {
@@ -10,7 +12,8 @@ namespace {
 using namespace std::chrono_literals;
 
 OverlayItem dialog(std::string identifier, std::function<void()> action = {}) {
-  return OverlayItem{OverlayItem::Kind::dialog, identifier, "Заголовок", "Текст", {{"OK", std::move(action)}}};
+  return OverlayItem{
+      OverlayItem::Kind::dialog, std::move(identifier), "Заголовок", "Текст", {{"OK", std::move(action)}}};
 }
 
 TEST(OverlayQueue, ShowsOneAtATimeInOrderAndNeverTheSameDialogTwice) {

@@ -41,7 +41,7 @@ std::optional<std::string> serverError(const VPNKeyResponse& r, bool& legacy) {
 // shows the old state until its first change arrives.
 class VPNViewModel::StateWait {
  public:
-  StateWait(EventLoop& loop, Published<TunnelStatus>& state, Verdict verdict, EventLoop::Duration limit,
+  StateWait(EventLoop& loop, Published<TunnelStatus>& state, const Verdict& verdict, EventLoop::Duration limit,
             std::move_only_function<void(bool)> then)
       : loop_(loop), then_(std::move(then)) {
     if (verdict(state.get()) == true) {
@@ -153,8 +153,9 @@ void VPNViewModel::showError(Action action, std::string_view title, std::string 
 
 void VPNViewModel::succeed(Action action) { finished_.emit(Outcome{action, true}); }
 
-void VPNViewModel::waitForTunnel(Verdict verdict, EventLoop::Duration limit, std::move_only_function<void(bool)> then) {
-  wait_ = std::make_unique<StateWait>(loop_, vpn_.connectionState(), std::move(verdict), limit, std::move(then));
+void VPNViewModel::waitForTunnel(const Verdict& verdict, EventLoop::Duration limit,
+                                 std::move_only_function<void(bool)> then) {
+  wait_ = std::make_unique<StateWait>(loop_, vpn_.connectionState(), verdict, limit, std::move(then));
 }
 
 std::optional<std::string> VPNViewModel::currentServerIP() {
@@ -440,12 +441,12 @@ void VPNViewModel::checkAndUpdateVPNKeyByFullConfig(const std::string& keyData, 
   installKeyIpConfig(keyData);
 }
 
-void VPNViewModel::installKeyIpConfig(std::string keyText) {
+void VPNViewModel::installKeyIpConfig(const std::string& keyText) {
   const bool wasUp = isUp(vpn_.connectionState().get());
   refreshing_ = true;
   operation_.set(Operation::keyInstallation);
   setBusy(busy_texts::refreshingKey());
-  vpn_.installKey(std::move(keyText), [weak = weakFactory_.weak(), wasUp](std::expected<void, Error> installed) {
+  vpn_.installKey(keyText, [weak = weakFactory_.weak(), wasUp](std::expected<void, Error> installed) {
     auto* self = weak.lock();
     if (!self) return;
     if (!installed) {

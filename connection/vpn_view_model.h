@@ -82,7 +82,7 @@ class VPNViewModel {
   void checkAndUpdateVPNKey(const APIResponse& response);
   void checkAndUpdateVPNKeyByFullConfig(const std::string& keyData, const APIResponse& response);
   // Installs a key received with a new server address and reconnects when the tunnel was up.
-  void installKeyIpConfig(std::string keyText);
+  void installKeyIpConfig(const std::string& keyText);
   [[nodiscard]] std::optional<std::string> currentServerIP();
   // Installs the built-in sample key (made-up values of the real form), for demonstrations.
   void installFakeVPNKey(std::move_only_function<void(bool)> done = nullptr);
@@ -125,7 +125,7 @@ class VPNViewModel {
   // Yes, no, or not yet, for a tunnel state.
   using Verdict = std::function<std::optional<bool>(TunnelStatus)>;
   // Waits until the verdict on a change of the tunnel state is yes or no, or `limit` passes (no).
-  void waitForTunnel(Verdict verdict, EventLoop::Duration limit, std::move_only_function<void(bool)> then);
+  void waitForTunnel(const Verdict& verdict, EventLoop::Duration limit, std::move_only_function<void(bool)> then);
 
   EventLoop& loop_;
   NetworkService& network_;

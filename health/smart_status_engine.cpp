@@ -413,7 +413,7 @@ void SmartStatusEngine::repair() {
   setHealth(SmartStatusHealth::of(Case::repairing));
   log_.format("[SmartStatus] починка {}/{}", cycle.repairsDone, cycle.policy.repairAttempts);
   vpn_.silentTunnelRestart(*cycle.token, cycle.policy.repairDelayMs, cycle.policy.repairConnectTimeoutMs,
-                           [weak = weakFactory_.weak(), id = cycle.id](VPNManager::SilentRestartResult result) {
+                           [weak = weakFactory_.weak(), id = cycle.id](const VPNManager::SilentRestartResult& result) {
                              if (auto* self = weak.lock()) self->onRepairDone(id, result);
                            });
 }

@@ -337,7 +337,8 @@ TEST_F(SmartStatusEngineTest, AColdStartWithoutAProofVerifiesAtOnce) {
 // --- Off, debug, dialogs and the toggle ---
 
 TEST_F(SmartStatusEngineTest, WithThePolicyOffTheEngineDoesNothingAtAll) {
-  for (auto policy : {std::optional<json>(), std::optional<json>(json{{"enabled", false}, {"verify_delay_ms", 0}})}) {
+  for (const auto& policy :
+       {std::optional<json>(), std::optional<json>(json{{"enabled", false}, {"verify_delay_ms", 0}})}) {
     testing::HealthStack stack;
     stack.usePolicy(policy);
     auto& engine = stack.makeEngine();

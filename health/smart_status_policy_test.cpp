@@ -19,6 +19,7 @@ SmartStatusPolicy resolve(const json& object) {
 
 std::vector<std::string> urls(const std::vector<ProbeURL>& list) {
   std::vector<std::string> out;
+  out.reserve(list.size());
   for (const auto& u : list) out.push_back(u.url);
   return out;
 }

@@ -38,11 +38,11 @@ TEST(Published, ObserversMayUnsubscribeOthersAndThemselvesWhileNotified) {
   std::optional<Subscription> first;
   std::optional<Subscription> second;
   first = value.subscribe([&](const int&) {
-    calls.push_back("first");
+    calls.emplace_back("first");
     first.reset();   // itself
     second.reset();  // the next one, before its turn
   });
-  second = value.subscribe([&](const int&) { calls.push_back("second"); });
+  second = value.subscribe([&](const int&) { calls.emplace_back("second"); });
   value.set(1);
   value.set(2);
   EXPECT_EQ(calls, (std::vector<std::string>{"first"}));

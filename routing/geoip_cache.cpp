@@ -82,8 +82,8 @@ void GeoIPCache::checkVersion(const std::string& version) {
   network_.fetchGeoIP([weak = weakFactory_.weak(), version](auto download) mutable {
     auto* self = weak.lock();
     if (!self) return;
-    if (!download) return self->onDownloaded(std::move(version), 0, std::unexpected(std::move(download.error())));
-    self->onDownloaded(std::move(version), download->attempt, std::move(download->body));
+    if (!download) return self->onDownloaded(version, 0, std::unexpected(std::move(download.error())));
+    self->onDownloaded(version, download->attempt, std::move(download->body));
   });
 }
 

@@ -63,8 +63,8 @@ TEST(GeoIPPayloadTest, AJsonEnvelopeCarriesTheListAsCidrsOrAsData) {
 
 TEST(GeoIPPayloadTest, RefusesJsonWithoutTheListAndBodiesTooSmallForIt) {
   const std::string padding(20000, ' ');
-  for (std::string body : {std::string(R"({"error":"maintenance"})"), R"({"cidrs":[]})" + padding,
-                           R"({"data":"   "})" + padding, "[\"1.0.0.0/8\"]" + padding, "{broken" + padding}) {
+  for (const std::string& body : {std::string(R"({"error":"maintenance"})"), R"({"cidrs":[]})" + padding,
+                                  R"({"data":"   "})" + padding, "[\"1.0.0.0/8\"]" + padding, "{broken" + padding}) {
     auto refused = acceptGeoIPPayload(body);
     ASSERT_FALSE(refused.has_value()) << body.substr(0, 30);
     EXPECT_EQ(refused.error().reason, GeoIPRejection::jsonWithoutCidrs) << body.substr(0, 30);
@@ -245,7 +245,7 @@ TEST(GeoIPCacheFileTest, AFullDiskLeavesThePreviousFileWhole) {
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
   const GeoIPWriteOutcome outcome = writeGeoIPCacheFile(dir.path(), *next);
   ::setrlimit(RLIMIT_FSIZE, &saved);
-  std::signal(SIGXFSZ, savedHandler);
+  (void)std::signal(SIGXFSZ, savedHandler);
 
   EXPECT_EQ(outcome.status, GeoIPWriteStatus::failed);
   ASSERT_TRUE(outcome.error.has_value());

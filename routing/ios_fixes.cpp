@@ -125,6 +125,7 @@ IOSFixesConfig decodeIOSFixesConfig(const nlohmann::json& object) {
 std::span<const std::string> iosFixesCachedIntegerKeys() {
   static const std::vector<std::string> keys = [] {
     std::vector<std::string> out;
+    out.reserve(std::size(kCached));
     for (const Flag& flag : kCached) out.push_back(std::string("iosFixes.") + flag.name);
     return out;
   }();

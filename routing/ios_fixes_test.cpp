@@ -24,37 +24,40 @@ class OrderedDefaults final : public Defaults {
 };
 
 // Every cached flag key, in the order the tunnel's readers expect them written.
-const std::vector<std::string> kWriteOrder = {
-    "iosFixes.iosFixedEnable",
-    "iosFixes.sockBufBytes",
-    "iosFixes.enobufsRetryCount",
-    "iosFixes.maxPaddingTransport",
-    "iosFixes.preallocBufsPerPool",
-    "iosFixes.useShortHeaderAfterHandshake",
-    "iosFixes.tunMTU",
-    "iosFixes.disableIPv6",
-    "iosFixes.selfCheckBlockSend",
-    "iosFixes.debugLogEnabled",
-    "iosFixes.smartIfaceProbeEnabled",
-    "iosFixes.preConnectNoInternet",
-    "iosFixes.rebuildHygiene",
-    "iosFixes.gvisorFlowBudget",
-    "iosFixes.extGcPercent",
-    "iosFixes.extMemLimitMb",
-    "iosFixes.hopHygiene",
-    "iosFixes.wakeRebind",
-    "iosFixes.wakeRebindNewPort",
-    "iosFixes.pathRebindCheck",
-    "iosFixes.diagRecorderEnabled",
-    "iosFixes.delkeyVerifyViaMain",
-    "iosFixes.healthCheckMode",
-    "iosFixes.selfHealMaxPerDay",
-    "iosFixes.reconnectWaitMs",
-    "iosFixes.diagExportRaw",
-    "iosFixes.keySoftDelete",
-    "iosFixes.keySoftDeleteDebug",
-    "iosFixes.everReceived",
-};
+const std::vector<std::string>& writeOrder() {
+  static const std::vector<std::string> kOrder = {
+      "iosFixes.iosFixedEnable",
+      "iosFixes.sockBufBytes",
+      "iosFixes.enobufsRetryCount",
+      "iosFixes.maxPaddingTransport",
+      "iosFixes.preallocBufsPerPool",
+      "iosFixes.useShortHeaderAfterHandshake",
+      "iosFixes.tunMTU",
+      "iosFixes.disableIPv6",
+      "iosFixes.selfCheckBlockSend",
+      "iosFixes.debugLogEnabled",
+      "iosFixes.smartIfaceProbeEnabled",
+      "iosFixes.preConnectNoInternet",
+      "iosFixes.rebuildHygiene",
+      "iosFixes.gvisorFlowBudget",
+      "iosFixes.extGcPercent",
+      "iosFixes.extMemLimitMb",
+      "iosFixes.hopHygiene",
+      "iosFixes.wakeRebind",
+      "iosFixes.wakeRebindNewPort",
+      "iosFixes.pathRebindCheck",
+      "iosFixes.diagRecorderEnabled",
+      "iosFixes.delkeyVerifyViaMain",
+      "iosFixes.healthCheckMode",
+      "iosFixes.selfHealMaxPerDay",
+      "iosFixes.reconnectWaitMs",
+      "iosFixes.diagExportRaw",
+      "iosFixes.keySoftDelete",
+      "iosFixes.keySoftDeleteDebug",
+      "iosFixes.everReceived",
+  };
+  return kOrder;
+}
 
 class IOSFixesCacheTest : public ::testing::Test {
  protected:
@@ -73,10 +76,10 @@ class IOSFixesCacheTest : public ::testing::Test {
 
 TEST_F(IOSFixesCacheTest, AbsentFlagsAreCachedAsZerosInOrderAndMarkedReceived) {
   respond(std::nullopt, std::nullopt);
-  EXPECT_EQ(group.order, kWriteOrder);
+  EXPECT_EQ(group.order, writeOrder());
   EXPECT_EQ(group.boolValue("iosFixes.iosFixedEnable"), false);
-  for (std::size_t i = 1; i + 1 < kWriteOrder.size(); ++i)
-    EXPECT_EQ(group.integerValue(kWriteOrder[i]), 0) << kWriteOrder[i];
+  for (std::size_t i = 1; i + 1 < writeOrder().size(); ++i)
+    EXPECT_EQ(group.integerValue(writeOrder()[i]), 0) << writeOrder()[i];
   EXPECT_EQ(group.boolValue("iosFixes.everReceived"), true);
   EXPECT_EQ(log.lines(),
             std::vector<std::string>{"[iosFixes] cached (non-sticky): enable=false  sockBuf=0  retry=0  pad=0  "

@@ -84,7 +84,7 @@ TEST_F(ModesStoreTest, AFreshInstallWithTheLegacyBypassOffStartsInFull) {
 }
 
 TEST_F(ModesStoreTest, OtherLegacyStatesStartInSmart) {
-  for (DefaultsValue legacy : {DefaultsValue{true}, DefaultsValue{std::string("false")}}) {
+  for (const DefaultsValue& legacy : {DefaultsValue{true}, DefaultsValue{std::string("false")}}) {
     testing::MemoryDefaults fresh;
     fresh.set(ModesStore::kRuBypass, legacy);
     ModesStore store(loop, fresh, responses, log);

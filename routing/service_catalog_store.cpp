@@ -155,7 +155,8 @@ void ServiceCatalogStore::removeCustomDomain(std::string_view domain) {
   assert(loop_.isLoopThread());
   auto it = findCustomDomain(domain);
   if (it == customDomains_.get().end()) return;
-  const std::string listed = *it;
+  // A copy: customDomains_.set below frees the list `it` points into, and `listed` is used after it.
+  const std::string listed = *it;  // NOLINT(performance-unnecessary-copy-initialization)
   auto domains = customDomains_.get();
   std::erase(domains, listed);
   defaults_.setStringArray(kCustomDomains, domains);
@@ -173,7 +174,7 @@ void ServiceCatalogStore::setCustomDomainEnabled(std::string_view domain, bool o
   assert(loop_.isLoopThread());
   auto it = findCustomDomain(domain);
   if (it == customDomains_.get().end()) return;
-  const std::string listed = *it;
+  const std::string& listed = *it;
   auto disabled = disabledDomains_.get();
   const bool isDisabled = std::ranges::find(disabled, listed) != disabled.end();
   if (on == !isDisabled) return;

@@ -213,7 +213,7 @@ class AgentHost {
     commands_ = std::make_unique<ControlCommands>(*app_);
     auto server = ControlServer::open(
         asio_, socketPath(), *log_,
-        [this](const nlohmann::json& request, ControlReply r) { commands_->handle(request, std::move(r)); });
+        [this](const nlohmann::json& request, const ControlReply& r) { commands_->handle(request, r); });
     if (!server) throw std::runtime_error("the control socket did not open: " + server.error().message);
     server_ = std::move(*server);
     app_->start();

@@ -30,7 +30,7 @@ std::optional<Bytes> unbase64(const std::string& text) {
       EVP_DecodeFinal(ctx.get(), out.data() + n, &tail) != 1) {
     return std::nullopt;
   }
-  out.resize(static_cast<std::size_t>(n + tail));
+  out.resize(static_cast<std::size_t>(n) + static_cast<std::size_t>(tail));
   return out;
 }
 
@@ -75,7 +75,8 @@ std::expected<VerifiedRequest, std::string> verifySignedRequest(const HttpHeader
       EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, sealed->data() + 12 + cipherLength) == 1 &&
       EVP_DecryptFinal_ex(ctx.get(), plain.data() + n, &tail) == 1;
   if (!opened) return std::unexpected("vendor_id does not open under the AES key");
-  out.vendorId.assign(reinterpret_cast<const char*>(plain.data()), static_cast<std::size_t>(n + tail));
+  out.vendorId.assign(reinterpret_cast<const char*>(plain.data()),
+                      static_cast<std::size_t>(n) + static_cast<std::size_t>(tail));
   return out;
 }
 

@@ -11,8 +11,6 @@
 
 #include "platform/files.h"
 
-extern char** environ;
-
 namespace norvik::testing {
 
 BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv, const std::filesystem::path& outputFile,
@@ -24,13 +22,15 @@ BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv, const
     if (!setEnv.contains(entry.substr(0, entry.find('=')))) envStrings.push_back(std::move(entry));
   }
   for (const auto& [name, value] : setEnv) {
-    if (!value.empty()) envStrings.push_back(name + "=" + value);
+    if (!value.empty()) envStrings.emplace_back(name).append("=").append(value);
   }
   std::vector<char*> envp;
+  envp.reserve(envStrings.size() + 1);
   for (auto& s : envStrings) envp.push_back(s.data());
   envp.push_back(nullptr);
   std::vector<std::string> args = argv;
   std::vector<char*> argp;
+  argp.reserve(args.size() + 1);
   for (auto& s : args) argp.push_back(s.data());
   argp.push_back(nullptr);
 

@@ -69,7 +69,7 @@ DownloadHandle FakeFileDownloader::download(DownloadRequest request, DownloadPro
   return handle;
 }
 
-void FakeFileDownloader::step(std::shared_ptr<Transfer> transfer) {
+void FakeFileDownloader::step(const std::shared_ptr<Transfer>& transfer) {
   if (transfer->cancelled->load()) {
     transfer->finish(std::unexpected(DownloadError{DownloadErrorKind::cancelled, "cancelled", std::nullopt, 0}));
     return;

@@ -36,7 +36,7 @@ class FakeFileDownloader final : public FileDownloader {
 
  private:
   struct Transfer;
-  void step(std::shared_ptr<Transfer> transfer);
+  void step(const std::shared_ptr<Transfer>& transfer);
 
   EventLoop& loop_;
   std::map<std::string, std::expected<std::string, DownloadError>> bodies_;

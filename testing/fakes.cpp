@@ -26,7 +26,7 @@ std::string VirtualClock::localDay(TimePoint moment) const {
 void CapturingLog::write(std::string_view line) {
   static const bool echo = std::getenv("NORVIK_TEST_LOG") != nullptr;
   std::lock_guard lock(mutex_);
-  if (echo) std::fprintf(stderr, "  log| %.*s\n", static_cast<int>(line.size()), line.data());
+  if (echo) (void)std::fprintf(stderr, "  log| %.*s\n", static_cast<int>(line.size()), line.data());
   lines_.emplace_back(line);
 }
 

@@ -9,8 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace norvik::testing {
 
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::map<std::string, std::string>& setEnv) {
@@ -21,13 +19,15 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const std::map<st
     if (!setEnv.contains(name)) envStrings.push_back(std::move(entry));
   }
   for (const auto& [name, value] : setEnv) {
-    if (!value.empty()) envStrings.push_back(name + "=" + value);
+    if (!value.empty()) envStrings.emplace_back(name).append("=").append(value);
   }
   std::vector<char*> envp;
+  envp.reserve(envStrings.size() + 1);
   for (auto& s : envStrings) envp.push_back(s.data());
   envp.push_back(nullptr);
   std::vector<std::string> args = argv;
   std::vector<char*> argp;
+  argp.reserve(args.size() + 1);
   for (auto& s : args) argp.push_back(s.data());
   argp.push_back(nullptr);
 

@@ -83,8 +83,8 @@ void VirtualEventLoop::runUntilIdle() {
     std::unique_lock lock(mutex_);
     if (ready_.empty() && blockingInFlight_ == 0) return;
     if (!changed_.wait_for(lock, kBlockingWorkLimit, [&] { return !ready_.empty() || blockingInFlight_ == 0; })) {
-      std::fprintf(stderr, "VirtualEventLoop: blocking work did not finish within %lld s\n",
-                   static_cast<long long>(kBlockingWorkLimit.count()));
+      (void)std::fprintf(stderr, "VirtualEventLoop: blocking work did not finish within %lld s\n",
+                         static_cast<long long>(kBlockingWorkLimit.count()));
       std::abort();
     }
   }

@@ -72,7 +72,7 @@ void MenuBarModel::rebuild() {
   menu_.set(std::move(menu));
 }
 
-void MenuBarModel::choose(const MenuBarItem& item) {
+void MenuBarModel::choose(const MenuBarItem& item) const {
   if (!item.enabled) return;
   auto call = [](const std::function<void()>& handler) {
     if (handler) handler();

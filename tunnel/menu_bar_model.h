@@ -64,7 +64,7 @@ class MenuBarModel {
   void setLaunchAtLogin(bool enabled);
 
   // Runs the handler of an item; a disabled item does nothing.
-  void choose(const MenuBarItem& item);
+  void choose(const MenuBarItem& item) const;
 
  private:
   void rebuild();

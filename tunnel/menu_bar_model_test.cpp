@@ -43,9 +43,9 @@ class MenuBarModelTest : public ::testing::Test {
   VPNManager vpn_{{loop_, tunnels_, notifications_, group_, standard_, clock_, log_, analytics_, {}}};
   std::vector<std::string> handled_;
   MenuBarModel model_{vpn_,
-                      {[this] { handled_.push_back("connect"); }, [this] { handled_.push_back("disconnect"); },
-                       [this](bool on) { handled_.push_back(on ? "login on" : "login off"); },
-                       [this] { handled_.push_back("open"); }, [this] { handled_.push_back("update"); }}};
+                      {[this] { handled_.emplace_back("connect"); }, [this] { handled_.emplace_back("disconnect"); },
+                       [this](bool on) { handled_.emplace_back(on ? "login on" : "login off"); },
+                       [this] { handled_.emplace_back("open"); }, [this] { handled_.emplace_back("update"); }}};
 };
 
 TEST_F(MenuBarModelTest, TheTitleAndTheFirstItemFollowTheTunnel) {

@@ -5,7 +5,7 @@
 namespace norvik {
 namespace {
 
-bool isUp(TunnelStatus status) {
+bool tunnelIsUp(TunnelStatus status) {
   return status == TunnelStatus::connected || status == TunnelStatus::connecting || status == TunnelStatus::reasserting;
 }
 
@@ -275,7 +275,7 @@ void SystemExtensionManager::onLaunchProperties(PropertiesResult result) {
     activate(false);
     return;
   }
-  replaceQuietly(*packaged, isUp(status));
+  replaceQuietly(*packaged, tunnelIsUp(status));
 }
 
 void SystemExtensionManager::replaceQuietly(std::string version, bool tunnelWasUp) {
@@ -283,7 +283,7 @@ void SystemExtensionManager::replaceQuietly(std::string version, bool tunnelWasU
   const std::int64_t attempts = standard_.integerForKey(key);
   if (attempts >= config_.quietRefreshAttemptLimit) {
     log_.format("[SysExtUpdate] {}: лимит попыток исчерпан, ждём подключения", version);
-    waitForUserConnect(std::move(version));
+    waitForUserConnect(version);
     return;
   }
   // Counted before the request, so that an attempt that never comes back (the application was
@@ -318,7 +318,7 @@ void SystemExtensionManager::onQuietOutcome(const std::string& version, bool tun
   }
 }
 
-void SystemExtensionManager::waitForUserConnect(std::string version) {
+void SystemExtensionManager::waitForUserConnect(const std::string& version) {
   // Once the user connects, the attempts start again: the tunnel is up, so a replacement now is
   // followed by a reconnect the user is there to see.
   userConnectWatch_ = vpn_.connectionState().subscribe([this, version](const TunnelStatus& status) {
@@ -333,7 +333,7 @@ void SystemExtensionManager::waitForUserConnect(std::string version) {
   });
 }
 
-void SystemExtensionManager::reconnectAfterReplacement(std::string version) {
+void SystemExtensionManager::reconnectAfterReplacement(const std::string& version) {
   if (reconnecting_) return;
   reconnecting_ = true;
   updateNotice_.emit("Обновление применяется, переподключаем…");

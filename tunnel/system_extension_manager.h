@@ -109,8 +109,8 @@ class SystemExtensionManager {
   void onLaunchProperties(PropertiesResult result);
   void replaceQuietly(std::string version, bool tunnelWasUp);
   void onQuietOutcome(const std::string& version, bool tunnelWasUp, const ActivationResult& result);
-  void waitForUserConnect(std::string version);
-  void reconnectAfterReplacement(std::string version);
+  void waitForUserConnect(const std::string& version);
+  void reconnectAfterReplacement(const std::string& version);
   void finishReconnect(const std::string& version, std::optional<std::string> failure);
 
   EventLoop& loop_;

@@ -32,7 +32,6 @@ std::string SysExtError::description() const {
     case Kind::translocated:
       return std::string(sysext_texts::kTranslocated);
     case Kind::failed:
-      break;
     default:
       break;
   }

@@ -128,7 +128,7 @@ bool VPNManager::softDeleteGateHolds(const TunnelConfiguration& configuration) c
 
 // --- Installing a key ---
 
-void VPNManager::installKey(std::string keyText, Done completion) {
+void VPNManager::installKey(const std::string& keyText, Done completion) {
   resetRepairToken();
   auto run = std::make_shared<InstallRun>();
   run->keyText = normalizeKeyText(keyText);
@@ -146,7 +146,7 @@ void VPNManager::installKey(std::string keyText, Done completion) {
     lastServerIP_ = run->serverAddress;
   }
   tunnels_.loadAllFromPreferences([weak = weakFactory_.weak(), run](auto loaded) mutable {
-    if (auto self = weak.lock()) self->onInstallLoaded(std::move(run), std::move(loaded));
+    if (auto self = weak.lock()) self->onInstallLoaded(run, std::move(loaded));
   });
 }
 
@@ -162,7 +162,7 @@ TunnelProviderProtocol VPNManager::makeProtocol(const InstallRun& run) const {
   return protocol;
 }
 
-void VPNManager::onInstallLoaded(std::shared_ptr<InstallRun> run,
+void VPNManager::onInstallLoaded(const std::shared_ptr<InstallRun>& run,
                                  std::expected<std::vector<TunnelConfiguration>, Error> loaded) {
   if (!loaded) {
     log_.format("Error loading preferences: {}", loaded.error().description());
@@ -172,7 +172,7 @@ void VPNManager::onInstallLoaded(std::shared_ptr<InstallRun> run,
     // The running tunnel cannot take a new key; it is stopped first, as the application.
     recordApplicationStop();
     stopAsApplication(*found, [weak = weakFactory_.weak(), run](TunnelConfiguration stopped) mutable {
-      if (auto self = weak.lock()) self->updateInPlace(std::move(run), std::move(stopped));
+      if (auto self = weak.lock()) self->updateInPlace(run, std::move(stopped));
     });
     return;
   }
@@ -189,11 +189,11 @@ void VPNManager::onInstallLoaded(std::shared_ptr<InstallRun> run,
       self->log_.format("Error on first save: {}", saved.error().description());
       return run->finish(std::unexpected(saved.error()));
     }
-    self->afterFirstSave(std::move(run), std::move(*saved));
+    self->afterFirstSave(run, std::move(*saved));
   });
 }
 
-void VPNManager::updateInPlace(std::shared_ptr<InstallRun> run, TunnelConfiguration configuration) {
+void VPNManager::updateInPlace(const std::shared_ptr<InstallRun>& run, TunnelConfiguration configuration) {
   configuration.protocolConfiguration = makeProtocol(*run);
   configuration.isEnabled = true;
   configuration.localizedDescription = std::string(kConfigurationName);
@@ -204,13 +204,13 @@ void VPNManager::updateInPlace(std::shared_ptr<InstallRun> run, TunnelConfigurat
       self->log_.format("Ошибка сохранения конфигурации: {}", saved.error().description());
       return run->finish(std::unexpected(saved.error()));
     }
-    self->afterFirstSave(std::move(run), std::move(*saved));
+    self->afterFirstSave(run, std::move(*saved));
   });
 }
 
 // The configuration is read back and saved a second time before it is trusted: a configuration
 // saved once is not always usable at once.
-void VPNManager::afterFirstSave(std::shared_ptr<InstallRun> run, TunnelConfiguration saved) {
+void VPNManager::afterFirstSave(const std::shared_ptr<InstallRun>& run, const TunnelConfiguration& saved) {
   auto weak = weakFactory_.weak();
   tunnels_.loadFromPreferences(saved.identifier, [weak, run](auto reloaded) mutable {
     auto self = weak.lock();
@@ -314,7 +314,7 @@ void VPNManager::decideStart(std::shared_ptr<ConnectRun> run) {
   // After a repair the previous error stays set, so a repaired configuration is saved again on
   // every pass and started only on the last one: a configuration the system has just re-enabled
   // is not always startable at once.
-  if (startable && (!run->previousError || run->recursion >= kRepairPasses)) return startTunnel(std::move(run));
+  if (startable && (!run->previousError || run->recursion >= kRepairPasses)) return startTunnel(run);
 
   manager.isEnabled = true;
   manager.localizedDescription = std::string(kConfigurationName);
@@ -332,7 +332,7 @@ void VPNManager::decideStart(std::shared_ptr<ConnectRun> run) {
   });
 }
 
-void VPNManager::startTunnel(std::shared_ptr<ConnectRun> run) {
+void VPNManager::startTunnel(const std::shared_ptr<ConnectRun>& run) {
   if (!tunnelManager_) return finishConnect(run, std::unexpected(Error{"", 0, "tunnelManager is nil"}));
   if (!tunnelManager_->protocolConfiguration) {
     return finishConnect(run, std::unexpected(Error{"", 0, "tunnelManager.connection is invalid"}));
@@ -378,7 +378,7 @@ void VPNManager::stopAsApplication(TunnelConfiguration configuration,
 void VPNManager::disconnect() {
   resetRepairToken();
   recordApplicationStop();
-  if (tunnelManager_) stopAsApplication(*tunnelManager_, [](TunnelConfiguration) {});
+  if (tunnelManager_) stopAsApplication(*tunnelManager_, [](const TunnelConfiguration&) {});
   // With self-heal on, a stop by the user means the user no longer wants the tunnel.
   if (group_.integerForKey("iosFixes.selfHealMaxPerDay") > 0) standard_.setBool("app.userIntentOn", false);
 }
@@ -401,7 +401,7 @@ void VPNManager::reconnectIfActive() {
     });
   });
   recordApplicationStop();
-  if (tunnelManager_) stopAsApplication(*tunnelManager_, [](TunnelConfiguration) {});
+  if (tunnelManager_) stopAsApplication(*tunnelManager_, [](const TunnelConfiguration&) {});
 }
 
 void VPNManager::save(TunnelConfiguration configuration, TunnelService::ConfigurationCompletion completion) {

@@ -75,7 +75,7 @@ class VPNManager {
   void start();
 
   // Installs or replaces the configuration from a key text.
-  void installKey(std::string keyText, Done completion);
+  void installKey(const std::string& keyText, Done completion);
   // Makes sure the configuration is enabled and named, applies the on-demand setting and starts
   // the tunnel. Completes when the start was accepted; the outcome follows in connectionState.
   void connect(Done completion);
@@ -185,13 +185,14 @@ class VPNManager {
   void connectPass(std::shared_ptr<ConnectRun> run);
   void onConnectLoaded(std::shared_ptr<ConnectRun> run, std::expected<std::vector<TunnelConfiguration>, Error> loaded);
   void decideStart(std::shared_ptr<ConnectRun> run);
-  void startTunnel(std::shared_ptr<ConnectRun> run);
+  void startTunnel(const std::shared_ptr<ConnectRun>& run);
   void finishConnect(const std::shared_ptr<ConnectRun>& run, std::expected<void, Error> result);
 
   // Install, step by step.
-  void onInstallLoaded(std::shared_ptr<InstallRun> run, std::expected<std::vector<TunnelConfiguration>, Error> loaded);
-  void updateInPlace(std::shared_ptr<InstallRun> run, TunnelConfiguration configuration);
-  void afterFirstSave(std::shared_ptr<InstallRun> run, TunnelConfiguration saved);
+  void onInstallLoaded(const std::shared_ptr<InstallRun>& run,
+                       std::expected<std::vector<TunnelConfiguration>, Error> loaded);
+  void updateInPlace(const std::shared_ptr<InstallRun>& run, TunnelConfiguration configuration);
+  void afterFirstSave(const std::shared_ptr<InstallRun>& run, const TunnelConfiguration& saved);
   [[nodiscard]] TunnelProviderProtocol makeProtocol(const InstallRun& run) const;
 
   // Stops `configuration`'s session as the application: on-demand off first, so the system does
@@ -217,7 +218,7 @@ class VPNManager {
   void onSoftRemoveLoaded(std::shared_ptr<SoftRemoveRun> run,
                           std::expected<std::vector<TunnelConfiguration>, Error> loaded);
   void saveSoftRemoveMarker(std::shared_ptr<SoftRemoveRun> run, const TunnelConfiguration& base, bool staleRetry);
-  void softRemoveFallback(std::shared_ptr<SoftRemoveRun> run, std::string identifier);
+  void softRemoveFallback(const std::shared_ptr<SoftRemoveRun>& run, const std::string& identifier);
   void finishSoftRemove(const std::shared_ptr<SoftRemoveRun>& run, SoftRemoveOutcome outcome);
   void escalate(std::int64_t fails, std::expected<void, Error> result, std::string keyText, Done completion);
   // Removes a marker left behind once soft removal was switched off.

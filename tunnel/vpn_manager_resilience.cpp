@@ -83,7 +83,7 @@ void VPNManager::onSoftRemoveLoaded(std::shared_ptr<SoftRemoveRun> run,
   if (!loaded) {
     log_.format("Soft-remove: error loading managers: {}", loaded.error().description());
     // Without the list the marker cannot be based on the stored copy; the key still goes.
-    if (tunnelManager_) return softRemoveFallback(std::move(run), tunnelManager_->identifier);
+    if (tunnelManager_) return softRemoveFallback(run, tunnelManager_->identifier);
     return finishSoftRemove(run, SoftRemoveOutcome::failed);
   }
   auto found = std::ranges::find(*loaded, std::optional<std::string>(kConfigurationName),
@@ -124,18 +124,18 @@ void VPNManager::saveSoftRemoveMarker(std::shared_ptr<SoftRemoveRun> run, const 
         if (!reloaded) {
           self->log_.format("Soft-remove save failed: {} → fallback removeFromPreferences",
                             reloaded.error().description());
-          return self->softRemoveFallback(std::move(run), identifier);
+          return self->softRemoveFallback(run, identifier);
         }
         self->saveSoftRemoveMarker(std::move(run), *reloaded, /*staleRetry=*/true);
       });
       return;
     }
     self->log_.format("Soft-remove save failed: {} → fallback removeFromPreferences", saved.error().description());
-    self->softRemoveFallback(std::move(run), identifier);
+    self->softRemoveFallback(run, identifier);
   });
 }
 
-void VPNManager::softRemoveFallback(std::shared_ptr<SoftRemoveRun> run, std::string identifier) {
+void VPNManager::softRemoveFallback(const std::shared_ptr<SoftRemoveRun>& run, const std::string& identifier) {
   recordApplicationStop();
   tunnels_.removeFromPreferences(identifier, [weak = weakFactory_.weak(), run, identifier](auto removed) {
     auto self = weak.lock();
@@ -252,7 +252,7 @@ void VPNManager::escalate(std::int64_t fails, std::expected<void, Error> result,
       self->standard_.remove(kSoftDeleteArmedKey);
       self->standard_.remove(kSoftDeleteFailsKey);
       self->log_.write("[VPNManager] [keySoftDelete] эскалация: чистая установка");
-      self->installKey(std::move(pending->first), std::move(pending->second));
+      self->installKey(pending->first, std::move(pending->second));
     };
     const TunnelConfiguration* found = findManager(*loaded);
     if (!found) return cleanInstall();
@@ -367,7 +367,7 @@ void VPNManager::silentTunnelRestart(RepairToken token, std::int64_t delayMs, st
 
   const EventLoop::TimePoint deadline = loop_.now() + kRestartDisconnectLimit;
   recordApplicationStop();
-  stopAsApplication(*tunnelManager_, [this, deadline](TunnelConfiguration) {
+  stopAsApplication(*tunnelManager_, [this, deadline](const TunnelConfiguration&) {
     if (!silentRestart_) return;
     pollRestart(TunnelStatus::disconnected, deadline, [this](bool down) {
       if (!down) {

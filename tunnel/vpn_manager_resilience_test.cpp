@@ -307,8 +307,8 @@ TEST_F(VPNManagerResilienceTest, ASilentRestartBringsTheTunnelBackWithoutShowing
   std::vector<Status> shown;
   auto watch = manager_->connectionState().subscribe([&](const Status& s) { shown.push_back(s); });
   std::optional<Restart> first, second;
-  manager_->silentTunnelRestart(500, 5000, [&](Restart r) { first = r; });
-  manager_->silentTunnelRestart(500, 5000, [&](Restart r) { second = r; });
+  manager_->silentTunnelRestart(500, 5000, [&](const Restart& r) { first = r; });
+  manager_->silentTunnelRestart(500, 5000, [&](const Restart& r) { second = r; });
   loop_.runUntil([&] { return first.has_value(); });
   EXPECT_EQ(second, (Restart{false, "precondition", "починка уже идёт"}));
   EXPECT_EQ(first, (Restart{true, "", ""}));
@@ -347,7 +347,7 @@ TEST_F(VPNManagerResilienceTest, ARestartThatAPreconditionBlocksTouchesNothing) 
 TEST_F(VPNManagerResilienceTest, AUserActionDuringTheRestartStopsItBeforeTheTunnelComesBack) {
   bringUp();
   std::optional<Restart> result;
-  manager_->silentTunnelRestart(2000, 5000, [&](Restart r) { result = r; });
+  manager_->silentTunnelRestart(2000, 5000, [&](const Restart& r) { result = r; });
   loop_.advance(500ms);
   manager_->disconnect();
   loop_.advance(2s);
@@ -358,7 +358,7 @@ TEST_F(VPNManagerResilienceTest, AUserActionDuringTheRestartStopsItBeforeTheTunn
   bringUp();
   service_.setConnectHangs(true);
   result.reset();
-  manager_->silentTunnelRestart(0, 5000, [&](Restart r) { result = r; });
+  manager_->silentTunnelRestart(0, 5000, [&](const Restart& r) { result = r; });
   loop_.advance(1s);  // waiting for connected
   manager_->disconnect();
   loop_.advance(100ms);
@@ -383,7 +383,7 @@ TEST_F(VPNManagerResilienceTest, ARestartWhoseStartFailsLeavesTheDropToSelfHeal)
   group_.setInteger("iosFixes.selfHealMaxPerDay", 1);
   bringUp();
   std::optional<Restart> result;
-  manager_->silentTunnelRestart(6000, 5000, [&](Restart r) { result = r; });
+  manager_->silentTunnelRestart(6000, 5000, [&](const Restart& r) { result = r; });
   loop_.advance(1s);
   service_.failNextLoadAll(makeNEVPNError(NEVPNErrorCode::configurationReadWriteFailed, "locked"));
   loop_.advance(6s);

@@ -26,9 +26,9 @@ class VPNManagerTest : public ::testing::Test {
                                                                  clock_, log_, analytics_, [this] { return extras_; }});
   }
 
-  std::expected<void, Error> install(std::string key = kManagerKey) {
+  std::expected<void, Error> install(const std::string& key = kManagerKey) {
     std::optional<std::expected<void, Error>> result;
-    manager_->installKey(std::move(key), [&](auto r) { result = std::move(r); });
+    manager_->installKey(key, [&](auto r) { result = std::move(r); });
     loop_.runUntil([&] { return result.has_value(); });
     return *result;
   }

@@ -58,15 +58,15 @@ class WidgetCommandCenterTest : public ::testing::Test {
   std::unique_ptr<WidgetCommandCenter> makeCenter() {
     WidgetCommandCenter::Actions actions{
         [this] {
-          actions_.push_back("connect");
+          actions_.emplace_back("connect");
           vpn_.connect([](auto) {});
         },
         [this] {
-          actions_.push_back("disconnect");
+          actions_.emplace_back("disconnect");
           vpn_.disconnect();
         },
-        [this] { actions_.push_back("changeServer"); },
-        [this] { actions_.push_back("bringToFront"); },
+        [this] { actions_.emplace_back("changeServer"); },
+        [this] { actions_.emplace_back("bringToFront"); },
     };
     return std::make_unique<WidgetCommandCenter>(
         WidgetCommandCenter::Dependencies{loop_, clock_, log_, notifications_, vpn_, dates_, dir_ / "group",

@@ -189,7 +189,7 @@ std::expected<WidgetCommand, std::string> decodeWidgetCommand(std::string_view t
 std::string formatTrafficAmount(std::uint64_t bytes) {
   static constexpr std::array<std::string_view, 5> kUnits{"Б", "КБ", "МБ", "ГБ", "ТБ"};
   if (bytes < 1024) return fmt::format("{} {}", bytes, kUnits[0]);
-  double value = static_cast<double>(bytes);
+  auto value = static_cast<double>(bytes);
   std::size_t unit = 0;
   while (value >= 1024.0 && unit + 1 < kUnits.size()) {
     value /= 1024.0;

@@ -36,9 +36,10 @@ class StderrLog final : public Log {
  public:
   void write(std::string_view line) override {
     std::lock_guard lock(mutex_);
-    std::fwrite(line.data(), 1, line.size(), stderr);
-    std::fputc('\n', stderr);
-    std::fflush(stderr);
+    // With the application gone there is no reader left to tell: a failed write is dropped.
+    (void)std::fwrite(line.data(), 1, line.size(), stderr);
+    (void)std::fputc('\n', stderr);
+    (void)std::fflush(stderr);
   }
 
  private:
@@ -126,7 +127,7 @@ int runSession(const RunOptions& options) {
   // Standard input closing tells us the application is gone; the parent-death signal is the
   // second line of defence, for a parent that leaves the pipe open in another process.
   ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-  std::signal(SIGPIPE, SIG_IGN);
+  (void)std::signal(SIGPIPE, SIG_IGN);
   if (const std::string passed = passCapabilitiesToChildren(); !passed.empty()) {
     log.format("[Tunnel] возможности для WireGuard: {}", passed);
   }
@@ -222,7 +223,7 @@ int runSession(const RunOptions& options) {
   };
 
   loop.post([&] {
-    session.start(std::move(prepared->session));
+    session.start(prepared->session);
     drain();
     readMore();
   });
@@ -262,8 +263,8 @@ int runTunnelHelper(int argc, char** argv) {
   if (probe->parsed()) {
     passCapabilitiesToChildren();
     auto ok = probeTunnelPrivilege(options.wireguardGo, "/var/run/wireguard");
-    std::fputs(ok ? "ok\n" : (ok.error() + "\n").c_str(), stdout);
-    return ok ? 0 : 1;
+    const bool written = std::fputs(ok ? "ok\n" : (ok.error() + "\n").c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+    return ok && written ? 0 : 1;
   }
   if (cleanup->parsed()) {
     StderrLog log;

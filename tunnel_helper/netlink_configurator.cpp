@@ -6,6 +6,7 @@
 #include <fstream>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <ranges>
 
 namespace norvik::tunnel_helper {
 namespace {
@@ -106,8 +107,8 @@ void NetlinkConfigurator::restore() {
     log_.format("[Tunnel] rtnetlink недоступен при восстановлении: {}", netlink.error().message);
     return;
   }
-  for (auto rule = added_.rbegin(); rule != added_.rend(); ++rule) {
-    if (auto removed = netlink->deleteRule(*rule); !removed) {
+  for (auto& rule : std::ranges::reverse_view(added_)) {
+    if (auto removed = netlink->deleteRule(rule); !removed) {
       log_.format("[Tunnel] правило не убрано: {}", removed.error().message);
     }
   }

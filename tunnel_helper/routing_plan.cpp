@@ -54,11 +54,11 @@ RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPref
       // The interface has no IPv6 address, so this only takes IPv6 away from the physical network.
       added.insert(defaultRoute(AF_INET6));
       plan.routes.push_back({defaultRoute(AF_INET6), false});
-      plan.notes.push_back("IPv6 не идёт мимо туннеля: весь IPv6 направлен в туннель, где не передаётся");
+      plan.notes.emplace_back("IPv6 не идёт мимо туннеля: весь IPv6 направлен в туннель, где не передаётся");
     }
     if (settings.mode == TunnelRoutingMode::smart) {
       if (!settings.geoBypassAllowed) {
-        plan.notes.push_back("обход по GeoIP запрещён бэкендом — умный режим ведёт всё через туннель");
+        plan.notes.emplace_back("обход по GeoIP запрещён бэкендом — умный режим ведёт всё через туннель");
       } else {
         const bool anyIPv6 =
             added.contains(defaultRoute(AF_INET6)) ||

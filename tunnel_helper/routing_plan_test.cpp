@@ -23,7 +23,7 @@ std::string keyText(std::string_view addresses = "10.66.1.2/32", std::string_vie
       addresses, interfaceExtra, allowed);
 }
 
-TunnelSettings settingsFor(Json configuration) {
+TunnelSettings settingsFor(const Json& configuration) {
   auto settings = readTunnelSettings(configuration);
   EXPECT_TRUE(settings.has_value()) << (settings ? "" : settings.error().message);
   return settings ? *settings : TunnelSettings{};

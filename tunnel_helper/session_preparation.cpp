@@ -149,7 +149,7 @@ std::expected<Preparation, Error> prepareSession(const nlohmann::json& configura
   std::vector<IpPrefix> geoip;
   if (settings->mode == TunnelRoutingMode::smart && settings->geoBypassAllowed) {
     if (!settings->geoipPath) {
-      out.notes.push_back("списка GeoIP нет — умный режим ведёт всё через туннель");
+      out.notes.emplace_back("списка GeoIP нет — умный режим ведёт всё через туннель");
     } else if (auto ranges = readGeoIPRanges(*settings->geoipPath); !ranges) {
       out.notes.push_back(
           fmt::format("список GeoIP не прочитан ({}) — умный режим ведёт всё через туннель", ranges.error()));

@@ -16,7 +16,7 @@ TunnelSession::~TunnelSession() {
   }
 }
 
-void TunnelSession::start(PreparedSession prepared) {
+void TunnelSession::start(const PreparedSession& prepared) {
   if (state_ != State::idle) return;
   state_ = State::connecting;
   network_.removeLeftovers();

@@ -82,7 +82,7 @@ class TunnelSession {
   TunnelSession& operator=(const TunnelSession&) = delete;
   ~TunnelSession();
 
-  void start(PreparedSession prepared);
+  void start(const PreparedSession& prepared);
   void requestTelemetry(std::uint64_t id);
   void stop();
   // The device ended without being asked (its process died).

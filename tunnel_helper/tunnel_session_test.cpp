@@ -22,12 +22,12 @@ class FakeDevice final : public WireGuardDevice {
  public:
   explicit FakeDevice(Journal& journal) : journal_(journal) {}
   std::expected<std::string, Error> create() override {
-    journal_.push_back("create");
+    journal_.emplace_back("create");
     if (failCreate) return std::unexpected(Error{"POSIX", ENOENT, "нет wireguard-go"});
     return std::string("norvik0");
   }
   std::expected<void, Error> configure(const std::string& request) override {
-    journal_.push_back("configure");
+    journal_.emplace_back("configure");
     configured = request;
     if (failConfigure) return std::unexpected(Error{"UAPI", 0, "errno=22"});
     return {};
@@ -37,7 +37,7 @@ class FakeDevice final : public WireGuardDevice {
     if (unreadable) return std::unexpected(Error{"POSIX", ECONNREFUSED, "сокет не отвечает"});
     return state;
   }
-  void destroy() override { journal_.push_back("destroy"); }
+  void destroy() override { journal_.emplace_back("destroy"); }
 
   bool failCreate = false;
   bool failConfigure = false;
@@ -53,13 +53,13 @@ class FakeDevice final : public WireGuardDevice {
 class FakeNetwork final : public NetworkConfigurator {
  public:
   explicit FakeNetwork(Journal& journal) : journal_(journal) {}
-  void removeLeftovers() override { journal_.push_back("removeLeftovers"); }
+  void removeLeftovers() override { journal_.emplace_back("removeLeftovers"); }
   std::expected<void, Error> apply(const std::string& name, const RoutingPlan&) override {
     journal_.push_back("apply " + name);
     if (failApply) return std::unexpected(Error{"POSIX", EEXIST, "rule exists"});
     return {};
   }
-  void restore() override { journal_.push_back("restore"); }
+  void restore() override { journal_.emplace_back("restore"); }
   bool failApply = false;
 
  private:
@@ -79,7 +79,7 @@ class RecordingReporter final : public SessionReporter {
     events.push_back(fmt::format("failed {} {}", error.domain, error.code));
     lastError = error;
   }
-  void stopped() override { events.push_back("stopped"); }
+  void stopped() override { events.emplace_back("stopped"); }
   std::vector<std::string> events;
   std::optional<Error> lastError;
 };
@@ -198,12 +198,12 @@ TEST_F(TunnelSessionTest, TheDeviceDyingEndsTheSessionAndDestroyingItRestoresToo
 }
 
 // Preparation: all of it happens before the system is touched, so a refusal here changes nothing.
-const std::string kSessionKey =
+constexpr char kSessionKey[] =
     "[Interface]\nPrivateKey = jBA55xcLAlLrUOQji5V5t0IDhYd+C6Rxk/cqp3msWuo=\nAddress = 10.66.1.2/32\n[Peer]\n"
     "PublicKey = v/7M2+2OWnKiY1bBBRCZdonA03KacdWGweHDlBqeHIk=\nAllowedIPs = 0.0.0.0/0\nEndpoint = "
     "vpn.example.net:51820\n";
 
-HostResolver resolverFor(std::map<std::string, std::string> table, std::vector<std::string>* asked = nullptr) {
+HostResolver resolverFor(const std::map<std::string, std::string>& table, std::vector<std::string>* asked = nullptr) {
   auto mutex = std::make_shared<std::mutex>();
   return [table, asked, mutex](const std::string& host) -> std::expected<std::vector<IpAddress>, std::string> {
     {

@@ -18,8 +18,6 @@
 #include "platform/files.h"
 #include "tunnel_helper/rtnetlink.h"
 
-extern char** environ;
-
 namespace norvik::tunnel_helper {
 namespace {
 
@@ -101,6 +99,7 @@ std::expected<std::string, Error> WireGuardGoDevice::create() {
   const std::string programText = program->string();
   std::vector<std::string> args = {programText, "-f", name_};
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (auto& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
   std::vector<std::string> env = {"WG_PROCESS_FOREGROUND=1", "LOG_LEVEL=error"};
@@ -109,6 +108,7 @@ std::expected<std::string, Error> WireGuardGoDevice::create() {
     if (!entry.starts_with("WG_") && !entry.starts_with("LOG_LEVEL=")) env.emplace_back(entry);
   }
   std::vector<char*> envp;
+  envp.reserve(env.size() + 1);
   for (auto& entry : env) envp.push_back(entry.data());
   envp.push_back(nullptr);
   const pid_t parent = ::getpid();

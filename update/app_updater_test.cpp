@@ -21,20 +21,23 @@ constexpr std::string_view kFeedURL = "https://updates.example.test/mac/appcast.
 constexpr std::string_view kMirrorURL = "https://mirror.example.test/mac/appcast.xml";
 constexpr std::string_view kImageURL = "https://dl.example.test/Norvik-2.0.dmg";
 constexpr std::string_view kNotesURL = "https://updates.example.test/notes/2.0.html";
-const std::string kImage(100 * 1024, 'I');
+const std::string& image() {
+  static const std::string kImage(100 * 1024, 'I');
+  return kImage;
+}
 
 class AppUpdaterTest : public ::testing::Test {
  protected:
   AppUpdaterTest() {
     std::filesystem::create_directories(installerConfig_.temporaryDirectory);
     testing::FakeMacTools::writeText(installerConfig_.installedApp() / "Contents" / "version", "1.0");
-    downloader_.serve(std::string(kImageURL), kImage);
+    downloader_.serve(std::string(kImageURL), image());
 
     http_.setHandler([this](const HttpRequest& request) -> HttpResult {
       if (auto it = answers_.find(request.url); it != answers_.end()) return it->second;
       return FakeHttpTransport::json(404, "");
     });
-    answers_[std::string(kFeedURL)] = page(feed(signer_.sign(kImage)));
+    answers_[std::string(kFeedURL)] = page(feed(signer_.sign(image())));
     answers_[std::string(kNotesURL)] = page("<h1>Что нового</h1><ul><li>Быстрее</li></ul>");
 
     config_.feedURL = kFeedURL;
@@ -57,7 +60,7 @@ class AppUpdaterTest : public ::testing::Test {
       <sparkle:releaseNotesLink>)" +
            std::string(kNotesURL) + R"(</sparkle:releaseNotesLink>
       <enclosure url=")" +
-           std::string(kImageURL) + "\" length=\"" + std::to_string(kImage.size()) + "\" sparkle:edSignature=\"" +
+           std::string(kImageURL) + "\" length=\"" + std::to_string(image().size()) + "\" sparkle:edSignature=\"" +
            signature + R"("/></item></channel></rss>)";
   }
 
@@ -235,8 +238,8 @@ TEST_F(AppUpdaterTest, InstallingTheOfferedReleaseShowsProgressAndQuitsForTheRel
     if (auto d = s.as<S::Downloading>()) downloads.push_back(*d);
   }
   ASSERT_GE(downloads.size(), 4u);
-  EXPECT_EQ(downloads.front(), (S::Downloading{"2.0", 0, kImage.size()}));
-  EXPECT_EQ(downloads.back(), (S::Downloading{"2.0", kImage.size(), kImage.size()}));
+  EXPECT_EQ(downloads.front(), (S::Downloading{"2.0", 0, image().size()}));
+  EXPECT_EQ(downloads.back(), (S::Downloading{"2.0", image().size(), image().size()}));
   EXPECT_TRUE(std::ranges::any_of(states_seen_, [](const S& s) { return s.is<S::Extracting>(); }));
   EXPECT_TRUE(std::ranges::any_of(states_seen_, [](const S& s) { return s.is<S::Installing>(); }));
   EXPECT_EQ(updater().state().get(), (S{S::ReadyToInstall{"2.0"}}));
@@ -244,7 +247,7 @@ TEST_F(AppUpdaterTest, InstallingTheOfferedReleaseShowsProgressAndQuitsForTheRel
 }
 
 TEST_F(AppUpdaterTest, AFeedReleaseWhoseImageWasTamperedWithIsNotInstalled) {
-  answers_[std::string(kFeedURL)] = page(feed(signer_.sign(kImage + "tampered")));
+  answers_[std::string(kFeedURL)] = page(feed(signer_.sign(image() + "tampered")));
   updater().start();
   checkNow();
   updater().installUpdate();

@@ -152,7 +152,7 @@ std::expected<Appcast, std::string> parseAppcast(std::string_view xml) {
   const auto rss = document.child("rss");
   if (!rss) {
     const auto root = document.document_element();
-    return std::unexpected(fmt::format("the feed's root element is \"{}\", not \"rss\"", root ? root.name() : ""));
+    return std::unexpected(fmt::format(R"(the feed's root element is "{}", not "rss")", root ? root.name() : ""));
   }
   const auto channel = rss.child("channel");
   if (!channel) return std::unexpected("the feed has no <channel>");

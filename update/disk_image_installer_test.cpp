@@ -18,7 +18,10 @@ using testing::FakeMacTools;
 namespace texts = update_texts;
 
 constexpr std::string_view kInstallerImageURL = "https://dl.example.test/Norvik-2.0.dmg";
-const std::string kInstallerImage = std::string(200 * 1024, 'D') + "disk image";
+const std::string& installerImage() {
+  static const std::string kImage = std::string(200 * 1024, 'D') + "disk image";
+  return kImage;
+}
 
 class DiskImageInstallerTest : public ::testing::Test {
  protected:
@@ -30,7 +33,7 @@ class DiskImageInstallerTest : public ::testing::Test {
       std::filesystem::create_directories(d);
     }
     FakeMacTools::writeText(config_.installedApp() / "Contents" / "version", "1.0");
-    downloader_.serve(std::string(kInstallerImageURL), kInstallerImage);
+    downloader_.serve(std::string(kInstallerImageURL), installerImage());
   }
 
   InstallResult install(DiskImageSource source, ProcessRunner* runner = nullptr) {
@@ -43,7 +46,7 @@ class DiskImageInstallerTest : public ::testing::Test {
     EXPECT_FALSE(installer.isRunning());
     return result ? std::move(*result) : std::unexpected(InstallFailure{"no result", ""});
   }
-  static DiskImageSource source(std::optional<std::uint64_t> length = kInstallerImage.size(),
+  static DiskImageSource source(std::optional<std::uint64_t> length = installerImage().size(),
                                 std::optional<std::string> signature = std::nullopt) {
     return DiskImageSource{std::string(kInstallerImageURL), "2.0", length, std::move(signature), false};
   }
@@ -79,7 +82,7 @@ TEST_F(DiskImageInstallerTest, InstallsStepByStepWithTheExactToolsAndOptions) {
   const auto& request = downloader_.requests().at(0);
   EXPECT_TRUE(request.destination.filename().string().starts_with("Norvik-update-")) << request.destination;
   EXPECT_EQ(request.destination.parent_path(), config_.temporaryDirectory);
-  EXPECT_EQ(request.maxBytes, kInstallerImage.size());
+  EXPECT_EQ(request.maxBytes, installerImage().size());
   const std::string app = config_.installedApp().string();
   const std::string staging = config_.stagingApp().string();
   const std::vector<std::vector<std::string>> expected = {
@@ -106,13 +109,13 @@ TEST_F(DiskImageInstallerTest, InstallsStepByStepWithTheExactToolsAndOptions) {
   std::vector<std::uint64_t> received;
   for (const auto& p : progress_) {
     if (p.step == InstallStep::downloading) {
-      EXPECT_EQ(p.download.total, kInstallerImage.size());
+      EXPECT_EQ(p.download.total, installerImage().size());
       received.push_back(p.download.received);
     }
   }
   EXPECT_GE(received.size(), 4u);
   EXPECT_TRUE(std::is_sorted(received.begin(), received.end()));
-  EXPECT_EQ(received.back(), kInstallerImage.size());
+  EXPECT_EQ(received.back(), installerImage().size());
   EXPECT_EQ(progress_.back().step, InstallStep::relaunching);
 }
 
@@ -248,24 +251,24 @@ TEST(ShellQuotingTest, EveryByteSurvivesARealShell) {
 
 TEST_F(DiskImageInstallerTest, TheDownloadIsCheckedBeforeAnythingIsMounted) {
   testing::Ed25519Signer signer;
-  EXPECT_EQ(install(source(kInstallerImage.size(), signer.sign(kInstallerImage))).error().userMessage,
+  EXPECT_EQ(install(source(installerImage().size(), signer.sign(installerImage()))).error().userMessage,
             texts::kCouldNotUpdate)
       << "a signature nobody can check is not trusted";
   config_.ed25519PublicKey = signer.publicKey();
 
-  auto shorter = install(source(kInstallerImage.size() + 1));
+  auto shorter = install(source(installerImage().size() + 1));
   EXPECT_EQ(shorter.error().userMessage, texts::kFileDamaged);
   EXPECT_EQ(shorter.error().detail,
-            fmt::format("downloaded {} bytes, the feed says {}", kInstallerImage.size(), kInstallerImage.size() + 1));
+            fmt::format("downloaded {} bytes, the feed says {}", installerImage().size(), installerImage().size() + 1));
 
-  auto longer = install(source(kInstallerImage.size() - 1));
+  auto longer = install(source(installerImage().size() - 1));
   EXPECT_EQ(longer.error().userMessage, texts::kFileDamaged);
 
-  auto tampered = install(source(kInstallerImage.size(), signer.sign(kInstallerImage + "x")));
+  auto tampered = install(source(installerImage().size(), signer.sign(installerImage() + "x")));
   EXPECT_EQ(tampered.error().userMessage, texts::kFileDamaged);
   EXPECT_EQ(tampered.error().detail, "Ed25519 signature: mismatch");
 
-  auto otherKey = install(source(kInstallerImage.size(), testing::Ed25519Signer().sign(kInstallerImage)));
+  auto otherKey = install(source(installerImage().size(), testing::Ed25519Signer().sign(installerImage())));
   EXPECT_EQ(otherKey.error().detail, "Ed25519 signature: mismatch");
 
   auto required = source();
@@ -275,7 +278,7 @@ TEST_F(DiskImageInstallerTest, TheDownloadIsCheckedBeforeAnythingIsMounted) {
   EXPECT_TRUE(runner_.commands().empty()) << "nothing was mounted";
   EXPECT_EQ(filesIn(config_.temporaryDirectory), 0u);
 
-  auto good = install(source(kInstallerImage.size(), signer.sign(kInstallerImage)));
+  auto good = install(source(installerImage().size(), signer.sign(installerImage())));
   EXPECT_TRUE(good.has_value()) << good.error().detail;
 }
 

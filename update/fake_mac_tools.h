@@ -7,9 +7,11 @@
 #include <memory>
 #include <openssl/evp.h>
 #include <set>
+#include <stdexcept>
 #include <string>
 
 #include "platform/crypto.h"
+#include "platform/files.h"
 #include "testing/scripted_process_runner.h"
 #include "testing/subprocess.h"
 #include "update/disk_image_installer.h"
@@ -113,18 +115,9 @@ class FakeMacTools {
 
   static void writeText(const std::filesystem::path& file, const std::string& text) {
     std::filesystem::create_directories(file.parent_path());
-    FILE* f = std::fopen(file.c_str(), "wb");
-    std::fwrite(text.data(), 1, text.size(), f);
-    std::fclose(f);
+    if (auto written = writeFileAtomically(file, text); !written) throw std::runtime_error(written.error().message);
   }
-  static std::string readText(const std::filesystem::path& file) {
-    FILE* f = std::fopen(file.c_str(), "rb");
-    if (!f) return "(missing)";
-    std::string text(4096, '\0');
-    text.resize(std::fread(text.data(), 1, text.size(), f));
-    std::fclose(f);
-    return text;
-  }
+  static std::string readText(const std::filesystem::path& file) { return readFile(file).value_or("(missing)"); }
 
   std::set<std::filesystem::path> readOnly;
   std::string team = "QX7RT2LM9A";

@@ -58,7 +58,7 @@ void appendUtf8(std::string& out, std::uint32_t cp) {
 // not a reference (the '&' is then kept as it is).
 std::size_t decodeReference(std::string_view text, std::string& out) {
   const std::size_t semicolon = text.find(';');
-  if (semicolon == std::string_view::npos || semicolon > 10) return 0;
+  if (semicolon > 10) return 0;  // too far for a reference, or no ';' at all (npos)
   const std::string_view body = text.substr(1, semicolon - 1);
   if (body.starts_with('#')) {
     const bool hex = body.size() > 1 && (body[1] == 'x' || body[1] == 'X');

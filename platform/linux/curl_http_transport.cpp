@@ -159,7 +159,7 @@ HttpResult performRequest(const CurlHttpTransport::Config& config, const HttpReq
   HttpTransfer transfer{&config, {}, false};
   char errorText[CURL_ERROR_SIZE] = {};
   HeaderList headers;
-  for (const auto& [name, value] : request.headers) headers.add(name + ": " + value);
+  for (const auto& [name, value] : request.headers) headers.add(fmt::format("{}: {}", name, value));
   headers.add("Expect:");  // no 100-continue round trip for small bodies
 
   curl_easy_setopt(curl, CURLOPT_URL, request.url.c_str());

@@ -134,7 +134,7 @@ TEST(CurlHttpTransportPaths, APinnedAddressIsUsedInsteadOfTheResolverAndTheNameI
   ASSERT_TRUE(http.has_value());
   const std::string port = std::to_string(server.port());
 
-  auto sendTo = [&](std::string host, std::vector<std::string> pins) {
+  auto sendTo = [&](const std::string& host, std::vector<std::string> pins) {
     HttpRequest request{"GET", "https://" + host + ":" + port + "/generate_204", {}, "", 5s};
     request.pinnedAddresses = std::move(pins);
     std::optional<HttpResult> result;

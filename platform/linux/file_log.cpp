@@ -48,14 +48,15 @@ std::expected<std::unique_ptr<FileLog>, Error> FileLog::open(Options options) {
 FileLog::FileLog(std::FILE* file, bool toStderr) : file_(file), toStderr_(toStderr) {}
 
 FileLog::~FileLog() {
-  if (file_) std::fclose(file_);
+  // A log that cannot be written has nowhere to report it: a failed flush or close is dropped.
+  if (file_) (void)std::fclose(file_);
 }
 
 void FileLog::write(std::string_view line) {
   std::lock_guard lock(mutex_);
   if (file_) {
     fmt::print(file_, "{} {}\n", timestamp(), line);
-    std::fflush(file_);
+    (void)std::fflush(file_);
   }
   if (toStderr_) {
     fmt::print(stderr, "{}\n", line);
@@ -66,7 +67,7 @@ void FileAnalytics::record(std::string_view tag) {
   std::lock_guard lock(mutex_);
   if (std::FILE* file = openAppend(file_)) {
     fmt::print(file, "{} {}\n", timestamp(), tag);
-    std::fclose(file);
+    (void)std::fclose(file);
   }
 }
 

@@ -27,7 +27,7 @@ class LoopbackDnsResponder {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    if (::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ADD_FAILURE() << "bind";
     socklen_t length = sizeof address;
     ::getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
     port_ = ntohs(address.sin_port);
@@ -111,7 +111,7 @@ TEST_F(GlibcDnsResolverTest, ASilentServerIsPassedOverForTheNextOne) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(silent, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ASSERT_EQ(::bind(silent, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   socklen_t length = sizeof address;
   ::getsockname(silent, reinterpret_cast<sockaddr*>(&address), &length);
   const std::string silentServer = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));

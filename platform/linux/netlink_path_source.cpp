@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -20,6 +21,7 @@
 #include <unistd.h>
 
 #include "platform/files.h"
+#include "platform/text.h"
 
 namespace norvik {
 namespace {
@@ -29,7 +31,9 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr std::size_t kReceiveBuffer = 64 * 1024;
 constexpr int kDumpAttempts = 3;
 
-Error netlinkError(std::string what, int code) { return Error{"POSIX", code, what + ": " + std::strerror(code)}; }
+Error netlinkError(const std::string& what, int code) {
+  return Error{"POSIX", code, what + ": " + std::strerror(code)};
+}
 
 constexpr std::size_t align4(std::size_t n) { return (n + 3) & ~std::size_t{3}; }
 
@@ -84,7 +88,13 @@ std::string sysfsDeviceType(const std::string& name, int index) {
   if (name.empty() || name.find('/') != std::string::npos || name == "." || name == "..") return {};
   const std::string dir = "/sys/class/net/" + name;
   auto indexText = readFile(dir + "/ifindex");
-  if (!indexText || std::atoi(indexText->c_str()) != index) return {};
+  int listedIndex = 0;
+  if (!indexText) return {};
+  const std::string_view digits = trimWhitespace(*indexText);
+  if (std::from_chars(digits.data(), digits.data() + digits.size(), listedIndex).ec != std::errc{} ||
+      listedIndex != index) {
+    return {};
+  }
   std::ifstream uevent(dir + "/uevent");
   std::string line;
   while (std::getline(uevent, line)) {

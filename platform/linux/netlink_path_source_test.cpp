@@ -148,6 +148,7 @@ std::optional<std::string> ipTool() {
 
 std::vector<std::string> names(const NetworkPath& path) {
   std::vector<std::string> out;
+  out.reserve(path.availableInterfaces.size());
   for (const auto& i : path.availableInterfaces) out.push_back(i.name);
   return out;
 }

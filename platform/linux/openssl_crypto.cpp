@@ -78,7 +78,7 @@ std::expected<Bytes, Error> OpenSslCrypto::aesGcmSeal(ByteView key, ByteView non
   if (EVP_EncryptFinal_ex(ctx.get(), out.data() + written, &tail) != 1) {
     return std::unexpected(opensslError("AES-GCM final"));
   }
-  const auto cipherLength = static_cast<std::size_t>(written + tail);
+  const auto cipherLength = static_cast<std::size_t>(written) + static_cast<std::size_t>(tail);
   if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, kAesGcmTagSize, out.data() + cipherLength) != 1) {
     return std::unexpected(opensslError("AES-GCM tag"));
   }
@@ -109,7 +109,7 @@ std::expected<Bytes, Error> OpenSslCrypto::aesGcmOpen(ByteView key, ByteView non
     ERR_clear_error();
     return std::unexpected(Error{"OpenSSL", 0, "AES-GCM authentication failed"});
   }
-  out.resize(static_cast<std::size_t>(written + tail));
+  out.resize(static_cast<std::size_t>(written) + static_cast<std::size_t>(tail));
   return out;
 }
 

@@ -12,8 +12,6 @@
 
 #include <fmt/format.h>
 
-extern char** environ;
-
 namespace norvik {
 namespace {
 

@@ -45,7 +45,7 @@ std::expected<void, Error> TimerfdClockChangeSource::start(Handler handler) {
     closeDescriptors();
     return std::unexpected(posixFailure("timerfd_settime", code));
   }
-  worker_ = std::thread([this, handler = std::move(handler)]() mutable { run(std::move(handler)); });
+  worker_ = std::thread([this, handler = std::move(handler)]() mutable { run(handler); });
   return {};
 }
 
@@ -64,7 +64,7 @@ void TimerfdClockChangeSource::closeDescriptors() {
   }
 }
 
-void TimerfdClockChangeSource::run(Handler handler) {
+void TimerfdClockChangeSource::run(const Handler& handler) {
   for (;;) {
     pollfd fds[2] = {{stopEvent_, POLLIN, 0}, {timer_, POLLIN, 0}};
     if (::poll(fds, 2, -1) < 0) {

@@ -22,7 +22,7 @@ class TimerfdClockChangeSource final : public ClockChangeSource {
   void stop() override;
 
  private:
-  void run(Handler handler);
+  void run(const Handler& handler);
   void closeDescriptors();
 
   int timer_ = -1;

@@ -1,6 +1,7 @@
 #include "platform/linux/tunnel_helper_extension_requests.h"
 
-#include <cstdlib>
+#include <charconv>
+#include <cstring>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -91,7 +92,10 @@ std::optional<std::string> TunnelHelperExtensionRequests::packagedExtensionVersi
 int TunnelHelperExtensionRequests::operatingSystemMajorVersion() const {
   utsname names{};
   if (::uname(&names) != 0) return 0;
-  return std::atoi(names.release);
+  // "6.1.0-13-amd64": the digits before the first dot.
+  int major = 0;
+  std::from_chars(names.release, names.release + std::strlen(names.release), major);
+  return major;
 }
 
 void TunnelHelperExtensionRequests::submitPropertiesRequest(std::string identifier,

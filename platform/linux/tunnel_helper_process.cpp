@@ -19,8 +19,6 @@
 
 #include "platform/files.h"
 
-extern char** environ;
-
 namespace norvik {
 namespace {
 
@@ -54,6 +52,7 @@ std::expected<Child, Error> spawn(const std::vector<std::string>& args) {
   }
   std::vector<std::string> copy = args;
   std::vector<char*> argv;
+  argv.reserve(copy.size() + 1);
   for (auto& arg : copy) argv.push_back(arg.data());
   argv.push_back(nullptr);
 
@@ -148,10 +147,10 @@ class PosixTunnelHelperProcess final : public TunnelHelperProcess {
  private:
   // The child is reaped only under the lock, after it was seen to exit: a signal never reaches
   // another process that got the same pid.
-  void signalLocked(int signal) {
+  void signalLocked(int signal) const {
     if (!reaped_) ::kill(child_.pid, signal);
   }
-  void wake() {
+  void wake() const {
     const std::uint64_t one = 1;
     (void)!::write(wake_, &one, sizeof one);
   }

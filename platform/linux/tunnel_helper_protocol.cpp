@@ -20,7 +20,6 @@ std::string_view kindText(Event::Kind kind) {
     case Event::Kind::failed:
       return "failed";
     case Event::Kind::stopped:
-      return "stopped";
     default:
       return "stopped";
   }

@@ -24,7 +24,7 @@ inline constexpr std::string_view kProviderBundleIdentifier = "com.norvik.macos.
 // Longest line either side accepts; a provider configuration with its extras fits many times over.
 inline constexpr std::size_t kMaxLineBytes = 8u << 20;
 
-struct Command {
+struct Command {  // NOLINT(bugprone-exception-escape): nlohmann::json moves without throwing; the check cannot see it
   enum class Kind { start, telemetry, stop };
   Kind kind = Kind::stop;
   nlohmann::json configuration{};  // start: the provider configuration
@@ -34,7 +34,7 @@ struct Command {
 [[nodiscard]] std::string startLine(const PropertyDictionary& providerConfiguration);
 [[nodiscard]] std::string telemetryRequestLine(std::uint64_t id);
 [[nodiscard]] std::string stopLine();
-[[nodiscard]] std::expected<Command, std::string> parseCommand(std::string_view line);
+[[nodiscard]] std::expected<Command, std::string> parseCommand(std::string_view text);
 
 struct Event {
   enum class Kind { connecting, connected, telemetry, failed, stopped };
@@ -47,6 +47,6 @@ struct Event {
 
 // Each line ends with "\n".
 [[nodiscard]] std::string eventLine(const Event& event);
-[[nodiscard]] std::expected<Event, std::string> parseEvent(std::string_view line);
+[[nodiscard]] std::expected<Event, std::string> parseEvent(std::string_view text);
 
 }  // namespace norvik::tunnel_helper_protocol

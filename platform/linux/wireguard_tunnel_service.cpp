@@ -120,7 +120,7 @@ void WireGuardTunnelService::launch(const std::string& identifier) {
   }
 
   TunnelHelperCallbacks callbacks;
-  callbacks.event = [weak = weakFactory_.weak(), identifier, generation](std::string line) {
+  callbacks.event = [weak = weakFactory_.weak(), identifier, generation](const std::string& line) {
     if (auto* self = weak.lock()) self->onEvent(identifier, generation, line);
   };
   callbacks.log = [weak = weakFactory_.weak()](std::string line) {

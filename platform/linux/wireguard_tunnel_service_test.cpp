@@ -22,12 +22,12 @@ struct ScriptedHelper {
   std::vector<int> signals;
   TunnelHelperCallbacks callbacks;
 
-  void say(protocol::Event event) {
+  void say(const protocol::Event& event) const {
     std::string line = protocol::eventLine(event);
     line.pop_back();
     callbacks.event(line);
   }
-  void exit(int status) { callbacks.exited(status); }
+  void exit(int status) const { callbacks.exited(status); }
 };
 
 class ScriptedLauncher final : public TunnelHelperLauncher {

@@ -246,7 +246,7 @@ std::expected<std::unique_ptr<DevBackend>, Error> DevBackend::start(DevBackendOp
   // TLS writes to a client that has hung up (one that gave up on a delayed answer) raise SIGPIPE,
   // which by default ends the process; the failed write is reported to the server anyway.
   struct sigaction current {};
-  if (::sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) ::signal(SIGPIPE, SIG_IGN);
+  if (::sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) (void)::signal(SIGPIPE, SIG_IGN);
   if (auto checked = checkOptions(options); !checked) return std::unexpected(checked.error());
   auto impl = std::make_unique<Impl>();
   impl->options = std::move(options);

@@ -115,7 +115,7 @@ class DevBackendService {
   [[nodiscard]] Clock::TimePoint serverNow() const;
 
   // API (dev_backend_service.cpp)
-  BackendReply handleApi(const BackendRequest& request, const std::string& endpoint, RequestRecord& record);
+  BackendReply handleApi(const BackendRequest& request, const std::string& endpoint, RequestRecord& entry);
   BackendReply serveEndpoint(const std::string& endpoint, const std::string& vendorId, const nlohmann::json& body);
   Device& ensureDevice(const std::string& vendorId);
   BackendReply issueKey(const std::string& vendorId, const VpnServer& server);
@@ -128,7 +128,7 @@ class DevBackendService {
   std::expected<void, Error> persist();
 
   // The update feed (dev_backend_service.cpp)
-  BackendReply handleFeed(const BackendRequest& request, RequestRecord& record);
+  BackendReply handleFeed(const BackendRequest& request, RequestRecord& entry);
 
   // Admin (dev_backend_admin.cpp)
   BackendReply handleAdmin(const BackendRequest& request);
@@ -140,7 +140,7 @@ class DevBackendService {
   void resetAll();
   void rebuildGeoIP(int count);
 
-  void record(RequestRecord record);
+  void record(RequestRecord entry);
 
   mutable std::mutex mutex_;
   const DevBackendConfig initial_;  // what a reset returns to

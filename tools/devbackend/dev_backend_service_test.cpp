@@ -41,7 +41,7 @@ class DevBackendServiceTest : public ::testing::Test {
  protected:
   DevBackendServiceTest() { backend_ = make(config()); }
 
-  DevBackendConfig config() {
+  DevBackendConfig config() const {
     DevBackendConfig c;
     c.apiHmacKey = toBytes(provisioning_.apiHmacKey);
     c.aesKey = testing::testAesKey();

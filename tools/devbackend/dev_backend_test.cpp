@@ -52,7 +52,7 @@ class DevBackendTest : public ::testing::Test {
     std::expected<NetworkService::MainResponse, APIError> loadMain() {
       return await<NetworkService::MainResponse>([&](auto done) { service.loadMainConfiguration(std::move(done)); });
     }
-    HttpResult get(const std::string& url, std::chrono::milliseconds timeout = 10s) {
+    HttpResult get(const std::string& url, std::chrono::milliseconds timeout = 10s) const {
       return curl->perform(HttpRequest{"GET", url, {}, {}, timeout});
     }
 

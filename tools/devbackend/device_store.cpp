@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <ranges>
 
 #include "platform/files.h"
 
@@ -225,8 +226,8 @@ void DeviceStore::recordKey(Device& device, std::string keyText, IssuedKey key) 
 }
 
 std::optional<std::string> DeviceStore::previousAddress(const Device& device, const std::string& server) {
-  for (auto it = device.issued.rbegin(); it != device.issued.rend(); ++it) {
-    if (it->server == server) return it->address;
+  for (const auto& issued : std::ranges::reverse_view(device.issued)) {
+    if (issued.server == server) return issued.address;
   }
   return std::nullopt;
 }

@@ -97,7 +97,7 @@ json routingSection(const std::string& listsVersion) {
 }  // namespace
 
 std::string russianDate(std::int64_t seconds) {
-  const std::time_t t = static_cast<std::time_t>(seconds);
+  const auto t = static_cast<std::time_t>(seconds);
   std::tm tm{};
   gmtime_r(&t, &tm);
   return fmt::format("{:02}.{:02}.{}", tm.tm_mday, tm.tm_mon + 1, tm.tm_year + 1900);
@@ -257,7 +257,7 @@ std::string httpDate(std::int64_t secondsSince1970) {
   static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
   static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-  const std::time_t t = static_cast<std::time_t>(secondsSince1970);
+  const auto t = static_cast<std::time_t>(secondsSince1970);
   std::tm tm{};
   gmtime_r(&t, &tm);
   return fmt::format("{}, {:02} {} {} {:02}:{:02}:{:02} GMT", kDays[tm.tm_wday], tm.tm_mday, kMonths[tm.tm_mon],

@@ -37,7 +37,8 @@ struct ServiceLists {
 [[nodiscard]] const ServiceLists& serviceLists();
 
 // What the main configuration of one device is made from.
-struct MainInputs {
+struct MainInputs {  // NOLINT(bugprone-exception-escape): nlohmann::json moves without throwing; the check cannot see
+                     // it
   const Device* device = nullptr;
   const VpnServer* server = nullptr;  // the device's current server
   std::int64_t serverTime = 0;        // this server's clock, seconds since 1970

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <expected>
 #include <map>
@@ -51,7 +52,7 @@ class FaultPlan {
   // Uses up one attempt of the fault of `kind` at `endpoint`; nothing when there is none.
   std::optional<int> take(Kind kind, std::string_view endpoint);
 
-  std::map<std::string, Fault, std::less<>> faults_[3];
+  std::array<std::map<std::string, Fault, std::less<>>, 3> faults_;  // by Kind
 };
 
 [[nodiscard]] std::string_view toString(FaultPlan::Kind kind);

@@ -1,7 +1,9 @@
 // norvik-devbackend: the local HTTPS backend for development, the demo and the integration tests.
 // Runs in the foreground until SIGINT or SIGTERM.
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -127,7 +129,7 @@ int run(CommandLine& c) {
   fmt::print("  state:        {}\n", (*backend)->stateFile().string());
   fmt::print("  client:       norvik --backend {} --ca-file {} --provisioning {} debug api main\n",
              (*backend)->apiURL(), ca, provisioning);
-  std::fflush(stdout);
+  (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
   if (c.portFile) {
     if (auto written = norvik::writeFileAtomically(*c.portFile, fmt::format("{}\n", (*backend)->port())); !written) {
       fmt::print(stderr, "norvik-devbackend: {}\n", written.error().message);
@@ -145,14 +147,21 @@ int run(CommandLine& c) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"Local HTTPS backend for Norvik development, demos and tests"};
-  CommandLine commandLine;
-  setUp(app, commandLine);
+  // What the server reports itself comes back as an error value; this is for the rest (memory, the
+  // standard library), so that it ends with a message rather than an abort.
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    const int status = app.exit(e);
-    return status == 0 ? kOk : kUsage;
+    CLI::App app{"Local HTTPS backend for Norvik development, demos and tests"};
+    CommandLine commandLine;
+    setUp(app, commandLine);
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+      const int status = app.exit(e);
+      return status == 0 ? kOk : kUsage;
+    }
+    return run(commandLine);
+  } catch (const std::exception& e) {
+    (void)std::fprintf(stderr, "norvik-devbackend: %s\n", e.what());
+    return kFailed;
   }
-  return run(commandLine);
 }

@@ -1,6 +1,6 @@
 // norvik-devbackend and the norvik command line as separate processes, as a developer runs them.
+#include <csignal>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,8 +28,9 @@ class BackendProcess {
       const int err = ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       ::dup2(err, STDERR_FILENO);
       ::close(pipeFds[0]);
-      std::vector<char*> argv;
       args.insert(args.begin(), NORVIK_DEVBACKEND_PATH);
+      std::vector<char*> argv;
+      argv.reserve(args.size() + 1);
       for (auto& a : args) argv.push_back(a.data());
       argv.push_back(nullptr);
       ::execv(argv[0], argv.data());
@@ -43,7 +44,7 @@ class BackendProcess {
       ::kill(pid_, SIGKILL);
       ::waitpid(pid_, nullptr, 0);
     }
-    if (out_) std::fclose(out_);
+    if (out_) (void)std::fclose(out_);
   }
 
   // The next line of stdout (blocks until the child writes it); empty at the end.

@@ -71,11 +71,11 @@ std::expected<VpnServer, std::string> parseServer(const nlohmann::json& entry, s
   if (server.name.empty()) return std::unexpected(fmt::format("{}: \"name\" is empty", where));
   if (server.location.empty()) server.location = server.name;
   if (!isEndpoint(server.endpoint)) {
-    return std::unexpected(fmt::format("{}: \"endpoint\" must be host:port, found \"{}\"", where, server.endpoint));
+    return std::unexpected(fmt::format(R"({}: "endpoint" must be host:port, found "{}")", where, server.endpoint));
   }
   if (!server.publicKey.empty() && !isWireGuardKey(server.publicKey)) {
     return std::unexpected(
-        fmt::format("{}: \"public_key\" must be the Base64 of 32 bytes, found \"{}\"", where, server.publicKey));
+        fmt::format(R"({}: "public_key" must be the Base64 of 32 bytes, found "{}")", where, server.publicKey));
   }
   if (auto pool = AddressPool::parse(server.addressPool); !pool) {
     return std::unexpected(fmt::format("{}: \"address_pool\": {}", where, pool.error()));

@@ -51,6 +51,6 @@ struct VpnServer {
 // Reads a server list: {"servers": [ … ]} or a bare array of objects with "name", "endpoint"
 // (required), "location", "public_key", "allowed_ips", "address_pool", "dns", "uapi_socket". The error names the
 // entry and the field and quotes the bad value; names must be unique and at least one server given.
-[[nodiscard]] std::expected<std::vector<VpnServer>, std::string> parseServerList(std::string_view json);
+[[nodiscard]] std::expected<std::vector<VpnServer>, std::string> parseServerList(std::string_view text);
 
 }  // namespace norvik::devbackend
