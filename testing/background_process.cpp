@@ -10,30 +10,14 @@
 #include <unistd.h>
 
 #include "platform/files.h"
+#include "testing/subprocess.h"
 
 namespace norvik::testing {
 
 BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv, const std::filesystem::path& outputFile,
                                      const std::map<std::string, std::string>& setEnv)
     : outputFile_(outputFile) {
-  std::vector<std::string> envStrings;
-  for (char** e = environ; *e; ++e) {
-    std::string entry(*e);
-    if (!setEnv.contains(entry.substr(0, entry.find('=')))) envStrings.push_back(std::move(entry));
-  }
-  for (const auto& [name, value] : setEnv) {
-    if (!value.empty()) envStrings.emplace_back(name).append("=").append(value);
-  }
-  std::vector<char*> envp;
-  envp.reserve(envStrings.size() + 1);
-  for (auto& s : envStrings) envp.push_back(s.data());
-  envp.push_back(nullptr);
-  std::vector<std::string> args = argv;
-  std::vector<char*> argp;
-  argp.reserve(args.size() + 1);
-  for (auto& s : args) argp.push_back(s.data());
-  argp.push_back(nullptr);
-
+  const SpawnArguments spawn(argv, setEnv);
   const int out = ::open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (out < 0) throw std::runtime_error("BackgroundProcess: cannot open " + outputFile.string());
   posix_spawn_file_actions_t actions;
@@ -41,7 +25,7 @@ BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv, const
   posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, out, STDERR_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  const int rc = ::posix_spawn(&pid_, argp[0], &actions, nullptr, argp.data(), envp.data());
+  const int rc = ::posix_spawn(&pid_, spawn.program(), &actions, nullptr, spawn.argv(), spawn.envp());
   posix_spawn_file_actions_destroy(&actions);
   ::close(out);
   if (rc != 0) throw std::runtime_error("BackgroundProcess: cannot start " + argv[0]);

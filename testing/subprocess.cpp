@@ -11,26 +11,25 @@
 
 namespace norvik::testing {
 
-ProcessResult runProcess(const std::vector<std::string>& argv, const std::map<std::string, std::string>& setEnv) {
-  std::vector<std::string> envStrings;
+SpawnArguments::SpawnArguments(const std::vector<std::string>& argv, const std::map<std::string, std::string>& setEnv)
+    : args_(argv) {
   for (char** e = environ; *e; ++e) {
     std::string entry(*e);
-    const std::string name = entry.substr(0, entry.find('='));
-    if (!setEnv.contains(name)) envStrings.push_back(std::move(entry));
+    if (!setEnv.contains(entry.substr(0, entry.find('=')))) env_.push_back(std::move(entry));
   }
   for (const auto& [name, value] : setEnv) {
-    if (!value.empty()) envStrings.emplace_back(name).append("=").append(value);
+    if (!value.empty()) env_.emplace_back(name).append("=").append(value);
   }
-  std::vector<char*> envp;
-  envp.reserve(envStrings.size() + 1);
-  for (auto& s : envStrings) envp.push_back(s.data());
-  envp.push_back(nullptr);
-  std::vector<std::string> args = argv;
-  std::vector<char*> argp;
-  argp.reserve(args.size() + 1);
-  for (auto& s : args) argp.push_back(s.data());
-  argp.push_back(nullptr);
+  argp_.reserve(args_.size() + 1);
+  for (auto& s : args_) argp_.push_back(s.data());
+  argp_.push_back(nullptr);
+  envp_.reserve(env_.size() + 1);
+  for (auto& s : env_) envp_.push_back(s.data());
+  envp_.push_back(nullptr);
+}
 
+ProcessResult runProcess(const std::vector<std::string>& argv, const std::map<std::string, std::string>& setEnv) {
+  const SpawnArguments spawn(argv, setEnv);
   int outPipe[2];
   int errPipe[2];
   if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
@@ -39,7 +38,7 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const std::map<st
   posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
   pid_t pid = 0;
-  const int rc = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
+  const int rc = ::posix_spawn(&pid, spawn.program(), &actions, nullptr, spawn.argv(), spawn.envp());
   posix_spawn_file_actions_destroy(&actions);
   ::close(outPipe[1]);
   ::close(errPipe[1]);
