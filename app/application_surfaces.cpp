@@ -11,14 +11,6 @@
 namespace norvik {
 namespace {
 
-bool tunnelIsUp(TunnelStatus status) {
-  return status == TunnelStatus::connected || status == TunnelStatus::reasserting;
-}
-
-bool tunnelIsDown(TunnelStatus status) {
-  return status == TunnelStatus::disconnected || status == TunnelStatus::invalid;
-}
-
 // Where a helper found outside an installation (a development tree) counts as installed: the
 // activation's "applications folder" check only means something for an installed package.
 std::string applicationsDirectoryFor(const std::filesystem::path& bundle) {
@@ -32,35 +24,23 @@ std::string applicationsDirectoryFor(const std::filesystem::path& bundle) {
 
 void Application::createSurfaces() {
   Platform& p = platform_;
-  auto weak = weakFactory_.weak();
 
   probes_ = std::make_unique<HttpHealthProbes>(HttpHealthProbes::Dependencies{
       loop_, *p.http, *p.clock, *p.log, p.dnsResolver.get(), pathMonitor_.get(), clockCheck_.get()});
   health_ = std::make_unique<SmartStatusEngine>(SmartStatusEngine::Dependencies{
-      loop_, *p.clock, *p.log, *p.analytics, *p.standardDefaults, *healthPolicy_, *vpn_, *tunnels_, *probes_,
-      pathMonitor_.get(), clockCheck_.get(), [modes = modes_.get()] { return backendCode(modes->currentMode().get()); },
-      &network_->currentResponse(), [network = network_.get()] { network->loadMainConfiguration(); }});
+      loop_, *p.clock, *p.log, *p.analytics, *p.standardDefaults, *healthPolicy_, *vpn_, home_->machine(), *tunnels_,
+      *probes_, pathMonitor_.get(), clockCheck_.get(),
+      [modes = modes_.get()] { return backendCode(modes->currentMode().get()); }, &network_->currentResponse(),
+      [network = network_.get()] { network->loadMainConfiguration(); }});
 
-  // The toggle and the widget act through the home screen's controller, like the window would.
-  auto connect = [weak] {
-    auto* self = weak.lock();
-    if (self && tunnelIsDown(self->vpn_->connectionState().get())) self->home_->toggleVPN();
-  };
-  auto disconnect = [weak] {
-    auto* self = weak.lock();
-    if (self && !tunnelIsDown(self->vpn_->connectionState().get())) self->home_->toggleVPN();
-  };
+  // The widget and the menu bar ask the tunnel state machine, like every front-end.
+  TunnelStateMachine& machine = home_->machine();
   auto openWindow = [log = p.log.get()] { log->write("[App] открыть окно Norvik"); };
-
   widget_ = std::make_unique<WidgetCommandCenter>(WidgetCommandCenter::Dependencies{
-      loop_, *p.clock, *p.log, *notifications_, *vpn_, *tunnels_, paths_.groupContainer(),
-      WidgetCommandCenter::Actions{connect, disconnect,
-                                   [weak] {
-                                     if (auto* self = weak.lock()) self->home_->changeServerAction();
-                                   },
-                                   openWindow}});
+      loop_, *p.clock, *p.log, *notifications_, *vpn_, *tunnels_, machine, paths_.groupContainer(), openWindow});
   menuBar_ = std::make_unique<MenuBarModel>(
-      *vpn_, MenuBarModel::Handlers{connect, disconnect,
+      *vpn_, MenuBarModel::Handlers{[&machine] { machine.connect(IntentOrigin::menuBar, nullptr); },
+                                    [&machine] { machine.disconnect(IntentOrigin::menuBar, nullptr); },
                                     [log = p.log.get()](bool enabled) {
                                       log->format("[App] запуск при входе в систему: {}", enabled ? "вкл" : "выкл");
                                     },
@@ -75,7 +55,7 @@ void Application::createSurfaces() {
           loop_, TunnelHelperExtensionRequests::Options{bundle, paths_.home / "extensions", *helper,
                                                         applicationsDirectoryFor(bundle)});
       extensions_ = std::make_unique<SystemExtensionManager>(SystemExtensionManager::Dependencies{
-          loop_, *extensionRequests_, *vpn_, *p.standardDefaults, *p.log, *p.analytics});
+          loop_, *extensionRequests_, *vpn_, machine, *p.standardDefaults, *p.log, *p.analytics});
     }
   }
 }
@@ -103,9 +83,9 @@ void Application::startSurfaces() {
     if (!request.texts.secondary.empty()) item.buttons.push_back(button(request.texts.secondary, request.secondary));
     self->overlays_->enqueue(std::move(item));
   }));
-  // "SmartStatusChangeServer": the home screen's controller changes the server.
+  // "SmartStatusChangeServer": the user pressed the dialog's button.
   surfaceSubscriptions_.push_back(health_->changeServerRequested().subscribe([weak] {
-    if (auto* self = weak.lock()) self->home_->changeServerAction();
+    if (auto* self = weak.lock()) self->home_->machine().changeServer(IntentOrigin::healthDialog, nullptr);
   }));
   surfaceSubscriptions_.push_back(health_->healthRaw().subscribe([weak](const std::optional<std::string>& raw) {
     if (auto* self = weak.lock()) self->widget_->setHealth(raw);
@@ -116,13 +96,13 @@ void Application::startSurfaces() {
   surfaceSubscriptions_.push_back(vpn_->connectionState().subscribe([weak](const TunnelStatus& status) {
     auto* self = weak.lock();
     if (!self) return;
-    if (tunnelIsUp(status) && !self->trafficPollRunning_) {
+    if ((status == TunnelStatus::connected || status == TunnelStatus::reasserting) && !self->trafficPollRunning_) {
       self->trafficPollRunning_ = true;
       self->pollTraffic();
       self->trafficTimer_.start(self->loop_, kTrafficPollPeriod, [weak] {
         if (auto* owner = weak.lock()) owner->pollTraffic();
       });
-    } else if (tunnelIsDown(status) && self->trafficPollRunning_) {
+    } else if (isDown(status) && self->trafficPollRunning_) {
       self->trafficPollRunning_ = false;
       self->trafficTimer_.stop();
       self->widget_->setTraffic(std::nullopt, std::nullopt);

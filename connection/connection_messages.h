@@ -38,6 +38,15 @@ inline constexpr std::string_view kConnectionDropped = "VPN подключени
 inline constexpr std::string_view kCheckInternet = "Проверьте подключение к интернету и повторите попытку";
 inline constexpr std::string_view kAllowVPN = "Разрешите VPN-подключение";
 inline constexpr std::string_view kCheckingPayment = "Проверяем оплату…";
+inline constexpr std::string_view kConnectErrorTitle = "Ошибка подключения";
+inline constexpr std::string_view kRefreshTitle = "Обновление сервера";
+inline constexpr std::string_view kExtensionErrorTitle = "Ошибка расширения";
+inline constexpr std::string_view kGenericKeyError = "Не удалось получить ключ. Попробуйте позже.";
+inline constexpr std::string_view kGenericChangeError = "Не удалось сменить сервер. Попробуйте позже.";
+inline constexpr std::string_view kAlreadyConnected = "VPN уже подключён";
+inline constexpr std::string_view kAlreadyDisconnected = "VPN уже отключён";
+// A request that a later, opposite one replaced before it was done.
+inline constexpr std::string_view kSuperseded = "Команда отменена: её заменила более поздняя команда.";
 inline constexpr std::string_view kSubscriptionActivated = "Подписка активирована — включаем VPN";
 
 }  // namespace connection_texts

@@ -102,6 +102,7 @@ SmartStatusEngine::SmartStatusEngine(Dependencies d)
       defaults_(d.standardDefaults),
       policyStore_(d.policyStore),
       vpn_(d.vpn),
+      intents_(d.intents),
       tunnels_(d.tunnels),
       probes_(d.probes),
       pathMonitor_(d.pathMonitor),
@@ -241,7 +242,7 @@ void SmartStatusEngine::perform(SmartStatusDialogAction action) {
       return changeServerRequested_.emit();
     case SmartStatusDialogAction::disconnectAndCheck:
       log_.write("[SmartStatus] выключаем VPN и проверяем подписку");
-      vpn_.disconnect();
+      intents_.disconnect(IntentOrigin::healthDialog, nullptr);
       if (reloadMainConfiguration_) reloadMainConfiguration_();
       return;
     case SmartStatusDialogAction::close:
@@ -408,14 +409,15 @@ void SmartStatusEngine::afterFailedWindow() {
 void SmartStatusEngine::repair() {
   Cycle& cycle = *cycle_;
   ++cycle.repairsDone;
-  if (!cycle.token) cycle.token = vpn_.repairToken();
+  if (!cycle.token) cycle.token = intents_.repairToken();
   cycle.repairing = true;
   setHealth(SmartStatusHealth::of(Case::repairing));
   log_.format("[SmartStatus] починка {}/{}", cycle.repairsDone, cycle.policy.repairAttempts);
-  vpn_.silentTunnelRestart(*cycle.token, cycle.policy.repairDelayMs, cycle.policy.repairConnectTimeoutMs,
-                           [weak = weakFactory_.weak(), id = cycle.id](const VPNManager::SilentRestartResult& result) {
-                             if (auto* self = weak.lock()) self->onRepairDone(id, result);
-                           });
+  intents_.silentTunnelRestart(
+      *cycle.token, cycle.policy.repairDelayMs, cycle.policy.repairConnectTimeoutMs,
+      [weak = weakFactory_.weak(), id = cycle.id](const VPNManager::SilentRestartResult& result) {
+        if (auto* self = weak.lock()) self->onRepairDone(id, result);
+      });
 }
 
 void SmartStatusEngine::onRepairDone(std::uint64_t cycleId, const VPNManager::SilentRestartResult& result) {
@@ -435,7 +437,7 @@ void SmartStatusEngine::onRepairDone(std::uint64_t cycleId, const VPNManager::Si
     cycle_->anchor = clock_.now();
     return openWindow();
   }
-  if (result.failStep == "precondition") {
+  if (result.failStep == RestartStep::precondition) {
     log_.format("[SmartStatus] починка не начата: {}", result.reason);
     return endWithoutVerdict();
   }

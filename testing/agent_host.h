@@ -256,6 +256,7 @@ class AgentHost {
   [[nodiscard]] VirtualEventLoop& loop() { return loop_; }
   [[nodiscard]] Application& app() { return *app_; }
   [[nodiscard]] ControlServer& server() { return *server_; }
+  [[nodiscard]] ControlCommands& commands() { return *commands_; }
   [[nodiscard]] ScriptedBackend& backend() { return *backend_; }
   [[nodiscard]] SimulatedTunnelService& tunnels() { return *tunnels_; }
   [[nodiscard]] CapturingLog& log() { return *log_; }

@@ -5,10 +5,6 @@
 namespace norvik {
 namespace {
 
-bool tunnelIsUp(TunnelStatus status) {
-  return status == TunnelStatus::connected || status == TunnelStatus::connecting || status == TunnelStatus::reasserting;
-}
-
 // The installed copy that counts: the enabled one when the system lists several (an old copy
 // may still be on its way out).
 std::optional<SystemExtensionProperties> installedCopy(const std::vector<SystemExtensionProperties>& all) {
@@ -119,6 +115,7 @@ SystemExtensionManager::SystemExtensionManager(Dependencies d, Config config)
     : loop_(d.loop),
       system_(d.system),
       vpn_(d.vpn),
+      intents_(d.intents),
       standard_(d.standardDefaults),
       log_(d.log),
       analytics_(d.analytics),
@@ -275,7 +272,8 @@ void SystemExtensionManager::onLaunchProperties(PropertiesResult result) {
     activate(false);
     return;
   }
-  replaceQuietly(*packaged, tunnelIsUp(status));
+  // A tunnel that is coming up for the user counts as up: it must come back on the new program.
+  replaceQuietly(*packaged, isLive(status) || intents_.wantsTunnelUp());
 }
 
 void SystemExtensionManager::replaceQuietly(std::string version, bool tunnelWasUp) {
@@ -345,16 +343,12 @@ void SystemExtensionManager::reconnectAfterReplacement(const std::string& versio
   });
   reconnectDeadline_.start(loop_, config_.quietReconnectTimeout,
                            [this, version] { finishReconnect(version, "timeout"); });
-  const TunnelStatus status = vpn_.connectionState().get();
-  if (status == TunnelStatus::connected || status == TunnelStatus::connecting) {
-    // The replaced extension may still serve the running session; stop it and start again.
-    vpn_.reconnectIfActive();
-    return;
-  }
-  vpn_.connect([weak = weakFactory_.weak(), version](std::expected<void, Error> started) {
+  // The replaced program may still serve the running session: the tunnel is stopped and started
+  // again, as long as the user wants it up.
+  intents_.restartTunnel("расширение " + version + " заменено", [weak = weakFactory_.weak(), version](bool connected) {
     auto* self = weak.lock();
-    if (!self || started) return;
-    self->finishReconnect(version, "connect_error");
+    if (!self) return;
+    self->finishReconnect(version, connected ? std::nullopt : std::optional<std::string>("connect_error"));
   });
 }
 
