@@ -87,7 +87,6 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
       [&commands](const nlohmann::json& request, const ControlReply& reply) { commands.handle(request, reply); });
   if (!server) return failure(ExitCode::usage, server.error().description());
 
-
   (*app)->start();
   log->format("[Agent] запущен, управление: {}", (paths.runtime() / "agent.sock").string());
   loop.run();

@@ -13,10 +13,10 @@
 namespace norvik {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
-int millisecondsLeft(Clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+int millisecondsLeft(SteadyClock::time_point deadline) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - SteadyClock::now()).count();
   return static_cast<int>(std::clamp<long long>(left, 0, 1000));
 }
 
@@ -34,7 +34,7 @@ std::expected<ControlClient, ControlClient::Error> ControlClient::connect(const 
   ControlClient client(fd);
   // A UNIX socket whose listener does not accept (a stopped agent with a full backlog) refuses a
   // non-blocking connect with EAGAIN instead of queueing it: try again until the limit.
-  const auto deadline = Clock::now() + limit;
+  const auto deadline = SteadyClock::now() + limit;
   for (;;) {
     if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return client;
     const int err = errno;
@@ -42,7 +42,8 @@ std::expected<ControlClient, ControlClient::Error> ControlClient::connect(const 
     // No socket, or nobody listening on it: no agent runs for this home.
     if (err == ENOENT || err == ECONNREFUSED) return std::unexpected(Error{Failure::noAgent, std::strerror(err)});
     if (err != EAGAIN) return std::unexpected(Error{Failure::io, std::strerror(err)});
-    if (Clock::now() >= deadline) return std::unexpected(Error{Failure::timedOut, "the agent accepts no connection"});
+    if (SteadyClock::now() >= deadline)
+      return std::unexpected(Error{Failure::timedOut, "the agent accepts no connection"});
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
@@ -66,7 +67,7 @@ std::expected<void, ControlClient::Error> ControlClient::sendAll(std::string_vie
     }
     if (errno == EINTR) continue;
     if (errno != EAGAIN) return std::unexpected(Error{Failure::io, std::strerror(errno)});
-    if (Clock::now() >= deadline) return std::unexpected(Error{Failure::timedOut, "the agent takes no request"});
+    if (SteadyClock::now() >= deadline) return std::unexpected(Error{Failure::timedOut, "the agent takes no request"});
     pollfd pfd{fd_, POLLOUT, 0};
     (void)::poll(&pfd, 1, millisecondsLeft(deadline));
   }
@@ -76,7 +77,7 @@ std::expected<void, ControlClient::Error> ControlClient::sendAll(std::string_vie
 std::expected<nlohmann::json, ControlClient::Error> ControlClient::request(
     const nlohmann::json& request, const std::function<void(const nlohmann::json&)>& onEvent,
     std::chrono::milliseconds limit) {
-  const auto deadline = Clock::now() + limit;
+  const auto deadline = SteadyClock::now() + limit;
   const std::string line = request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   if (auto sent = sendAll(line, deadline); !sent) return std::unexpected(sent.error());
 

@@ -309,7 +309,8 @@ void ControlServer::accept() {
         const std::string line = answerLine(nlohmann::json{
             {"ok", false},
             {"code", "failed"},
-            {"error", {{"title", ""}, {"message", "Агент Norvik занят: слишком много подключений. Повторите позже."}}}});
+            {"error",
+             {{"title", ""}, {"message", "Агент Norvik занят: слишком много подключений. Повторите позже."}}}});
         (void)::send(socket.native_handle(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         return accept();  // the socket closes as it goes out of scope
       }

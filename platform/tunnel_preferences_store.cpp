@@ -172,8 +172,7 @@ std::expected<void, Error> TunnelPreferencesStore::persist(const std::vector<Tun
   const nlohmann::json document = {{"configurations", list}, {"nextIdentifier", nextIdentifier}};
   auto written = makeDirectories(file_->parent_path(), 0700);
   if (written) {
-    written =
-        writeFileAtomically(*file_, document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace), 0600);
+    written = writeFileAtomically(*file_, document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace), 0600);
   }
   if (!written) log_.format("[Tunnel] настройки туннеля не сохранены: {}", written.error().message);
   return written;
@@ -183,8 +182,8 @@ void TunnelPreferencesStore::restore() {
   if (!file_) return;
   auto text = readFile(*file_, 16u << 20);
   if (!text && text.error().code == ENOENT) return;  // nothing saved yet
-  auto document =
-      text ? nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false) : nlohmann::json(nlohmann::json::value_t::discarded);
+  auto document = text ? nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false)
+                       : nlohmann::json(nlohmann::json::value_t::discarded);
   std::vector<TunnelConfiguration> restored;
   bool damaged =
       !document.is_object() || !document.contains("configurations") || !document["configurations"].is_array();

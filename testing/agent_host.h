@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
-#include <poll.h>
 #include <functional>
 #include <map>
 #include <memory>
+#include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>

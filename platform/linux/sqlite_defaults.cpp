@@ -1,9 +1,9 @@
 #include "platform/linux/sqlite_defaults.h"
 
-#include <nlohmann/json.hpp>
-#include <sqlite3.h>
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include "platform/files.h"
@@ -22,8 +22,8 @@ Error sqliteError(sqlite3* db, std::string_view what) {
   const int primary = rc & 0xff;
   const int err = sqlite3_system_errno(db);
   if (primary == SQLITE_FULL) return Error{"POSIX", ENOSPC, fmt::format("{}: {}", what, std::strerror(ENOSPC))};
-  if (err != 0 && (primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN || primary == SQLITE_READONLY ||
-                   primary == SQLITE_PERM)) {
+  if (err != 0 &&
+      (primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN || primary == SQLITE_READONLY || primary == SQLITE_PERM)) {
     return Error{"POSIX", err, fmt::format("{}: {}", what, std::strerror(err))};
   }
   return Error{"SQLite", rc, fmt::format("{}: {}", what, sqlite3_errmsg(db))};
@@ -44,13 +44,19 @@ std::vector<SalvagedRow> salvageRows(const std::filesystem::path& file) {
   std::vector<SalvagedRow> rows;
   sqlite3* db = nullptr;
   const std::string uri = "file:" + file.string() + "?immutable=1";
+  struct stat st {};
+  if (::lstat(file.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return rows;  // a FIFO would block the read
   if (sqlite3_open_v2(uri.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) == SQLITE_OK) {
+    // A file cut short still names its full length in its header; without this SQLite refuses to
+    // read any of it. The connection is read-only, so nothing can be written through it.
+    sqlite3_exec(db, "PRAGMA writable_schema=ON", nullptr, nullptr, nullptr);
     sqlite3_stmt* select = nullptr;
     if (sqlite3_prepare_v2(db, "SELECT key, type, value FROM defaults", -1, &select, nullptr) == SQLITE_OK) {
       while (sqlite3_step(select) == SQLITE_ROW) {
         const auto* key = reinterpret_cast<const char*>(sqlite3_column_text(select, 0));
         if (!key) continue;
-        rows.push_back(SalvagedRow{key, sqlite3_column_int(select, 1), sqlite3_value_dup(sqlite3_column_value(select, 2))});
+        rows.push_back(
+            SalvagedRow{key, sqlite3_column_int(select, 1), sqlite3_value_dup(sqlite3_column_value(select, 2))});
       }
     }
     sqlite3_finalize(select);
@@ -93,8 +99,8 @@ struct OpenAttempt {
 
 }  // namespace
 
-std::expected<std::unique_ptr<SqliteDefaults>, Error> SqliteDefaults::open(const std::filesystem::path& file,
-                                                                           Log& log, std::string store) {
+std::expected<std::unique_ptr<SqliteDefaults>, Error> SqliteDefaults::open(const std::filesystem::path& file, Log& log,
+                                                                           std::string store) {
   if (auto made = makeDirectories(file.parent_path(), 0700); !made) return std::unexpected(made.error());
   auto attempt = [&]() -> OpenAttempt {
     // SQLite would block reading a FIFO's header, and cannot use anything but a regular file.
@@ -186,8 +192,9 @@ std::expected<void, Error> SqliteDefaults::prepare() {
   sqlite3_stmt* check = nullptr;
   int rc = sqlite3_prepare_v2(db_, "PRAGMA quick_check(1)", -1, &check, nullptr);
   if (rc == SQLITE_OK) rc = sqlite3_step(check);
-  std::string verdict =
-      rc == SQLITE_ROW && sqlite3_column_text(check, 0) ? reinterpret_cast<const char*>(sqlite3_column_text(check, 0)) : "";
+  std::string verdict = rc == SQLITE_ROW && sqlite3_column_text(check, 0)
+                            ? reinterpret_cast<const char*>(sqlite3_column_text(check, 0))
+                            : "";
   sqlite3_finalize(check);
   if (rc != SQLITE_ROW) return std::unexpected(sqliteError(db_, fmt::format("check {}", file_.string())));
   if (verdict != "ok") {
