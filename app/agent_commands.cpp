@@ -56,16 +56,22 @@ std::string errorText(const Json& answer) {
 }
 
 // Sends one request to the agent of this home and maps the answer to an exit status. Progress
-// lines are shown as they come.
+// lines are shown as they come. Requests the agent answers at once get a few seconds: an agent
+// that does not answer them in that time is stuck or stopped, and the user hears so. Ctrl-C ends
+// the process, which closes the connection; the agent takes that as the request's cancellation.
 struct Exchange {
+  static constexpr std::chrono::milliseconds kAtOnce = 5s;
   const GlobalOptions& global;
   std::chrono::milliseconds limit = 150s;
 
   std::expected<Json, CommandError> run(const Json& request,
                                         const std::function<void(const Json&)>& onEvent = nullptr) const {
     const auto socket = AppPaths::resolve(global.home).runtime() / "agent.sock";
-    auto client = ControlClient::connect(socket);
+    auto client = ControlClient::connect(socket, std::min(limit, kAtOnce));
     if (!client) {
+      if (client.error().failure == ControlClient::Failure::timedOut) {
+        return failure(ExitCode::failed, "Агент Norvik не ответил вовремя.");
+      }
       if (client.error().failure == ControlClient::Failure::noAgent) {
         return failure(ExitCode::noAgent,
                        "Агент Norvik не запущен. Запустите его командой «norvik agent» "
@@ -100,7 +106,7 @@ void showProgress(const Json& line) {
 }
 
 CommandResult runStatus(const GlobalOptions& global, bool asJson) {
-  return finishWith(Exchange{global}.run(Json{{"command", "status"}}), [asJson](const Json& answer) {
+  return finishWith(Exchange{global, Exchange::kAtOnce}.run(Json{{"command", "status"}}), [asJson](const Json& answer) {
     if (asJson) {
       fmt::print("{}\n", answer["status"].dump(2, ' ', false, Json::error_handler_t::replace));
     } else {
@@ -131,7 +137,7 @@ struct ModeOptions {
 };
 
 CommandResult runMode(const GlobalOptions& global, const ModeOptions& options) {
-  Exchange exchange{global};
+  Exchange exchange{global, Exchange::kAtOnce};
   if (!options.mode) {
     return finishWith(exchange.run(Json{{"command", "mode"}}), [](const Json& answer) {
       fmt::print("{}", describe(answer["status"]));
@@ -163,7 +169,7 @@ struct SitesOptions {
 
 CommandResult runSites(const GlobalOptions& global, const SitesOptions& options) {
   const Json request = {{"command", "sites"}, {"action", options.action}, {"value", options.value}};
-  return finishWith(Exchange{global}.run(request), [](const Json& answer) {
+  return finishWith(Exchange{global, Exchange::kAtOnce}.run(request), [](const Json& answer) {
     fmt::print("Сайты через VPN\n");
     for (const auto& service : answer.value("services", Json::array())) {
       fmt::print("  [{}] {:<10} {}\n", service.value("on", false) ? "x" : " ", text(service, "key"),

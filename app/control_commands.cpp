@@ -248,7 +248,9 @@ void ControlCommands::mode(const Json& request, const ControlReply& reply) {
                                {"cancel", dialog.cancel}}},
                              {"status", status()}});
   }
-  modes.select(*wanted);
+  if (auto saved = modes.select(*wanted); !saved) {
+    return finishError(reply, "failed", std::string(routing_texts::label(*wanted)), writeFailureText(saved.error()));
+  }
   const VPNRoutingMode now = modes.currentMode().get();
   if (now != *wanted) {
     // The choice is kept for when the backend allows it again; the mode in force stays.
@@ -286,19 +288,21 @@ void ControlCommands::sites(const Json& request, const ControlReply& reply) {
 
   if (action == "list") return reply.finish(listing());
   if (value.empty()) return finishError(reply, "usage", "", "укажите сайт или сервис");
+  Defaults::WriteResult saved;  // a change that did not persist is not reported as made
   if (action == "on" || action == "off") {
     if (!known(value)) return finishError(reply, "usage", "", fmt::format("нет такого сервиса: {}", value));
-    sites.toggle(value, action == "on");
+    saved = sites.toggle(value, action == "on");
   } else if (action == "add") {
     auto added = sites.addCustomDomain(value);
     if (!added) return finishError(reply, "failed", "Свои сайты", added.error());
   } else if (action == "remove") {
-    sites.removeCustomDomain(value);
+    saved = sites.removeCustomDomain(value);
   } else if (action == "enable" || action == "disable") {
-    sites.setCustomDomainEnabled(value, action == "enable");
+    saved = sites.setCustomDomainEnabled(value, action == "enable");
   } else {
     return finishError(reply, "usage", "", fmt::format("unknown sites action \"{}\"", action));
   }
+  if (!saved) return finishError(reply, "failed", "Сайты через VPN", writeFailureText(saved.error()));
   reply.finish(listing());
 }
 

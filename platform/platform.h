@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/clock_change_source.h"
@@ -13,6 +14,7 @@
 #include "platform/physical_path_source.h"
 #include "platform/process_runner.h"
 #include "platform/secure_item_store.h"
+#include "platform/store_reset.h"
 
 namespace norvik {
 
@@ -32,6 +34,9 @@ struct Platform {
   std::unique_ptr<PhysicalPathSource> physicalPaths;
   std::unique_ptr<ClockChangeSource> clockChanges;
   std::unique_ptr<DnsResolver> dnsResolver;
+  // The stores that had to be started afresh when the platform was made (damaged files set aside),
+  // for the status to show; empty on an ordinary start.
+  std::vector<StoreReset> storeResets;
 };
 
 }  // namespace norvik

@@ -159,7 +159,8 @@ void SimulatedTunnelService::endSessionFromTunnel(const std::string& identifier,
 void SimulatedTunnelService::stopFromSystemControls(const std::string& identifier) {
   if (status(identifier) == TunnelStatus::disconnected) return;
   // The system's own switch also ends on-demand, so the tunnel stays down.
-  store_.update(identifier, [](TunnelConfiguration& configuration) { configuration.isOnDemandEnabled = false; });
+  // A failure to write it down is logged by the store; the stop itself holds for this run.
+  (void)store_.update(identifier, [](TunnelConfiguration& configuration) { configuration.isOnDemandEnabled = false; });
   finishStop(identifier, /*postUserStop=*/true, std::nullopt);
 }
 

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
@@ -98,6 +99,8 @@ class ControlConnection {
   ~ControlConnection() { hangUp(); }
 
   void write(std::string_view bytes) { outgoing_.append(bytes); }
+  // A client that stops reading leaves the agent's answers in the socket and the agent's queue.
+  void setReading(bool reading) { reading_ = reading; }
 
   // Sends what the socket takes and reads what has come; true when anything moved.
   bool pump() {
@@ -113,7 +116,7 @@ class ControlConnection {
       moved = true;
     }
     std::array<char, 16384> chunk{};
-    for (;;) {
+    for (; reading_;) {
       const ssize_t n = ::recv(fd_, chunk.data(), chunk.size(), 0);
       if (n > 0) {
         received_.append(chunk.data(), static_cast<std::size_t>(n));
@@ -125,6 +128,10 @@ class ControlConnection {
         closedByServer_ = true;
       }
       break;
+    }
+    if (!reading_ && !closedByServer_) {
+      pollfd p{fd_, POLLRDHUP, 0};
+      if (::poll(&p, 1, 0) == 1 && (p.revents & (POLLRDHUP | POLLHUP)) != 0) closedByServer_ = moved = true;
     }
     return moved;
   }
@@ -157,6 +164,7 @@ class ControlConnection {
   std::string outgoing_;
   std::string received_;
   bool closedByServer_ = false;
+  bool reading_ = true;
 };
 
 // The agent in one test process: the real Application, ControlCommands and ControlServer, with
@@ -173,7 +181,7 @@ class AgentHost {
   static constexpr std::string_view kFirstServer = "203.0.113.10";
   static constexpr std::string_view kSecondServer = "198.51.100.7";
 
-  AgentHost() : asio_(1) {
+  explicit AgentHost(ControlLimits limits = {}) : asio_(1) {
     (void)writeProvisioning(home_ / "provisioning.json", testProvisioning());
 
     Platform platform;
@@ -211,9 +219,10 @@ class AgentHost {
     if (!app) throw std::runtime_error("the application was not assembled: " + app.error().message);
     app_ = std::move(*app);
     commands_ = std::make_unique<ControlCommands>(*app_);
+    limits.timers = &loop_;
     auto server = ControlServer::open(
         asio_, socketPath(), *log_,
-        [this](const nlohmann::json& request, const ControlReply& r) { commands_->handle(request, r); });
+        [this](const nlohmann::json& request, const ControlReply& r) { commands_->handle(request, r); }, limits);
     if (!server) throw std::runtime_error("the control socket did not open: " + server.error().message);
     server_ = std::move(*server);
     app_->start();
