@@ -27,6 +27,15 @@ std::string text(const Json& object, const char* key) {
   return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
 }
 
+// A store the status reports as reset, in the user's words.
+std::string storeLabel(const std::string& store) {
+  if (store == "standard settings") return "настройки приложения";
+  if (store == "group settings") return "общие настройки";
+  if (store == "secure items") return "защищённое хранилище";
+  if (store == "tunnel preferences") return "настройки туннеля";
+  return store;
+}
+
 // The state in the words the user knows from the menu bar and the home screen.
 std::string describe(const Json& status) {
   std::string out = fmt::format("Norvik — {}\n", text(status, "tunnelText"));
@@ -45,6 +54,15 @@ std::string describe(const Json& status) {
     line("Ошибка:", title.empty() ? text(error, "message") : title + ": " + text(error, "message"));
   }
   line("Туннель:", text(status, "tunnelService"));
+  // The user's word differs from what the tunnel does: say where it is going, or that it gave up.
+  const std::string state = text(status, "state");
+  if (text(status, "intent") == "on" && state == "failed") line("Включён:", "да, но поднять туннель не удалось");
+  if (status.contains("storeResets") && status["storeResets"].is_array()) {
+    for (const auto& reset : status["storeResets"]) {
+      if (!reset.is_object()) continue;
+      line("Сброшено:", fmt::format("{} — {}", storeLabel(text(reset, "store")), text(reset, "reason")));
+    }
+  }
   return out;
 }
 

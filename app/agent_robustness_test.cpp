@@ -226,6 +226,10 @@ TEST_F(AgentRobustnessTest, DamagedStoresAreSetAsideAndTheDeviceIdentifierSurviv
   ASSERT_EQ(::stat((paths().groupDefaults().string() + ".damaged").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   EXPECT_EQ(norvik({"mode"}).exitStatus, 0);
+  // The status says for the rest of the run what was reset and why.
+  auto shown = norvik({"status"});
+  EXPECT_NE(shown.out.find("Сброшено:"), std::string::npos) << shown.out;
+  EXPECT_NE(shown.out.find("общие настройки — "), std::string::npos) << shown.out;
   EXPECT_EQ(agent_->stop(), 0);
 }
 
@@ -311,6 +315,9 @@ TEST_F(AgentRobustnessTest, OnAFullDiskChangesFailWithTheTrueReason) {
   EXPECT_NE(added.err.find("на диске нет места"), std::string::npos) << added.err << agent_->output();
   auto listed = norvik({"sites"});
   EXPECT_EQ(listed.out.find("test.ru"), std::string::npos) << listed.out;
+  auto mode = norvik({"mode", "services"});
+  EXPECT_EQ(mode.exitStatus, 1) << mode.out;
+  EXPECT_NE(mode.err.find("на диске нет места"), std::string::npos) << mode.err;
   EXPECT_EQ(agent_->stop(), 0);
 }
 

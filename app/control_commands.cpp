@@ -60,11 +60,18 @@ class ControlCommands::Wait {
       const ControlReply reply = reply_;
       onTimeout(reply);
     });
-    // The connection outlives a wait that has answered (the next request lets go of it).
+    // The connection outlives a wait that has answered (the next request lets go of it). A client
+    // that hangs up before its answer gave the request up (Ctrl-C on the command line).
     reply_.onClosed([weak = weakFactory_.weak()] {
-      if (auto* self = weak.lock()) self->end();
+      auto* self = weak.lock();
+      if (!self || self->done_) return;
+      self->end();
+      if (self->onHangUp_) std::exchange(self->onHangUp_, nullptr)();
     });
   }
+
+  // What giving the request up means; runs once, only while the answer is still to come.
+  void onHangUp(std::function<void()> handler) { onHangUp_ = std::move(handler); }
 
   // Runs `decide` on every change; it answers (and returns true) when the outcome is known.
   template <class T>
@@ -91,6 +98,7 @@ class ControlCommands::Wait {
  private:
   ControlReply reply_;
   bool done_ = false;
+  std::function<void()> onHangUp_;
   std::vector<Subscription> subscriptions_;
   OneShotTimer timer_;
   WeakPtrFactory<Wait> weakFactory_{this};
@@ -146,6 +154,15 @@ Json ControlCommands::status() {
   } else {
     out["modeNotice"] = nullptr;
   }
+  // Stores found damaged at start-up and started afresh: the user should know what was reset.
+  Json resets = Json::array();
+  for (const StoreReset& reset : app_.platform().storeResets) {
+    resets.push_back({{"store", reset.store},
+                      {"reason", reset.reason},
+                      {"setAside", reset.setAside.empty() ? Json(nullptr) : Json(reset.setAside.string())},
+                      {"recovered", reset.recovered}});
+  }
+  out["storeResets"] = std::move(resets);
   if (const auto& overlay = app_.overlays().current().get()) {
     out["overlay"] = {{"identifier", overlay->identifier}, {"title", overlay->title}, {"message", overlay->message}};
   } else {
@@ -210,17 +227,23 @@ void ControlCommands::intent(const ControlReply& reply, Intent kind) {
   };
   track(std::move(wait));
   TunnelStateMachine& machine = app_.home().machine();
+  RequestId id = 0;
   switch (kind) {
     case Intent::connect:
-      return machine.connect(IntentOrigin::commandLine, std::move(done));
+      id = machine.connect(IntentOrigin::commandLine, std::move(done));
+      break;
     case Intent::disconnect:
-      return machine.disconnect(IntentOrigin::commandLine, std::move(done));
+      id = machine.disconnect(IntentOrigin::commandLine, std::move(done));
+      break;
     case Intent::toggle:
-      return machine.toggle(IntentOrigin::commandLine, std::move(done));
+      id = machine.toggle(IntentOrigin::commandLine, std::move(done));
+      break;
     case Intent::changeServer:
     default:
-      return machine.changeServer(IntentOrigin::commandLine, std::move(done));
+      id = machine.changeServer(IntentOrigin::commandLine, std::move(done));
+      break;
   }
+  if (id != 0) w->onHangUp([&machine, id] { machine.withdraw(id); });
 }
 
 void ControlCommands::mode(const Json& request, const ControlReply& reply) {

@@ -150,6 +150,42 @@ TEST_F(ControlCommandsTest, AConnectThatTimesOutIsAnsweredAndTheNextRequestOnIts
   EXPECT_EQ(host_.server().sessionCount(), 0u);
 }
 
+// A client that hangs up while its connect is on the way (Ctrl-C on the command line) gave the connect
+// up: the tunnel stays down — unless another client still waits for it.
+TEST_F(ControlCommandsTest, AConnectWhoseClientHangsUpIsCancelledUnlessAnotherWaits) {
+  host_.backend().setLatency(5s);
+  ControlConnection& gaveUp = host_.connect();
+  gaveUp.write(R"({"command":"connect"})"
+               "\n");
+  host_.advance(1s);  // the key is on its way
+  host_.hangUp(gaveUp);
+  host_.advance(30s);
+  EXPECT_EQ(host_.tunnels().startOptions().size(), 0u);
+  EXPECT_TRUE(host_.log().contains("[Intent] подключение отменено: командная строка перестал ждать"));
+  EXPECT_EQ(ask({{"command", "status"}})["status"]["intent"], "off");
+
+  ControlConnection& first = host_.connect();
+  ControlConnection& second = host_.connect();
+  first.write(R"({"command":"connect"})"
+              "\n");
+  second.write(R"({"command":"connect"})"
+               "\n");
+  host_.advance(1s);
+  host_.hangUp(first);
+  std::vector<Json> answers;
+  host_.runUntil(
+      [&] {
+        for (Json& line : second.takeAnswers()) {
+          if (line.contains("ok")) answers.push_back(std::move(line));
+        }
+        return !answers.empty();
+      },
+      2min);
+  ASSERT_EQ(answers.size(), 1u);
+  EXPECT_EQ(answers[0]["ok"], true);
+  EXPECT_EQ(answers[0]["status"]["tunnel"], "connected");
+}
+
 TEST_F(ControlCommandsTest, WatchSendsTheStateAtEachChangeUntilTheClientHangsUp) {
   ControlConnection& watcher = host_.connect();
   watcher.write(R"({"command":"watch"})"

@@ -129,8 +129,7 @@ void NetworkService::onAnswer(std::shared_ptr<Exchange> exchange, HttpResult res
   if (!result) {
     log_.format("Attempt {} failed: {}", exchange->attempt, result.error().message);
     if (attemptsRemain) return retryLater(std::move(exchange));
-    return exchange->finish(
-        std::unexpected(api_error::networkError(result.error().kind == NetworkErrorKind::timedOut)));
+    return exchange->finish(std::unexpected(api_error::networkError(result.error())));
   }
 
   const HttpResponse& response = *result;

@@ -36,6 +36,13 @@ inline constexpr std::string_view kRefreshedButNotConnected =
 inline constexpr std::string_view kServerRefreshed = "Сервер обновлён";
 inline constexpr std::string_view kConnectionDropped = "VPN подключение прервано. Попробуйте включить VPN снова.";
 inline constexpr std::string_view kCheckInternet = "Проверьте подключение к интернету и повторите попытку";
+// What a failed connection to the backend was, where the user can act on it.
+inline constexpr std::string_view kCertificateProblem =
+    "Не удалось проверить подлинность сервера Norvik: сеть подменяет защищённое соединение (так бывает в "
+    "гостевых и корпоративных сетях). Подключитесь к другой сети и повторите попытку.";
+inline constexpr std::string_view kClockWrong =
+    "Часы компьютера показывают неверное время, и защищённое соединение с сервером не устанавливается. "
+    "Выставьте точное время и повторите попытку.";
 inline constexpr std::string_view kAllowVPN = "Разрешите VPN-подключение";
 inline constexpr std::string_view kCheckingPayment = "Проверяем оплату…";
 inline constexpr std::string_view kConnectErrorTitle = "Ошибка подключения";
@@ -72,6 +79,10 @@ BusyText checkingPayment();         // "Проверяем оплату…"
 [[nodiscard]] std::string keyFetchMessage(const APIError& error);
 // The user's message for an error of "change_server", chosen by code (a time-out has its own).
 [[nodiscard]] std::string serverChangeMessage(const APIError& error);
+
+// `message`, followed by what the user can do about a failed write of the tunnel's settings (a full
+// disk, no permission), when that is why it failed; `message` alone otherwise.
+[[nodiscard]] std::string withWriteCause(std::string_view message, const Error& error);
 
 // True for a tunnel save the user refused (the system asked to allow the VPN configuration).
 [[nodiscard]] bool isVPNPermissionDenied(const Error& error);

@@ -62,7 +62,7 @@ void TunnelStateMachine::ChangeServerJob::onResponse(std::expected<VPNKeyRespons
       machine_.analytics_.record("fail permission_denied");
       screen().permissionCardShown().set(true);
     }
-    failChange(texts::kServerChangeInstallErrorTitle, std::string(texts::kNewInstallFailed));
+    failChange(texts::kServerChangeInstallErrorTitle, withWriteCause(texts::kNewInstallFailed, installed.error()));
   });
 }
 

@@ -110,7 +110,7 @@ std::string TunnelStateMachine::keyInstallFailure(const Error& error) {
     screen_.permissionCardShown().set(true);
     return std::string(texts::kAllowVPN);
   }
-  return std::string(texts::kInstallFailed);
+  return withWriteCause(texts::kInstallFailed, error);
 }
 
 // --- Connect ---
@@ -174,7 +174,7 @@ void TunnelStateMachine::ConnectJob::startTunnel() {
       return fetchKeyThenStart();
     }
     log().format("[HomeView] VPN connection failed: {}", result.error().description());
-    fail(texts::kConnectErrorTitle, std::string(texts::kConnectFailed));
+    fail(texts::kConnectErrorTitle, withWriteCause(texts::kConnectFailed, result.error()));
   });
   if (byUser_) return vpn().connect(std::move(started));
   vpn().connectAutomatically(std::move(started));
@@ -251,7 +251,7 @@ void TunnelStateMachine::ApplyKeyJob::installed(std::expected<void, Error> resul
     }
     machine_.analytics_.record("key_ip fail install");
     screen().endOperation();
-    screen().showError(texts::kRefreshTitle, std::string(texts::kRefreshInstallFailed));
+    screen().showError(texts::kRefreshTitle, withWriteCause(texts::kRefreshInstallFailed, result.error()));
     return finish();
   }
   if (machine_.target_.get() != Target::on) return done(true);

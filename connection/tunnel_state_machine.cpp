@@ -88,7 +88,7 @@ void TunnelStateMachine::restoreIntent() {
   scheduleAdvance();
 }
 
-void TunnelStateMachine::connect(IntentOrigin origin, IntentDone done) {
+RequestId TunnelStateMachine::connect(IntentOrigin origin, IntentDone done) {
   NORVIK_ASSERT_ON_LOOP(loop_);
   log_.format("[Intent] подключить ({}), сейчас {}", toString(origin), stateName());
   userSpoke_ = true;
@@ -96,16 +96,17 @@ void TunnelStateMachine::connect(IntentOrigin origin, IntentDone done) {
     if (done)
       reply(std::move(done),
             IntentOutcome{IntentOutcome::Kind::succeeded, "", std::string(texts::kAlreadyConnected), true});
-    return;
+    return 0;
   }
   setTarget(Target::on, origin);
   failure_.reset();
   connectOrigin_ = origin;
-  addRequest(RequestKind::connect, origin, std::move(done));
+  const RequestId id = addRequest(RequestKind::connect, origin, std::move(done));
   scheduleAdvance();
+  return id;
 }
 
-void TunnelStateMachine::disconnect(IntentOrigin origin, IntentDone done) {
+RequestId TunnelStateMachine::disconnect(IntentOrigin origin, IntentDone done) {
   NORVIK_ASSERT_ON_LOOP(loop_);
   log_.format("[Intent] отключить ({}), сейчас {}", toString(origin), stateName());
   userSpoke_ = true;
@@ -114,25 +115,44 @@ void TunnelStateMachine::disconnect(IntentOrigin origin, IntentDone done) {
       reply(std::move(done),
             IntentOutcome{IntentOutcome::Kind::succeeded, "", std::string(texts::kAlreadyDisconnected), true});
     }
-    return;
+    return 0;
   }
   setTarget(Target::off, origin);
   failure_.reset();
-  addRequest(RequestKind::disconnect, origin, std::move(done));
+  const RequestId id = addRequest(RequestKind::disconnect, origin, std::move(done));
   scheduleAdvance();
+  return id;
 }
 
-void TunnelStateMachine::toggle(IntentOrigin origin, IntentDone done) {
+RequestId TunnelStateMachine::toggle(IntentOrigin origin, IntentDone done) {
   if (wantsTunnelUp()) return disconnect(origin, std::move(done));
-  connect(origin, std::move(done));
+  return connect(origin, std::move(done));
 }
 
-void TunnelStateMachine::changeServer(IntentOrigin origin, IntentDone done) {
+void TunnelStateMachine::withdraw(RequestId id) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
+  auto found = std::ranges::find(requests_, id, &Request::id);
+  if (id == 0 || found == requests_.end()) return;  // answered already
+  Request request = std::move(*found);
+  requests_.erase(found);
+  reply(std::move(request.done), IntentOutcome{IntentOutcome::Kind::superseded, "", std::string(texts::kSuperseded)});
+  if (request.kind != RequestKind::connect || target_.get() != Target::on || state_.get() == State::connected) return;
+  // Another front-end still waiting for the tunnel keeps it coming.
+  const bool othersWait =
+      std::ranges::any_of(requests_, [](const Request& r) { return r.kind != RequestKind::disconnect; });
+  if (othersWait) return;
+  log_.format("[Intent] подключение отменено: {} перестал ждать", toString(request.origin));
+  disconnect(request.origin, nullptr);
+}
+
+RequestId TunnelStateMachine::changeServer(IntentOrigin origin, IntentDone done) {
   NORVIK_ASSERT_ON_LOOP(loop_);
   log_.format("[Intent] сменить сервер ({}), сейчас {}", toString(origin), stateName());
   auto refuse = [&](std::string_view message) {
+    log_.format("[Intent] смена сервера отклонена: {}", message);
     const ShownError error = screen_.showError(texts::kServerChangeTitle, std::string(message));
     if (done) reply(std::move(done), IntentOutcome{IntentOutcome::Kind::refused, error.title, error.message});
+    return RequestId{0};
   };
   if (isServerChangeRunning()) return refuse(texts::kWaitForServerChange);
   if (isKeyInstallationRunning()) return refuse(texts::kWaitForKeyInstall);
@@ -141,7 +161,7 @@ void TunnelStateMachine::changeServer(IntentOrigin origin, IntentDone done) {
   setTarget(Target::on, origin);
   failure_.reset();
   serverChangeWanted_ = true;
-  addRequest(RequestKind::changeServer, origin, std::move(done));
+  const RequestId id = addRequest(RequestKind::changeServer, origin, std::move(done));
   if (job_) {
     // A connect or a restart on the way is taken over by the change, which ends connected too;
     // a repair ends by itself once the token moves on.
@@ -158,6 +178,7 @@ void TunnelStateMachine::changeServer(IntentOrigin origin, IntentDone done) {
     }
   }
   scheduleAdvance();
+  return id;
 }
 
 bool TunnelStateMachine::wantsTunnelUp() const { return target_.get() == Target::on && state_.get() != State::failed; }
@@ -270,8 +291,11 @@ void TunnelStateMachine::reply(IntentDone done, IntentOutcome outcome) {
   loop_.post([done = std::move(done), outcome = std::move(outcome)]() mutable { done(std::move(outcome)); });
 }
 
-void TunnelStateMachine::addRequest(RequestKind kind, IntentOrigin origin, IntentDone done) {
-  if (done) requests_.push_back(Request{kind, origin, std::move(done)});
+RequestId TunnelStateMachine::addRequest(RequestKind kind, IntentOrigin origin, IntentDone done) {
+  if (!done) return 0;
+  const RequestId id = nextRequestId_++;
+  requests_.push_back(Request{kind, origin, std::move(done), id});
+  return id;
 }
 
 void TunnelStateMachine::answer(RequestKind kind, const IntentOutcome& outcome) {

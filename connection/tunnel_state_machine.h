@@ -90,10 +90,14 @@ class TunnelStateMachine final : public TunnelIntents {
   void restoreIntent();
 
   // --- The user's requests (TunnelIntents) ---
-  void connect(IntentOrigin origin, IntentDone done) override;
-  void disconnect(IntentOrigin origin, IntentDone done) override;
-  void toggle(IntentOrigin origin, IntentDone done) override;
-  void changeServer(IntentOrigin origin, IntentDone done) override;
+  RequestId connect(IntentOrigin origin, IntentDone done) override;
+  RequestId disconnect(IntentOrigin origin, IntentDone done) override;
+  RequestId toggle(IntentOrigin origin, IntentDone done) override;
+  RequestId changeServer(IntentOrigin origin, IntentDone done) override;
+  // The requester gave up waiting (the command line was interrupted): a connect that is still on
+  // its way up is cancelled — the tunnel stays down — unless another request for it waits too; a
+  // disconnect and a server change go on to their end. The request is answered as superseded.
+  void withdraw(RequestId id);
   [[nodiscard]] bool wantsTunnelUp() const override;
   [[nodiscard]] bool isTargetOn() const override { return target_.get() == Target::on; }
   [[nodiscard]] std::string_view stateName() const override;
@@ -149,6 +153,7 @@ class TunnelStateMachine final : public TunnelIntents {
     RequestKind kind;
     IntentOrigin origin;
     IntentDone done;
+    RequestId id = 0;
   };
   using ShownError = HomeScreen::ShownError;
 
@@ -164,7 +169,7 @@ class TunnelStateMachine final : public TunnelIntents {
   [[nodiscard]] bool settled(Target target) const;
   [[nodiscard]] bool hasPendingWork() const;
   void reply(IntentDone done, IntentOutcome outcome);
-  void addRequest(RequestKind kind, IntentOrigin origin, IntentDone done);
+  RequestId addRequest(RequestKind kind, IntentOrigin origin, IntentDone done);
   void answer(RequestKind kind, const IntentOutcome& outcome);
   void supersede(RequestKind kind);
 
@@ -205,6 +210,7 @@ class TunnelStateMachine final : public TunnelIntents {
   // Tunnel-manager operations of dropped jobs still running; nothing new starts until they end.
   int opsInFlight_ = 0;
   std::vector<Request> requests_;
+  RequestId nextRequestId_ = 1;
 
   // Nothing is decided before restoreIntent(); a request of the user before it wins over it.
   bool restored_ = false;

@@ -2,6 +2,7 @@
 // and the simulated tunnel service, all on virtual time.
 #include "connection/vpn_view_model.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <map>
 
@@ -178,6 +179,8 @@ TEST_F(VPNViewModelTest, ThePreConnectCheckAnswersLaterAndItsDialogTakesThePlace
 }
 
 TEST_F(VPNViewModelTest, KeyFetchErrorsBecomeTheKeyTableTexts) {
+  NetworkError outOfDate = FakeHttpTransport::failure(NetworkErrorKind::certificate);
+  outOfDate.certificateOutOfDate = true;  // the device's clock is far off
   const std::vector<std::pair<HttpResult, std::string>> cases = {
       {FakeHttpTransport::json(429, "{}"), "Слишком много запросов. Пожалуйста, подождите немного и попробуйте снова."},
       {FakeHttpTransport::json(400, "{}"), "Ошибка запроса. Попробуйте снова или обратитесь в поддержку."},
@@ -185,6 +188,9 @@ TEST_F(VPNViewModelTest, KeyFetchErrorsBecomeTheKeyTableTexts) {
       {FakeHttpTransport::json(403, "{}"), "Не удалось получить ключ. Попробуйте позже."},
       {std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::cannotConnect)),
        "Проверьте подключение к интернету и повторите попытку"},
+      {std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::certificate)),
+       std::string(connection_texts::kCertificateProblem)},
+      {std::unexpected(outOfDate), std::string(connection_texts::kClockWrong)},
       {FakeHttpTransport::json(200, "[1, 2]"), "Ошибка обработки данных от сервера"},
       {FakeHttpTransport::json(200, R"({"result": 1, "error": "quota"})"),
        "Не удалось получить ключ. Попробуйте позже."},
@@ -371,6 +377,16 @@ TEST_F(VPNViewModelTest, AConfirmedPaymentConnectsOnceTheSubscriptionIsActive) {
   network_.loadMainConfiguration();
   loop.advance(5s);
   EXPECT_EQ(tunnels_.startOptions().size(), 1u) << "once";
+}
+
+TEST_F(VPNViewModelTest, AKeyThatCannotBeSavedSaysWhy) {
+  answerJson("getkey", 200, keyResponse("203.0.113.10"));
+  tunnels_.failNextSave(Error{"POSIX", ENOSPC, "No space left on device"});
+  model_->toggleVPN(record());
+  settle();
+  EXPECT_EQ(error().message, "Не удалось установить конфигурацию VPN. Изменение не сохранено: на диске нет места.");
+  ASSERT_EQ(seen_.size(), 1u);
+  EXPECT_EQ(seen_[0].kind, IntentOutcome::Kind::failed);
 }
 
 TEST_F(VPNViewModelTest, ARefusedVPNPermissionShowsThePermissionCard) {

@@ -18,24 +18,27 @@ class DirectTunnelIntents final : public TunnelIntents {
   DirectTunnelIntents(EventLoop& loop, VPNManager& vpn, std::vector<std::string>* record = nullptr)
       : loop_(loop), vpn_(vpn), record_(record) {}
 
-  void connect(IntentOrigin /*origin*/, IntentDone done) override {
+  RequestId connect(IntentOrigin /*origin*/, IntentDone done) override {
     note("connect");
     vpn_.connect([this, done = std::move(done)](std::expected<void, Error> started) mutable {
       reply(std::move(done), started.has_value());
     });
+    return 0;
   }
-  void disconnect(IntentOrigin /*origin*/, IntentDone done) override {
+  RequestId disconnect(IntentOrigin /*origin*/, IntentDone done) override {
     note("disconnect");
     vpn_.disconnect();
     reply(std::move(done), true);
+    return 0;
   }
-  void toggle(IntentOrigin origin, IntentDone done) override {
+  RequestId toggle(IntentOrigin origin, IntentDone done) override {
     if (wantsTunnelUp()) return disconnect(origin, std::move(done));
-    connect(origin, std::move(done));
+    return connect(origin, std::move(done));
   }
-  void changeServer(IntentOrigin /*origin*/, IntentDone done) override {
+  RequestId changeServer(IntentOrigin /*origin*/, IntentDone done) override {
     note("changeServer");
     reply(std::move(done), false);
+    return 0;
   }
   [[nodiscard]] bool wantsTunnelUp() const override { return isLive(vpn_.connectionState().get()); }
   [[nodiscard]] bool isTargetOn() const override { return wantsTunnelUp(); }

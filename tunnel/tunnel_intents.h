@@ -40,6 +40,9 @@ struct IntentOutcome {
   [[nodiscard]] bool ok() const { return kind == Kind::succeeded; }
 };
 using IntentDone = std::move_only_function<void(IntentOutcome)>;
+// A request still waiting for its answer, so that its requester can withdraw it; 0 for one that
+// was answered at once (or has no requester).
+using RequestId = std::uint64_t;
 
 // The user's intent about the tunnel, and the automatic actions that must respect it. One object
 // owns it (the tunnel state machine of the connection flow); every front-end and every automatic
@@ -52,12 +55,12 @@ class TunnelIntents {
 
   // The user wants the tunnel up, or down. The last word wins: an earlier opposite request still
   // running is answered as superseded at once, and whatever it had begun is abandoned cleanly.
-  virtual void connect(IntentOrigin origin, IntentDone done) = 0;
-  virtual void disconnect(IntentOrigin origin, IntentDone done) = 0;
+  virtual RequestId connect(IntentOrigin origin, IntentDone done) = 0;
+  virtual RequestId disconnect(IntentOrigin origin, IntentDone done) = 0;
   // Down when the user has it up or on its way up; up otherwise.
-  virtual void toggle(IntentOrigin origin, IntentDone done) = 0;
+  virtual RequestId toggle(IntentOrigin origin, IntentDone done) = 0;
   // Another server, and the tunnel up on it.
-  virtual void changeServer(IntentOrigin origin, IntentDone done) = 0;
+  virtual RequestId changeServer(IntentOrigin origin, IntentDone done) = 0;
 
   // The user has asked for the tunnel up and it is up or on its way there (what a toggle turns off).
   [[nodiscard]] virtual bool wantsTunnelUp() const = 0;
