@@ -22,6 +22,8 @@ bool tunnelIsDown(TunnelStatus status) {
 // Where a helper found outside an installation (a development tree) counts as installed: the
 // activation's "applications folder" check only means something for an installed package.
 std::string applicationsDirectoryFor(const std::filesystem::path& bundle) {
+  // The package installs under /usr itself ("/usr/bin/norvik"), which is not inside "/usr/".
+  if (bundle == "/usr") return "/usr";
   for (std::string_view prefix : {"/usr/", "/opt/"}) {
     if ((bundle.string() + "/").starts_with(prefix)) return std::string(prefix);
   }
