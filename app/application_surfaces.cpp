@@ -61,13 +61,18 @@ void Application::createSurfaces() {
                                      if (auto* self = weak.lock()) self->home_->changeServerAction();
                                    },
                                    openWindow}});
+  // "Запускать при входе в систему" switches the system's login item; the menu shows what the system says.
+  auto setLaunchAtLogin = [weak, log = p.log.get(), login = p.loginItem.get()](bool enabled) {
+    auto done = login ? login->setEnabled(enabled) : std::expected<void, Error>{};
+    if (done) log->format("[App] запуск при входе в систему: {}", enabled ? "вкл" : "выкл");
+    if (!done) log->format("[App] запуск при входе в систему: не удалось ({})", done.error().description());
+    auto* self = weak.lock();
+    if (self && login) self->menuBar_->setLaunchAtLogin(login->isEnabled());
+  };
   menuBar_ = std::make_unique<MenuBarModel>(
-      *vpn_, MenuBarModel::Handlers{connect, disconnect,
-                                    [log = p.log.get()](bool enabled) {
-                                      log->format("[App] запуск при входе в систему: {}", enabled ? "вкл" : "выкл");
-                                    },
-                                    openWindow,
+      *vpn_, MenuBarModel::Handlers{connect, disconnect, setLaunchAtLogin, openWindow,
                                     [log = p.log.get()] { log->write("[App] обновление: norvik update install"); }});
+  if (p.loginItem) menuBar_->setLaunchAtLogin(p.loginItem->isEnabled());
 
   // The simulated tunnel has no program to activate; the real one activates norvik-tunnel.
   if (tunnelServiceName_ == "wireguard") {
