@@ -14,6 +14,8 @@ namespace {
 // Where a helper found outside an installation (a development tree) counts as installed: the
 // activation's "applications folder" check only means something for an installed package.
 std::string applicationsDirectoryFor(const std::filesystem::path& bundle) {
+  // The package installs under /usr itself ("/usr/bin/norvik"), which is not inside "/usr/".
+  if (bundle == "/usr") return "/usr";
   for (std::string_view prefix : {"/usr/", "/opt/"}) {
     if ((bundle.string() + "/").starts_with(prefix)) return std::string(prefix);
   }
@@ -38,14 +40,20 @@ void Application::createSurfaces() {
   auto openWindow = [log = p.log.get()] { log->write("[App] открыть окно Norvik"); };
   widget_ = std::make_unique<WidgetCommandCenter>(WidgetCommandCenter::Dependencies{
       loop_, *p.clock, *p.log, *notifications_, *vpn_, *tunnels_, machine, paths_.groupContainer(), openWindow});
+  // "Запускать при входе в систему" switches the system's login item; the menu shows what the system says.
+  auto setLaunchAtLogin = [weak = weakFactory_.weak(), log = p.log.get(), login = p.loginItem.get()](bool enabled) {
+    auto done = login ? login->setEnabled(enabled) : std::expected<void, Error>{};
+    if (done) log->format("[App] запуск при входе в систему: {}", enabled ? "вкл" : "выкл");
+    if (!done) log->format("[App] запуск при входе в систему: не удалось ({})", done.error().description());
+    auto* self = weak.lock();
+    if (self && login) self->menuBar_->setLaunchAtLogin(login->isEnabled());
+  };
   menuBar_ = std::make_unique<MenuBarModel>(
       *vpn_, MenuBarModel::Handlers{[&machine] { machine.connect(IntentOrigin::menuBar, nullptr); },
                                     [&machine] { machine.disconnect(IntentOrigin::menuBar, nullptr); },
-                                    [log = p.log.get()](bool enabled) {
-                                      log->format("[App] запуск при входе в систему: {}", enabled ? "вкл" : "выкл");
-                                    },
-                                    openWindow,
+                                    setLaunchAtLogin, openWindow,
                                     [log = p.log.get()] { log->write("[App] обновление: norvik update install"); }});
+  if (p.loginItem) menuBar_->setLaunchAtLogin(p.loginItem->isEnabled());
 
   // The simulated tunnel has no program to activate; the real one activates norvik-tunnel.
   if (tunnelServiceName_ == "wireguard") {

@@ -27,6 +27,7 @@
 #include "platform/linux/asio_event_loop.h"
 #include "platform/simulated_tunnel_service.h"
 #include "testing/fake_clock_change_source.h"
+#include "testing/fake_login_item.h"
 #include "testing/fake_named_notifications.h"
 #include "testing/fake_physical_path_source.h"
 #include "testing/fakes.h"
@@ -201,6 +202,9 @@ class AgentHost {
     platform.secureItems = std::make_unique<FakeSecureItemStore>();
     platform.physicalPaths = std::make_unique<FakePhysicalPathSource>();
     platform.clockChanges = std::make_unique<FakeClockChangeSource>();
+    auto loginItem = std::make_unique<FakeLoginItem>();
+    loginItem_ = loginItem.get();
+    platform.loginItem = std::move(loginItem);
     auto notifications = std::make_unique<FakeNamedNotifications>(loop_);
     auto tunnels = std::make_unique<SimulatedTunnelService>(
         loop_, wallClock, *log_, notifications.get(), SimulatedTunnelService::Options{.connectDelay = kConnectDelay});
@@ -268,6 +272,7 @@ class AgentHost {
   [[nodiscard]] ControlCommands& commands() { return *commands_; }
   [[nodiscard]] ScriptedBackend& backend() { return *backend_; }
   [[nodiscard]] SimulatedTunnelService& tunnels() { return *tunnels_; }
+  [[nodiscard]] FakeLoginItem& loginItem() { return *loginItem_; }
   [[nodiscard]] CapturingLog& log() { return *log_; }
 
   ControlConnection& connect() {
@@ -312,6 +317,7 @@ class AgentHost {
   CapturingLog* log_ = nullptr;
   ScriptedBackend* backend_ = nullptr;
   SimulatedTunnelService* tunnels_ = nullptr;
+  FakeLoginItem* loginItem_ = nullptr;
   std::unique_ptr<Application> app_;
   std::unique_ptr<ControlCommands> commands_;
   std::unique_ptr<ControlServer> server_;

@@ -39,7 +39,7 @@ std::string describe(const AppUpdateState& state) {
 }
 
 AppUpdater::AppUpdater(EventLoop& loop, HttpTransport& transport, std::unique_ptr<AppcastUpdater> updater,
-                       DiskImageInstaller& installer, Log& log, AppUpdaterConfig config, Hooks hooks)
+                       UpdateInstaller& installer, Log& log, AppUpdaterConfig config, Hooks hooks)
     : loop_(loop),
       transport_(transport),
       installer_(installer),
@@ -210,8 +210,8 @@ void AppUpdater::installUpdate() {
     return;
   }
   const AppcastItem& item = *offeredItem_;
-  runInstall(DiskImageSource{item.enclosureURL, item.displayVersion(), item.enclosureLength, item.edSignature,
-                             installer_.config().ed25519PublicKey.has_value()});
+  runInstall(UpdateSource{item.enclosureURL, item.displayVersion(), item.enclosureLength, item.edSignature,
+                          installer_.checksFeedSignatures()});
 }
 
 void AppUpdater::installMandatoryUpdate(const MandatoryUpdate& update) {
@@ -225,7 +225,7 @@ void AppUpdater::installMandatoryUpdate(const MandatoryUpdate& update) {
     return;
   }
   if (msiURL_) {
-    return runInstall(DiskImageSource{*msiURL_, msiVersion_, std::nullopt, std::nullopt, false});
+    return runInstall(UpdateSource{*msiURL_, msiVersion_, std::nullopt, std::nullopt, false});
   }
   if (updater_) {
     autoInstallWhenReady_ = true;
@@ -243,7 +243,7 @@ void AppUpdater::takePendingMandatory() {
 
 void AppUpdater::cancelDownload() { installer_.cancel(); }
 
-void AppUpdater::runInstall(DiskImageSource source) {
+void AppUpdater::runInstall(UpdateSource source) {
   installingVersion_ = source.version;
   state_.set({AppUpdateState::Downloading{source.version, 0, source.expectedLength}});
   installer_.install(

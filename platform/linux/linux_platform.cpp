@@ -12,8 +12,26 @@
 #include "platform/linux/sqlite_defaults.h"
 #include "platform/linux/system_clock.h"
 #include "platform/linux/timerfd_clock_change_source.h"
+#include "platform/linux/xdg_autostart_login_item.h"
 
 namespace norvik {
+namespace {
+
+// A build that was not installed starts itself at login: "<this program> agent", when its path
+// needs no quoting in a desktop entry.
+std::string loginEntryExecOfThisProgram() {
+  std::error_code ec;
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe", ec).string();
+  if (ec || self.empty()) return {};
+  for (char c : self) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/' ||
+                       c == '.' || c == '_' || c == '-' || c == '+';
+    if (!plain) return {};
+  }
+  return self + " agent";
+}
+
+}  // namespace
 
 std::expected<Platform, Error> makeLinuxPlatform(EventLoop& loop, const LinuxPlatformOptions& options) {
   const AppPaths& paths = options.paths;
@@ -69,6 +87,8 @@ std::expected<Platform, Error> makeLinuxPlatform(EventLoop& loop, const LinuxPla
   platform.physicalPaths = std::make_unique<NetlinkPathSource>(*platform.log);
   platform.clockChanges = std::make_unique<TimerfdClockChangeSource>();
   platform.dnsResolver = std::make_unique<GlibcDnsResolver>(loop);
+  platform.loginItem =
+      std::make_unique<XdgAutostartLoginItem>(XdgAutostartLoginItem::forThisUser(loginEntryExecOfThisProgram()));
   return platform;
 }
 
