@@ -189,7 +189,8 @@ TEST_F(AgentStressTest, BurstsOfConcurrentCommandsEndAsTheLastOneAsked) {
     } else {
       std::string what;
       for (const Json& command : sent) what += command.dump() + " ";
-      mismatches.push_back(fmt::format("burst {}: {}→ expected {}, status {}", bursts, what, *expected, now.dump()));
+      mismatches.push_back(fmt::format("burst {}: {}→ expected {}, status {}\nthe agent meanwhile:\n{}", bursts, what,
+                                       *expected, now.dump(), std::string_view(agent_->output()).substr(logBefore)));
     }
   }
 
