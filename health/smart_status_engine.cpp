@@ -118,6 +118,7 @@ SmartStatusEngine::~SmartStatusEngine() {
 }
 
 void SmartStatusEngine::start() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (started_) return;
   started_ = true;
   startedAt_ = clock_.now();
@@ -132,6 +133,7 @@ void SmartStatusEngine::start() {
 }
 
 void SmartStatusEngine::stop() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!started_) return;
   reset("stop");
   policyStore_.setResetHandler(nullptr);
@@ -223,17 +225,20 @@ void SmartStatusEngine::onClockVerdict(bool wrong) {
 // --- What the user does ---
 
 void SmartStatusEngine::recheck() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!enabled() || !tunnelConnected()) return;
   if (cycle_) return log_.write("[SmartStatus] перепроверка уже идёт");
   beginCycle(Reason::userRecheck);
 }
 
 void SmartStatusEngine::refresh() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!enabled() || !tunnelConnected() || cycle_) return;
   beginCycle(Reason::userRefresh);
 }
 
 void SmartStatusEngine::perform(SmartStatusDialogAction action) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   switch (action) {
     case SmartStatusDialogAction::recheck:
       return recheck();
@@ -252,6 +257,7 @@ void SmartStatusEngine::perform(SmartStatusDialogAction action) {
 }
 
 void SmartStatusEngine::preConnectCheck(std::move_only_function<void(std::optional<SmartStatusDialogRequest>)> done) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!enabled()) return done(std::nullopt);
   auto answer = [weak = weakFactory_.weak(), done = std::move(done)](bool reached) mutable {
     auto* self = weak.lock();
@@ -277,6 +283,7 @@ void SmartStatusEngine::preConnectCheck(std::move_only_function<void(std::option
 }
 
 void SmartStatusEngine::setForeground(bool foreground) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!foreground) {
     hiddenAt_ = loop_.now();
     return;
@@ -293,12 +300,14 @@ void SmartStatusEngine::setForeground(bool foreground) {
 }
 
 void SmartStatusEngine::systemDidWake() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!enabled() || policy().resumeVisibleAfterMs == 0 || !tunnelConnected() || cycle_) return;
   log_.format("[SmartStatus] пробуждение — проверка через {}ms", policy().resumeBeatMs);
   scheduleCycle(Reason::resume, milliseconds(policy().resumeBeatMs));
 }
 
 bool SmartStatusEngine::armDebugScenario(SmartStatusDebugScenario scenario) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   const auto& debug = policy().debug;
   if (!enabled() || !debug || debug->gesture != true) return false;
   debug_.scenario = scenario;

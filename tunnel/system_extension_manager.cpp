@@ -124,12 +124,14 @@ SystemExtensionManager::SystemExtensionManager(Dependencies d, Config config)
 SystemExtensionManager::~SystemExtensionManager() = default;
 
 std::optional<std::string> SystemExtensionManager::packagedExtensionVersion() const {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   return system_.packagedExtensionVersion(kExtensionIdentifier);
 }
 
 // --- Requests, one at a time ---
 
 void SystemExtensionManager::activate(bool forceReplace, ActivationCompletion completion) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   Request request;
   request.forceReplace = forceReplace;
   request.activationDone = std::move(completion);
@@ -138,6 +140,7 @@ void SystemExtensionManager::activate(bool forceReplace, ActivationCompletion co
 }
 
 void SystemExtensionManager::installedProperties(PropertiesCompletion completion) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   Request request;
   request.properties = true;
   request.propertiesDone = std::move(completion);
@@ -240,6 +243,7 @@ void SystemExtensionManager::finishActivation(ActivationResult result, Activatio
 // --- Quiet replacement after an update of the application ---
 
 void SystemExtensionManager::activateOnLaunch() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   installedProperties([weak = weakFactory_.weak()](PropertiesResult result) {
     if (auto* self = weak.lock()) self->onLaunchProperties(std::move(result));
   });

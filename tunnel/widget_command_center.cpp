@@ -45,6 +45,7 @@ WidgetCommandCenter::WidgetCommandCenter(Dependencies d)
 WidgetCommandCenter::~WidgetCommandCenter() = default;
 
 void WidgetCommandCenter::start() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (started_) return;
   started_ = true;
   running_ = true;
@@ -61,6 +62,7 @@ void WidgetCommandCenter::start() {
 }
 
 void WidgetCommandCenter::stop() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!running_) return;
   running_ = false;
   commandObserver_.reset();
@@ -77,12 +79,14 @@ void WidgetCommandCenter::stop() {
 // --- Inputs ---
 
 void WidgetCommandCenter::setHealth(std::optional<std::string> healthRaw) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (healthRaw == healthRaw_) return;
   healthRaw_ = std::move(healthRaw);
   schedulePublish();
 }
 
 void WidgetCommandCenter::setTraffic(std::optional<std::string> down, std::optional<std::string> up) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (down == lastTrafficDown_ && up == lastTrafficUp_) return;
   lastTrafficDown_ = std::move(down);
   lastTrafficUp_ = std::move(up);
@@ -90,6 +94,7 @@ void WidgetCommandCenter::setTraffic(std::optional<std::string> down, std::optio
 }
 
 void WidgetCommandCenter::setBusy(bool busy) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (busy == busy_) return;
   busy_ = busy;
   schedulePublish();
@@ -281,6 +286,7 @@ void WidgetCommandCenter::changeServerAction(IntentOrigin origin) {
 // --- Links ---
 
 bool WidgetCommandCenter::handleURL(std::string_view link) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   log_.format("[Widget] ссылка: {}", shortened(link));
   // Scheme and host are case-insensitive; a query, a fragment or a final slash change nothing.
   std::string_view rest = link;

@@ -51,6 +51,7 @@ AppUpdater::AppUpdater(EventLoop& loop, HttpTransport& transport, std::unique_pt
 AppUpdater::~AppUpdater() = default;
 
 void AppUpdater::start() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!updater_) {
     log_.write("[Update] Sparkle не стартовал: нет модуля обновлений");
     return;
@@ -194,6 +195,7 @@ void AppUpdater::loadReleaseNotes(const AppcastItem& item) {
 }
 
 void AppUpdater::postpone() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   const auto* available = state_.get().as<AppUpdateState::Available>();
   if (!available || !available->dismissible) return;
   const std::string version = available->version;
@@ -204,6 +206,7 @@ void AppUpdater::postpone() {
 }
 
 void AppUpdater::installUpdate() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!offeredItem_) return;
   if (busy()) {
     log_.format("[Update] установка: модуль обновлений занят ({})", busyReason());
@@ -215,6 +218,7 @@ void AppUpdater::installUpdate() {
 }
 
 void AppUpdater::installMandatoryUpdate(const MandatoryUpdate& update) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   msiURL_ = update.msiURL;
   msiVersion_ = update.version;
   msiWebLink_ = update.webLink;
