@@ -178,6 +178,63 @@ TEST_F(AgentIntegrationTest, ArgumentsOfTheWrongTypeAreAnsweredAndTheAgentCarrie
   EXPECT_EQ(norvik({"status"}).exitStatus, 0);
 }
 
+TEST_F(AgentIntegrationTest, TheSmartModeOffConfirmationsDontShowAgainSurvivesARestart) {
+  startAgent();
+  const auto socketPath = home_ / "run" / "agent.sock";
+  const std::string off = R"({"command":"smart-mode","enabled":false})"
+                          "\n";
+  const Json asked = Json::parse(askAgentRaw(socketPath, off), nullptr, false);
+  ASSERT_EQ(asked.value("code", ""), "confirm") << asked;
+  EXPECT_EQ(asked["confirm"]["dontShowAgain"], "Больше не показывать");
+
+  auto confirmed = norvik({"smart-mode", "off", "--yes", "--dont-show-again"});
+  ASSERT_EQ(confirmed.exitStatus, 0) << confirmed.err;
+  EXPECT_EQ(status()["mode"], "full");
+  ASSERT_EQ(agent_->stop(), 0);
+
+  startAgent();
+  ASSERT_EQ(norvik({"smart-mode", "on"}).exitStatus, 0);
+  EXPECT_EQ(status()["mode"], "smart");
+  const Json again = Json::parse(askAgentRaw(socketPath, off), nullptr, false);
+  EXPECT_EQ(again.value("ok", false), true) << "asked again after a restart: " << again;
+  EXPECT_EQ(status()["mode"], "full");
+}
+
+TEST_F(AgentIntegrationTest, AnUpdatePromptIsShownByStatusAndAnsweredFromTheCommandLine) {
+  admin("POST", "/admin/app-update",
+        Json{{"update", {{"update_type", "soft_screen"}, {"update_title", "Вышла версия 9"}, {"cooldown_hours", 5}}}});
+  startAgent();
+  std::string id;
+  ASSERT_TRUE(waitFor([&] {
+    const Json prompt = status().value("prompt", Json());
+    if (prompt.is_object()) id = prompt.value("id", "");
+    return !id.empty();
+  })) << agent_->output();
+  auto shown = norvik({"status"});
+  EXPECT_NE(shown.out.find("Ждёт ответа — norvik answer " + id + " КНОПКА"), std::string::npos) << shown.out;
+  EXPECT_NE(shown.out.find("Вышла версия 9"), std::string::npos) << shown.out;
+  EXPECT_NE(shown.out.find("[1] Не сейчас"), std::string::npos) << shown.out;
+
+  EXPECT_EQ(norvik({"answer", "overlay-77", "0"}).exitStatus, 1);
+  auto later = norvik({"answer", id, "Не сейчас"});
+  ASSERT_EQ(later.exitStatus, 0) << later.err;
+  EXPECT_TRUE(status().value("prompt", Json()).is_null());
+  EXPECT_NE(agent_->output().find("[Version] Soft_screen cooldown started (5h)"), std::string::npos);
+}
+
+TEST_F(AgentIntegrationTest, LinksReachTheAgentFromTheCommandLine) {
+  auto noAgent = norvik({"open-url", "norvikvpn://widget/connect"});
+  EXPECT_EQ(noAgent.exitStatus, 3);
+  EXPECT_NE(noAgent.err.find("Агент Norvik не запущен"), std::string::npos) << noAgent.err;
+
+  startAgent();
+  ASSERT_EQ(norvik({"open-url", "norvikvpn://widget/connect"}).exitStatus, 0);
+  ASSERT_TRUE(waitFor([&] { return status().value("tunnel", "") == "connected"; })) << agent_->output();
+  auto unknown = norvik({"open-url", "https://example.org/"});
+  EXPECT_EQ(unknown.exitStatus, 2);
+  EXPECT_NE(unknown.err.find("неизвестная ссылка"), std::string::npos) << unknown.err;
+}
+
 TEST_F(AgentIntegrationTest, ASecondAgentIsRefusedAndTheFirstCarriesOn) {
   startAgent();
   auto argv = global();

@@ -27,10 +27,12 @@
 #include "platform/linux/asio_event_loop.h"
 #include "platform/simulated_tunnel_service.h"
 #include "testing/fake_clock_change_source.h"
+#include "testing/fake_file_downloader.h"
 #include "testing/fake_login_item.h"
 #include "testing/fake_named_notifications.h"
 #include "testing/fake_physical_path_source.h"
 #include "testing/fakes.h"
+#include "testing/scripted_process_runner.h"
 #include "testing/temp_dir.h"
 #include "testing/test_provisioning.h"
 #include "testing/virtual_event_loop.h"
@@ -182,8 +184,15 @@ class AgentHost {
   static constexpr std::string_view kFirstServer = "203.0.113.10";
   static constexpr std::string_view kSecondServer = "198.51.100.7";
 
-  explicit AgentHost(ControlLimits limits = {}) : asio_(1) {
-    (void)writeProvisioning(home_ / "provisioning.json", testProvisioning());
+  // `beforeStart` runs once everything is assembled and before the application starts: a test
+  // scripts there what the agent must meet at launch (the backend's answers, stored settings).
+  explicit AgentHost(ControlLimits limits = {}, const std::function<void(AgentHost&)>& beforeStart = nullptr)
+      : asio_(1) {
+    // A release key, so that the updater may download a release (the packages of the tests carry
+    // no signature of it and are refused after the download).
+    Provisioning provisioning = testProvisioning();
+    provisioning.updateEd25519PublicKey = "AQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQE=";
+    (void)writeProvisioning(home_ / "provisioning.json", provisioning);
 
     Platform platform;
     auto log = std::make_unique<CapturingLog>();
@@ -201,7 +210,16 @@ class AgentHost {
     platform.groupDefaults = std::make_unique<MemoryDefaults>();
     platform.secureItems = std::make_unique<FakeSecureItemStore>();
     platform.physicalPaths = std::make_unique<FakePhysicalPathSource>();
-    platform.clockChanges = std::make_unique<FakeClockChangeSource>();
+    auto clockChanges = std::make_unique<FakeClockChangeSource>();
+    clockChanges_ = clockChanges.get();
+    platform.clockChanges = std::move(clockChanges);
+    // The in-app updater downloads and installs through these.
+    auto downloads = std::make_unique<FakeFileDownloader>(loop_);
+    downloads_ = downloads.get();
+    platform.downloads = std::move(downloads);
+    auto processes = std::make_unique<ScriptedProcessRunner>(loop_);
+    processes_ = processes.get();
+    platform.processes = std::move(processes);
     auto loginItem = std::make_unique<FakeLoginItem>();
     loginItem_ = loginItem.get();
     platform.loginItem = std::move(loginItem);
@@ -229,6 +247,7 @@ class AgentHost {
         [this](const nlohmann::json& request, const ControlReply& r) { commands_->handle(request, r); }, limits);
     if (!server) throw std::runtime_error("the control socket did not open: " + server.error().message);
     server_ = std::move(*server);
+    if (beforeStart) beforeStart(*this);
     app_->start();
     advance(std::chrono::seconds(1));
   }
@@ -273,6 +292,9 @@ class AgentHost {
   [[nodiscard]] ScriptedBackend& backend() { return *backend_; }
   [[nodiscard]] SimulatedTunnelService& tunnels() { return *tunnels_; }
   [[nodiscard]] FakeLoginItem& loginItem() { return *loginItem_; }
+  [[nodiscard]] FakeClockChangeSource& clockChanges() { return *clockChanges_; }
+  [[nodiscard]] FakeFileDownloader& downloads() { return *downloads_; }
+  [[nodiscard]] ScriptedProcessRunner& processes() { return *processes_; }
   [[nodiscard]] CapturingLog& log() { return *log_; }
 
   ControlConnection& connect() {
@@ -318,6 +340,9 @@ class AgentHost {
   ScriptedBackend* backend_ = nullptr;
   SimulatedTunnelService* tunnels_ = nullptr;
   FakeLoginItem* loginItem_ = nullptr;
+  FakeClockChangeSource* clockChanges_ = nullptr;
+  FakeFileDownloader* downloads_ = nullptr;
+  ScriptedProcessRunner* processes_ = nullptr;
   std::unique_ptr<Application> app_;
   std::unique_ptr<ControlCommands> commands_;
   std::unique_ptr<ControlServer> server_;
