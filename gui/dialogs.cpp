@@ -22,7 +22,7 @@ OverlayLayer::OverlayLayer(OverlayModel& overlay, PromptModel& prompt, QWidget* 
   auto* scrimLayout = new QVBoxLayout(scrim_);
   dialog_ = new QFrame(scrim_);
   dialog_->setObjectName("dialog");
-  dialog_->setFixedWidth(420);
+  dialog_->setFixedWidth(440);
   auto* layout = new QVBoxLayout(dialog_);
   layout->setContentsMargins(28, 24, 28, 22);
   layout->setSpacing(10);
@@ -30,8 +30,8 @@ OverlayLayer::OverlayLayer(OverlayModel& overlay, PromptModel& prompt, QWidget* 
   message_ = makeLabel({}, "", dialog_);
   after_ = makeLabel({}, "muted", dialog_);
   choice_ = new QCheckBox(dialog_);
-  buttons_ = new QHBoxLayout();
-  buttons_->setSpacing(10);
+  buttons_ = new QVBoxLayout();
+  buttons_->setSpacing(8);
   layout->addWidget(title_);
   layout->addWidget(message_);
   layout->addWidget(choice_);
@@ -72,7 +72,7 @@ void OverlayLayer::addButton(const QString& title, bool primary, const std::func
   button->setAccessibleName(title);
   if (!primary) button->setObjectName("secondary");
   connect(button, &QPushButton::clicked, this, chosen);
-  buttons_->addWidget(button, 1);
+  buttons_->addWidget(button);
 }
 
 void OverlayLayer::render() {

@@ -4,7 +4,7 @@
 
 class QCheckBox;
 class QFrame;
-class QHBoxLayout;
+class QVBoxLayout;
 class QLabel;
 class QPushButton;
 
@@ -42,7 +42,7 @@ class OverlayLayer : public QWidget {
   QLabel* message_;
   QLabel* after_;
   QCheckBox* choice_;
-  QHBoxLayout* buttons_;
+  QVBoxLayout* buttons_;
   QLabel* toast_;
   QString shownId_;
 };

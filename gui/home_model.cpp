@@ -80,15 +80,11 @@ void HomeModel::send(const QString& command) {
 
 void HomeModel::answered(int ticket, const QJsonObject& reply) {
   if (ticket != pending_) return;  // a later request of the user speaks now
-  // A request the user's own later word replaced, and a refusal the home screen already shows
-  // as the last error, need no words of their own.
-  const bool saidElsewhere =
-      reply.value("code").toString() == "superseded" || card(reply.value("error")) == lastError();
-  if (reply.value("ok").toBool()) {
-    replyText_ = reply.value("message").toString();
-  } else {
-    replyText_ = saidElsewhere ? QString() : AgentLink::errorText(reply);
-  }
+  // Success shows in the state itself (and the agent's own toast); a request the user's later
+  // word replaced, and a refusal the home screen already shows as the last error, need no words.
+  const bool saidElsewhere = reply.value("ok").toBool() || reply.value("code").toString() == "superseded" ||
+                             card(reply.value("error")) == lastError();
+  replyText_ = saidElsewhere ? QString() : AgentLink::errorText(reply);
   emit changed();
 }
 

@@ -44,8 +44,8 @@ class HomeModel : public QObject {
   [[nodiscard]] Card extensionBanner() const;
   [[nodiscard]] QString modeLabel() const;
   [[nodiscard]] QString modeNotice() const;
-  // The answer to the user's last request when it said something the topics do not ("Сервер
-  // сменён", or why it failed); cleared by the next request.
+  // Why the user's last request failed, when the topics do not say it already; cleared by the
+  // next request.
   [[nodiscard]] const QString& replyText() const { return replyText_; }
   // What the application itself says about the agent ("Запускаем агент Norvik…").
   [[nodiscard]] const QString& agentNote() const { return agentNote_; }

@@ -43,7 +43,7 @@ HomePage::HomePage(HomeModel& model, QWidget* parent) : QWidget(parent), model_(
   toggle_ = new PowerToggle(this);
   connect(toggle_, &PowerToggle::clicked, &model_, &HomeModel::toggle);
 
-  layout->addSpacing(8);
+  layout->addStretch(1);
   layout->addWidget(toggle_, 0, Qt::AlignHCenter);
   layout->addSpacing(6);
   layout->addWidget(state_);
@@ -95,7 +95,7 @@ HomePage::HomePage(HomeModel& model, QWidget* parent) : QWidget(parent), model_(
   noticeCard_->layout()->addWidget(noticeTitle_);
   noticeCard_->layout()->addWidget(noticeMessage_);
   layout->addWidget(noticeCard_);
-  layout->addStretch(1);
+  layout->addStretch(2);
 
   connect(&model_, &HomeModel::changed, this, &HomePage::render);
   render();

@@ -14,6 +14,7 @@
 #include "gui/dialogs.h"
 #include "gui/home_page.h"
 #include "gui/pages.h"
+#include "gui/toggle_button.h"
 
 namespace norvik::gui {
 namespace {
@@ -89,6 +90,8 @@ MainWindow::MainWindow(Models& models, QWidget* parent) : QMainWindow(parent), m
   connect(&models_.sites, &SitesModel::changed, this, &MainWindow::renderNav);
   showScreen(Screen::home);
   renderNav();
+  // The toggle is what a user comes for: it has the keyboard first.
+  home_->toggle()->setFocus();
 }
 
 QPushButton* MainWindow::navButton(Screen screen) const { return nav_.value(static_cast<int>(screen)); }

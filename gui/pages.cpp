@@ -1,8 +1,8 @@
 #include "gui/pages.h"
 
 #include <QButtonGroup>
-#include <QCheckBox>
 #include <QClipboard>
+#include <QEvent>
 #include <QFrame>
 #include <QGuiApplication>
 #include <QHBoxLayout>
@@ -16,6 +16,7 @@
 #include "gui/home_page.h"
 #include "gui/routing_models.h"
 #include "gui/settings_models.h"
+#include "gui/toggle_button.h"
 #include "gui/update_model.h"
 
 namespace norvik::gui {
@@ -36,16 +37,33 @@ QVBoxLayout* pageLayout(QWidget* page, const QString& title) {
   return layout;
 }
 
-// A switch row: the title on the left, the switch on the right, both one control for the keyboard.
-QCheckBox* switchRow(const QString& title, QWidget* parent) {
-  auto* box = new QCheckBox(title, parent);
-  box->setLayoutDirection(Qt::RightToLeft);
-  box->setAccessibleName(title);
-  box->setCursor(Qt::PointingHandCursor);
-  return box;
-}
-
 }  // namespace
+
+// A switch row: the title on the left, the switch on the right. The switch carries the title as
+// its accessible name; clicking the title flips it too.
+class SwitchRow : public QWidget {
+ public:
+  SwitchRow(const QString& title, QWidget* parent) : QWidget(parent), switch_(new Switch(title, this)) {
+    auto* layout = new QHBoxLayout(this);
+    layout->setContentsMargins(0, 2, 0, 2);
+    auto* label = new QLabel(title, this);
+    label->setWordWrap(true);
+    layout->addWidget(label, 1);
+    layout->addWidget(switch_, 0, Qt::AlignVCenter);
+    label->setCursor(Qt::PointingHandCursor);
+    label->installEventFilter(this);
+  }
+  [[nodiscard]] Switch* control() const { return switch_; }
+
+ protected:
+  bool eventFilter(QObject* watched, QEvent* event) override {
+    if (event->type() == QEvent::MouseButtonRelease && switch_->isEnabled()) switch_->click();
+    return QWidget::eventFilter(watched, event);
+  }
+
+ private:
+  Switch* switch_;
+};
 
 ModePage::ModePage(ModeModel& model, QWidget* parent) : QWidget(parent), model_(model) {
   QVBoxLayout* layout = pageLayout(this, tr("Режим работы"));
@@ -92,7 +110,7 @@ void ModePage::render() {
 }
 
 SitesPage::SitesPage(SitesModel& model, QWidget* parent) : QWidget(parent), model_(model) {
-  QVBoxLayout* layout = pageLayout(this, tr("Сайты через VPN"));
+  QVBoxLayout* layout = pageLayout(this, tr("Сайты"));
   note_ = makeLabel({}, "muted", this);
   layout->addWidget(note_);
 
@@ -161,19 +179,20 @@ void SitesPage::render() {
 
   clear(services_);
   for (const ServiceRow& row : model_.services()) {
-    QCheckBox* box = switchRow(row.title, this);
-    box->setChecked(row.on);
-    connect(box, &QCheckBox::toggled, this, [this, key = row.key](bool on) { model_.setService(key, on); });
-    services_->addWidget(box);
+    auto* line = new SwitchRow(row.title, this);
+    line->control()->setChecked(row.on);
+    connect(line->control(), &Switch::clicked, this, [this, key = row.key](bool on) { model_.setService(key, on); });
+    services_->addWidget(line);
   }
   clear(domains_);
   for (const DomainRow& row : model_.domains()) {
     auto* line = new QWidget(this);
     auto* lineLayout = new QHBoxLayout(line);
     lineLayout->setContentsMargins(0, 0, 0, 0);
-    QCheckBox* box = switchRow(row.domain, line);
-    box->setChecked(row.on);
-    connect(box, &QCheckBox::toggled, this, [this, domain = row.domain](bool on) { model_.setDomain(domain, on); });
+    auto* box = new SwitchRow(row.domain, line);
+    box->control()->setChecked(row.on);
+    connect(box->control(), &Switch::clicked, this,
+            [this, domain = row.domain](bool on) { model_.setDomain(domain, on); });
     auto* remove = new QPushButton(tr("Удалить"), line);
     remove->setObjectName("danger");
     remove->setAccessibleName(tr("Удалить %1").arg(row.domain));
@@ -199,15 +218,17 @@ SettingsPage::SettingsPage(SettingsModel& settings, UpdateModel& update, QWidget
   QVBoxLayout* layout = pageLayout(this, tr("Настройки"));
 
   QFrame* general = makeCard(this);
-  launchAtLogin_ = switchRow(tr("Запускать при входе в систему"), general);
-  smartMode_ = switchRow(tr("Умный режим"), general);
+  auto* launchRow = new SwitchRow(tr("Запускать при входе в систему"), general);
+  smartRow_ = new SwitchRow(tr("Умный режим"), general);
+  launchAtLogin_ = launchRow->control();
+  smartMode_ = smartRow_->control();
   settingsError_ = makeLabel({}, "fieldError", general);
-  general->layout()->addWidget(launchAtLogin_);
-  general->layout()->addWidget(smartMode_);
+  general->layout()->addWidget(launchRow);
+  general->layout()->addWidget(smartRow_);
   general->layout()->addWidget(settingsError_);
   layout->addWidget(general);
-  connect(launchAtLogin_, &QCheckBox::clicked, this, [this](bool on) { settings_.setLaunchAtLogin(on); });
-  connect(smartMode_, &QCheckBox::clicked, this, [this](bool on) {
+  connect(launchAtLogin_, &Switch::clicked, this, [this](bool on) { settings_.setLaunchAtLogin(on); });
+  connect(smartMode_, &Switch::clicked, this, [this](bool on) {
     smartMode_->setChecked(settings_.smartModeOn());  // the agent's answer decides
     settings_.setSmartMode(on);
   });
@@ -276,7 +297,7 @@ SettingsPage::SettingsPage(SettingsModel& settings, UpdateModel& update, QWidget
 void SettingsPage::render() {
   launchAtLogin_->setChecked(settings_.launchAtLogin());
   smartMode_->setChecked(settings_.smartModeOn());
-  smartMode_->setVisible(settings_.smartModeOffered());
+  smartRow_->setVisible(settings_.smartModeOffered());
   settingsError_->setText(settings_.errorText());
   settingsError_->setVisible(!settings_.errorText().isEmpty());
 

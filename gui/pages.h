@@ -3,7 +3,6 @@
 #include <QWidget>
 
 class QButtonGroup;
-class QCheckBox;
 class QLabel;
 class QLineEdit;
 class QProgressBar;
@@ -17,6 +16,8 @@ class ModeModel;
 class SitesModel;
 class SettingsModel;
 class UpdateModel;
+class Switch;
+class SwitchRow;
 
 // The mode tab: one card per allowed mode, the disclaimer and the provider's notice.
 class ModePage : public QWidget {
@@ -77,8 +78,9 @@ class SettingsPage : public QWidget {
   void render();
   SettingsModel& settings_;
   UpdateModel& update_;
-  QCheckBox* launchAtLogin_;
-  QCheckBox* smartMode_;
+  Switch* launchAtLogin_;
+  Switch* smartMode_;
+  SwitchRow* smartRow_;
   QLabel* settingsError_;
   QLabel* updateText_;
   QLabel* updateTitle_;

@@ -86,7 +86,9 @@ void SitesModel::send(const QString& action, const QString& value, bool fromFiel
                   } else {
                     // A refusal of a switch is shown beside the field too: it is the one place the
                     // screen has for the agent's words.
-                    self->fieldError_ = AgentLink::errorText(reply);
+                    // The card already names the list; the refusal's own words go beside the field.
+                    const QString message = reply.value("error").toObject().value("message").toString();
+                    self->fieldError_ = message.isEmpty() ? AgentLink::errorText(reply) : message;
                   }
                   emit self->changed();
                 });

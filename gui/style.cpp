@@ -17,7 +17,7 @@ QMainWindow, #window { background: #f3f5fa; }
        font-size: 15px; color: #4a5370; }
 #nav:hover { background: #eef2fb; }
 #nav:checked { background: #e6edff; color: #2f6bff; font-weight: 600; }
-#nav:focus { outline: none; border: 2px solid #9db8ff; }
+#nav:focus { outline: none; border: 1px solid #c5d4f7; }
 #card { background: #ffffff; border: 1px solid #e4e8f1; border-radius: 16px; }
 #warnCard { background: #fff6e5; border: 1px solid #ffd591; border-radius: 16px; }
 #errorCard { background: #fdecec; border: 1px solid #f5b5b7; border-radius: 16px; }

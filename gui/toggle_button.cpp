@@ -56,4 +56,28 @@ void PowerToggle::paintEvent(QPaintEvent* /*event*/) {
   painter.drawLine(QPointF(symbol.center().x(), symbol.top() - 6), QPointF(symbol.center().x(), symbol.center().y()));
 }
 
+Switch::Switch(const QString& accessibleName, QWidget* parent) : QAbstractButton(parent) {
+  setCheckable(true);
+  setCursor(Qt::PointingHandCursor);
+  setFocusPolicy(Qt::StrongFocus);
+  setAccessibleName(accessibleName);
+  setFixedSize(sizeHint());
+}
+
+void Switch::paintEvent(QPaintEvent* /*event*/) {
+  QPainter painter(this);
+  painter.setRenderHint(QPainter::Antialiasing);
+  const QRectF track = QRectF(rect()).adjusted(1, 1, -1, -1);
+  QColor color = isChecked() ? colors::kProtected : QColor(0xd5, 0xdb, 0xe8);
+  if (!isEnabled()) color.setAlpha(110);
+  painter.setPen(hasFocus() ? QPen(colors::kAccent, 2) : Qt::NoPen);
+  painter.setBrush(color);
+  painter.drawRoundedRect(track, track.height() / 2, track.height() / 2);
+  const qreal knob = track.height() - 6;
+  const qreal x = isChecked() ? track.right() - 3 - knob : track.left() + 3;
+  painter.setPen(Qt::NoPen);
+  painter.setBrush(Qt::white);
+  painter.drawEllipse(QRectF(x, track.top() + 3, knob, knob));
+}
+
 }  // namespace norvik::gui

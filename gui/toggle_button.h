@@ -23,4 +23,17 @@ class PowerToggle : public QAbstractButton {
   Look look_ = Look::off;
 };
 
+// A small on/off switch (a pill with a knob), checkable, with its title as its accessible name; the
+// title itself is shown beside it by the row that holds it.
+class Switch : public QAbstractButton {
+  Q_OBJECT
+
+ public:
+  explicit Switch(const QString& accessibleName, QWidget* parent = nullptr);
+  [[nodiscard]] QSize sizeHint() const override { return {44, 26}; }
+
+ protected:
+  void paintEvent(QPaintEvent* event) override;
+};
+
 }  // namespace norvik::gui
