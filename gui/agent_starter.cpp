@@ -25,6 +25,16 @@ bool AgentStarter::ensureRunning(const QString& socketPath, bool* started) {
     probe.connectToServer(socketPath);
     if (probe.waitForConnected(500)) return true;
   }
+  const QString unit =
+      QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/systemd/user/norvik-agent.service");
+  const QString systemctl = QStandardPaths::findExecutable(QStringLiteral("systemctl"));
+  if (options_.preferService && QFileInfo::exists(unit) && !systemctl.isEmpty()) {
+    // systemctl asks the user's service manager and returns; the socket follows.
+    if (QProcess::startDetached(systemctl, {"--user", "start", "norvik-agent.service"})) {
+      if (started != nullptr) *started = true;
+      return false;
+    }
+  }
   QStringList args = options_.globalArgs;
   args << "agent" << options_.agentArgs;
   qint64 pid = 0;

@@ -6,9 +6,10 @@
 
 namespace norvik::gui {
 
-// Starts the agent when none runs for the home: `norvik [global options] agent`, detached, so
-// that it outlives the application (the tunnel is the agent's, not the window's). The agent
-// takes its own lock, so two applications starting it at once start one agent.
+// Starts the agent when none runs for the home: the installed user service norvik-agent when
+// asked to prefer it and it is there, else `norvik [global options] agent`, detached, so that it
+// outlives the application (the tunnel is the agent's, not the window's). The agent takes its own
+// lock, so two applications starting it at once start one agent.
 class AgentStarter : public QObject {
   Q_OBJECT
 
@@ -17,6 +18,9 @@ class AgentStarter : public QObject {
     QString norvik;          // the program; default: "norvik" beside norvik-gui, else on PATH
     QStringList globalArgs;  // --home, --backend, … as the command line takes them
     QStringList agentArgs;   // options of `norvik agent`
+    // The user's own agent (the default home, no options): start the installed user service
+    // when there is one, so that the package's scripts find and restart it after an update.
+    bool preferService = false;
   };
 
   explicit AgentStarter(Options options, QObject* parent = nullptr);

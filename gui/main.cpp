@@ -2,13 +2,18 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDir>
+#include <QElapsedTimer>
+#include <QEvent>
 #include <QStandardPaths>
+#include <QTimer>
 
 #include <csignal>
 #include <cstdio>
+#include <memory>
 
 #include "gui/agent_link.h"
 #include "gui/agent_starter.h"
+#include "gui/home_page.h"
 #include "gui/main_window.h"
 #include "gui/screenshots.h"
 #include "gui/style.h"
@@ -37,7 +42,37 @@ int runWidget(const QString& home) {
 
 }  // namespace
 
+namespace {
+
+// With NORVIK_GUI_FIRST_FRAME set, says on stderr how long after main() the home screen was first
+// painted with the agent's state ("quit": and ends then), for scripts/measure-gui.
+class FirstFrameReport : public QObject {
+ public:
+  FirstFrameReport(const QElapsedTimer& clock, const norvik::gui::HomeModel& home, bool quit)
+      : clock_(clock), home_(home), quit_(quit) {}
+
+ protected:
+  bool eventFilter(QObject* watched, QEvent* event) override {
+    if (event->type() == QEvent::Paint && home_.reachable() && !done_) {
+      done_ = true;
+      qInfo("first frame: %lld ms after main()", static_cast<long long>(clock_.elapsed()));
+      if (quit_) QTimer::singleShot(0, qApp, &QApplication::quit);
+    }
+    return QObject::eventFilter(watched, event);
+  }
+
+ private:
+  const QElapsedTimer& clock_;
+  const norvik::gui::HomeModel& home_;
+  bool quit_;
+  bool done_ = false;
+};
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  QElapsedTimer sinceMain;
+  sinceMain.start();
   QApplication app(argc, argv);
   QApplication::setApplicationName("Norvik");
   QApplication::setDesktopFileName("com.norvik.Norvik");
@@ -75,6 +110,8 @@ int main(int argc, char** argv) {
     if (parser.isSet(*option)) startOptions.globalArgs << flag << parser.value(*option);
   }
   startOptions.agentArgs = parser.values(agentArgOption);
+  startOptions.preferService = !parser.isSet(homeOption) && !parser.isSet(norvikOption) &&
+                               startOptions.globalArgs.size() == 2 && startOptions.agentArgs.isEmpty();
 
   norvik::gui::AgentLink link(home + "/run/agent.sock");
   norvik::gui::Models models(link);
@@ -106,6 +143,13 @@ int main(int argc, char** argv) {
     // The agent started for the pictures ends with them.
     if (starter.startedPid() > 0) ::kill(static_cast<pid_t>(starter.startedPid()), SIGTERM);
     return status;
+  }
+
+  std::unique_ptr<FirstFrameReport> firstFrame;
+  if (qEnvironmentVariableIsSet("NORVIK_GUI_FIRST_FRAME")) {
+    firstFrame = std::make_unique<FirstFrameReport>(sinceMain, models.home,
+                                                    qEnvironmentVariable("NORVIK_GUI_FIRST_FRAME") == "quit");
+    window.homePage()->installEventFilter(firstFrame.get());
   }
 
   const bool inTray = tray.show();
