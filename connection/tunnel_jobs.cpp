@@ -30,7 +30,7 @@ std::optional<std::string> TunnelStateMachine::Job::serverError(const VPNKeyResp
 }
 
 std::optional<std::string> TunnelStateMachine::Job::currentServerIP() {
-  const auto ip = vpn().serverAddress();
+  auto ip = vpn().serverAddress();
   log().format("Current server IP: {}", ip.value_or("none"));
   return ip;
 }
