@@ -49,7 +49,7 @@ std::expected<InstanceLock, CommandError> takeInstanceLock(const AppPaths& paths
 CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOptions) {
   // A write to a client, a helper or a standard error that has gone away fails with EPIPE where it
   // is made; it never ends the agent.
-  ::signal(SIGPIPE, SIG_IGN);
+  (void)::signal(SIGPIPE, SIG_IGN);
   const AppPaths paths = AppPaths::resolve(global.home);
   auto lock = takeInstanceLock(paths);
   if (!lock) return std::unexpected(lock.error());

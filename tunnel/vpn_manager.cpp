@@ -6,7 +6,7 @@ namespace norvik {
 
 VPNManager::VPNManager(Dependencies d)
     : context_{d.loop, d.tunnels, d.groupDefaults, d.standardDefaults, d.clock, d.log, d.analytics, record_},
-      softRemoval_(context_, [this](std::string keyText,
+      softRemoval_(context_, [this](const std::string& keyText,
                                     Done completion) { installer_.installKey(keyText, std::move(completion)); }),
       connector_(context_, softRemoval_),
       installer_(context_, connector_, softRemoval_, std::move(d.extrasSnapshot)),
