@@ -14,7 +14,8 @@ namespace {
 using namespace routing_constants;
 
 bool ours(const RoutingRule& rule) {
-  return rule.table == kTable || rule.priority == kMainExceptDefaultPriority || rule.priority == kTunnelTablePriority;
+  return rule.table == kTable || rule.priority == kResolverPriority || rule.priority == kMainExceptDefaultPriority ||
+         rule.priority == kTunnelTablePriority;
 }
 
 }  // namespace
@@ -23,12 +24,22 @@ std::vector<RoutingRule> rulesFor(const RoutingPlan& plan) {
   std::vector<RoutingRule> rules;
   for (const int family : {AF_INET, AF_INET6}) {
     if ((family == AF_INET && !plan.ipv4) || (family == AF_INET6 && !plan.ipv6)) continue;
+    if (plan.dns) {
+      // "to S not fwmark M lookup T": the resolvers go into the tunnel even from inside a local
+      // network's range, where the main table's rule below would otherwise send them.
+      for (const IpAddress& server : plan.dns->servers) {
+        if (server.family != family) continue;
+        rules.push_back(
+            RoutingRule{family, kResolverPriority, kTable, kFirewallMark, true, std::nullopt, IpPrefix::host(server)});
+      }
+    }
     if (plan.mainTableKeepsNarrowerRoutes) {
       // "lookup main suppress_prefixlength 0": every main-table route but the default one.
-      rules.push_back(RoutingRule{family, kMainExceptDefaultPriority, RT_TABLE_MAIN, std::nullopt, false, 0});
+      rules.push_back(
+          RoutingRule{family, kMainExceptDefaultPriority, RT_TABLE_MAIN, std::nullopt, false, 0, std::nullopt});
     }
     // "not fwmark M lookup T": everything but the tunnel's own encrypted packets.
-    rules.push_back(RoutingRule{family, kTunnelTablePriority, kTable, kFirewallMark, true, std::nullopt});
+    rules.push_back(RoutingRule{family, kTunnelTablePriority, kTable, kFirewallMark, true, std::nullopt, std::nullopt});
   }
   return rules;
 }

@@ -73,6 +73,27 @@ RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPref
   for (const PlannedRoute& r : plan.routes) {
     (r.prefix.address.isV4() ? plan.ipv4 : plan.ipv6) = true;
   }
+  if (settings.mode != TunnelRoutingMode::services && !key.interface.dns.empty()) {
+    DnsPlan dns;
+    for (const IpAddress& server : key.interface.dns) {
+      // A resolver the tunnel cannot reach would leave the machine without names.
+      const bool carried = server.isV4() || carriesIPv6;
+      const bool routed = std::ranges::any_of(plan.routes, [&](const PlannedRoute& r) {
+        return !r.bypass && r.prefix.address.family == server.family && r.prefix.contains(server);
+      });
+      if (carried && routed) {
+        dns.servers.push_back(server);
+      } else {
+        plan.notes.push_back(fmt::format("DNS {} не идёт через туннель — не используется", server.toString()));
+      }
+    }
+    dns.searchDomains = key.interface.dnsSearch;
+    if (dns.servers.empty()) {
+      plan.notes.emplace_back("ни один DNS ключа не идёт через туннель — DNS системы не меняется");
+    } else {
+      plan.dns = std::move(dns);
+    }
+  }
   return plan;
 }
 

@@ -119,9 +119,9 @@ TEST(RoutingPlanTest, FullModeSendsEverythingThroughTheTunnelBesideTheLocalNetwo
   // Rules: the main table's narrower routes first, then the tunnel for all but the marked packets.
   const auto rules = rulesFor(plan);
   ASSERT_EQ(rules.size(), 4u);
-  EXPECT_EQ(rules[0], (RoutingRule{AF_INET, 28276, 254, std::nullopt, false, 0}));
+  EXPECT_EQ(rules[0], (RoutingRule{AF_INET, 28276, 254, std::nullopt, false, 0, std::nullopt}));
   EXPECT_EQ(rules[1], (RoutingRule{AF_INET, 28277, routing_constants::kTable, routing_constants::kFirewallMark, true,
-                                   std::nullopt}));
+                                   std::nullopt, std::nullopt}));
   EXPECT_EQ(rules[3].family, AF_INET6);
 }
 
@@ -184,6 +184,35 @@ TEST(RoutingPlanTest, ServicesModeRoutesOnlyTheServicesAndTheWatchedAddresses) {
   const auto rules = rulesFor(plan);
   ASSERT_EQ(rules.size(), 1u);
   EXPECT_EQ(rules[0].table, routing_constants::kTable);
+}
+
+TEST(RoutingPlanTest, TheKeysResolversServeFullAndSmartThroughTheTunnelAndServicesKeepsTheSystems) {
+  const std::string key = keyText("10.66.1.2/32", "0.0.0.0/0", "DNS = 10.64.0.1, fd00::53, corp.example");
+  for (const char* mode : {"2", "0"}) {
+    const auto plan = planRouting(settingsFor(Json{{"wgQuickConfig", key}, {"routing.goMode", mode}}), {}, {});
+    ASSERT_TRUE(plan.dns.has_value()) << mode;
+    // No IPv6 in the tunnel: an IPv6 resolver could not be reached, so it is not used.
+    EXPECT_EQ(plan.dns->servers, (std::vector{*IpAddress::parse("10.64.0.1")})) << mode;
+    EXPECT_EQ(plan.dns->searchDomains, (Strings{"corp.example"}));
+    EXPECT_NE(std::ranges::find(plan.notes, "DNS fd00::53 не идёт через туннель — не используется"), plan.notes.end());
+    // The resolver's own rule comes first, so a local network covering 10.64.0.1 cannot take it.
+    const auto rules = rulesFor(plan);
+    ASSERT_FALSE(rules.empty());
+    EXPECT_EQ(rules[0], (RoutingRule{AF_INET, 28275, routing_constants::kTable, routing_constants::kFirewallMark, true,
+                                     std::nullopt, prefix("10.64.0.1/32")}));
+  }
+  const auto services = planRouting(
+      settingsFor(Json{{"wgQuickConfig", key}, {"routing.goMode", "1"}, {"routing.serviceCIDRs", "8.8.8.0/24"}}), {},
+      {});
+  EXPECT_FALSE(services.dns.has_value());
+  EXPECT_EQ(rulesFor(services).size(), 1u);
+
+  // A key whose resolvers lie outside what it carries leaves the system's resolvers alone.
+  const auto partial =
+      planRouting(settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32", "10.0.0.0/8", "DNS = 1.1.1.1")},
+                                   {"routing.goMode", "2"}}),
+                  {}, {});
+  EXPECT_FALSE(partial.dns.has_value());
 }
 
 TEST(RoutingPlanTest, TheKeysOwnMtuWinsOverTheBackendsHint) {

@@ -96,6 +96,7 @@ std::optional<std::uint32_t> u32Attribute(
 
 std::string describeRule(const RoutingRule& rule) {
   std::string text = fmt::format("rule {} pref {}", rule.family == AF_INET ? "-4" : "-6", rule.priority);
+  if (rule.destination) text += " to " + rule.destination->toString();
   if (rule.firewallMark) text += fmt::format(" {}fwmark {:#x}", rule.invert ? "not " : "", *rule.firewallMark);
   text += fmt::format(" table {}", rule.table);
   if (rule.suppressPrefixLength) text += fmt::format(" suppress_prefixlength {}", *rule.suppressPrefixLength);
@@ -320,7 +321,12 @@ std::vector<std::uint8_t> ruleMessage(std::uint16_t type, std::uint16_t flags, c
   body.table = rule.table < 256 ? static_cast<std::uint8_t>(rule.table) : kTableInAttribute;
   body.action = FR_ACT_TO_TBL;
   body.flags = rule.invert ? FIB_RULE_INVERT : 0;
+  if (rule.destination) body.dst_len = static_cast<std::uint8_t>(rule.destination->length);
   builder.fixed(body);
+  if (rule.destination) {
+    builder.attribute(FRA_DST, rule.destination->address.bytes.data(),
+                      static_cast<std::size_t>(rule.destination->address.byteLength()));
+  }
   builder.u32(FRA_PRIORITY, rule.priority);
   builder.u32(FRA_TABLE, rule.table);
   if (rule.firewallMark) {
@@ -362,6 +368,15 @@ std::expected<std::vector<RoutingRule>, Error> RouteNetlink::listRules(int famil
     rule.invert = (header.flags & FIB_RULE_INVERT) != 0;
     if (auto suppress = u32Attribute(attrs, FRA_SUPPRESS_PREFIXLEN); suppress && *suppress != 0xFFFFFFFFu) {
       rule.suppressPrefixLength = suppress;
+    }
+    if (auto dst = attrs.find(FRA_DST); dst != attrs.end()) {
+      IpPrefix prefix;
+      prefix.address.family = header.family;
+      prefix.length = header.dst_len;
+      if (dst->second.second == static_cast<std::size_t>(prefix.address.byteLength())) {
+        std::memcpy(prefix.address.bytes.data(), dst->second.first, dst->second.second);
+        rule.destination = prefix;
+      }
     }
     out.push_back(rule);
   }

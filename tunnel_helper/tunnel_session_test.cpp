@@ -66,6 +66,23 @@ class FakeNetwork final : public NetworkConfigurator {
   Journal& journal_;
 };
 
+class FakeDns final : public SystemDns {
+ public:
+  explicit FakeDns(Journal& journal) : journal_(journal) {}
+  std::string name() const override { return "fake"; }
+  void repairLeftovers() override { journal_.emplace_back("repairDns"); }
+  std::expected<void, Error> apply(const std::string& name, const DnsPlan& plan) override {
+    journal_.push_back(fmt::format("dns {} {}", name, plan.servers.front().toString()));
+    if (failApply) return std::unexpected(Error{"POSIX", EROFS, "Read-only file system"});
+    return {};
+  }
+  void restore() override { journal_.emplace_back("restoreDns"); }
+  bool failApply = false;
+
+ private:
+  Journal& journal_;
+};
+
 class RecordingReporter final : public SessionReporter {
  public:
   void connecting(const std::string& name) override { events.push_back("connecting " + name); }
@@ -98,13 +115,14 @@ class TunnelSessionTest : public ::testing::Test {
   Journal journal_;
   FakeDevice device_{journal_};
   FakeNetwork network_{journal_};
+  FakeDns dns_{journal_};
   RecordingReporter reporter_;
-  TunnelSession session_{loop_, log_, device_, network_, reporter_, TunnelSession::Options{10s, 200ms}};
+  TunnelSession session_{loop_, log_, device_, network_, dns_, reporter_, TunnelSession::Options{10s, 200ms}};
 };
 
 TEST_F(TunnelSessionTest, ConnectsOnTheFirstHandshakeAndStopsGivingTheNetworkBackFirst) {
   session_.start(PreparedSession{"set=1\n\n", {}});
-  EXPECT_EQ(journal_, (Journal{"removeLeftovers", "create", "configure", "apply norvik0"}));
+  EXPECT_EQ(journal_, (Journal{"repairDns", "removeLeftovers", "create", "configure", "apply norvik0"}));
   EXPECT_EQ(reporter_.events, (std::vector<std::string>{"connecting norvik0"}));
   EXPECT_EQ(device_.configured, "set=1\n\n");
 
@@ -123,7 +141,9 @@ TEST_F(TunnelSessionTest, ConnectsOnTheFirstHandshakeAndStopsGivingTheNetworkBac
   EXPECT_EQ(reporter_.events.back(), "telemetry 7 92");
 
   session_.stop();
-  EXPECT_EQ(journal_, (Journal{"removeLeftovers", "create", "configure", "apply norvik0", "restore", "destroy"}));
+  EXPECT_EQ(journal_,
+            (Journal{"repairDns", "removeLeftovers", "create", "configure", "apply norvik0", "restore", "destroy"}))
+      << "no DNS in the plan: the system's resolvers are not touched";
   EXPECT_EQ(reporter_.events.back(), "stopped");
   session_.stop();
   EXPECT_EQ(reporter_.events.size(), 4u) << "a second stop does nothing";
@@ -165,9 +185,10 @@ TEST_F(TunnelSessionTest, AFailedStepUndoesWhateverWasDoneBeforeIt) {
     Journal journal;
     FakeDevice device(journal);
     FakeNetwork network(journal);
+    FakeDns dns(journal);
     RecordingReporter reporter;
     c.breakIt(device, network);
-    TunnelSession session(loop_, log_, device, network, reporter, {});
+    TunnelSession session(loop_, log_, device, network, dns, reporter, {});
     session.start(PreparedSession{"set=1\n\n", {}});
     EXPECT_EQ(session.state(), TunnelSession::State::ended) << c.name;
     EXPECT_EQ(std::vector(journal.end() - 2, journal.end()), (Journal{"restore", "destroy"})) << c.name;
@@ -189,12 +210,51 @@ TEST_F(TunnelSessionTest, TheDeviceDyingEndsTheSessionAndDestroyingItRestoresToo
   Journal journal;
   FakeDevice device(journal);
   FakeNetwork network(journal);
+  FakeDns dns(journal);
   RecordingReporter reporter;
   {
-    TunnelSession running(loop_, log_, device, network, reporter, {});
+    TunnelSession running(loop_, log_, device, network, dns, reporter, {});
     running.start(PreparedSession{"set=1\n\n", {}});
   }
   EXPECT_EQ(std::vector(journal.end() - 2, journal.end()), (Journal{"restore", "destroy"}));
+}
+
+PreparedSession withDns() {
+  PreparedSession prepared{"set=1\n\n", {}};
+  prepared.plan.dns = DnsPlan{{*IpAddress::parse("10.64.0.1")}, {"corp.example"}};
+  return prepared;
+}
+
+TEST_F(TunnelSessionTest, ResolversAreSetAfterTheRoutesAndGivenBackBeforeThem) {
+  session_.start(withDns());
+  EXPECT_EQ(journal_,
+            (Journal{"repairDns", "removeLeftovers", "create", "configure", "apply norvik0", "dns norvik0 10.64.0.1"}));
+  session_.stop();
+  EXPECT_EQ(std::vector(journal_.end() - 3, journal_.end()), (Journal{"restoreDns", "restore", "destroy"}));
+
+  // A death of the device gives them back the same way, once.
+  Journal journal;
+  FakeDevice device(journal);
+  FakeNetwork network(journal);
+  FakeDns dns(journal);
+  RecordingReporter reporter;
+  TunnelSession dying(loop_, log_, device, network, dns, reporter, {});
+  dying.start(withDns());
+  dying.deviceEnded("сигнал 9");
+  dying.stop();
+  EXPECT_EQ(std::ranges::count(journal, std::string("restoreDns")), 1);
+}
+
+TEST_F(TunnelSessionTest, ResolversThatCannotBeSetFailTheSessionRatherThanLeakNames) {
+  dns_.failApply = true;
+  session_.start(withDns());
+  EXPECT_EQ(session_.state(), TunnelSession::State::ended);
+  ASSERT_TRUE(reporter_.lastError.has_value());
+  EXPECT_EQ(reporter_.lastError->code, static_cast<int>(NEVPNErrorCode::configurationReadWriteFailed));
+  EXPECT_EQ(reporter_.lastError->message, "не удалось настроить DNS (fake): Read-only file system");
+  EXPECT_EQ(std::vector(journal_.end() - 3, journal_.end()), (Journal{"restoreDns", "restore", "destroy"}))
+      << "a half-done change is taken back too";
+  EXPECT_EQ(std::ranges::count(reporter_.events, std::string("connecting norvik0")), 0);
 }
 
 // Preparation: all of it happens before the system is touched, so a refusal here changes nothing.
