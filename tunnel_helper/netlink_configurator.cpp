@@ -14,8 +14,8 @@ namespace {
 using namespace routing_constants;
 
 bool ours(const RoutingRule& rule) {
-  return rule.table == kTable || rule.priority == kResolverPriority || rule.priority == kMainExceptDefaultPriority ||
-         rule.priority == kTunnelTablePriority;
+  return rule.table == kTable || rule.priority == kMarkedToMainPriority || rule.priority == kResolverPriority ||
+         rule.priority == kMainExceptDefaultPriority || rule.priority == kTunnelTablePriority;
 }
 
 }  // namespace
@@ -24,13 +24,17 @@ std::vector<RoutingRule> rulesFor(const RoutingPlan& plan) {
   std::vector<RoutingRule> rules;
   for (const int family : {AF_INET, AF_INET6}) {
     if ((family == AF_INET && !plan.ipv4) || (family == AF_INET6 && !plan.ipv6)) continue;
-    if (plan.dns) {
-      // "to S not fwmark M lookup T": the resolvers go into the tunnel even from inside a local
-      // network's range, where the main table's rule below would otherwise send them.
+    if (plan.dns && std::ranges::any_of(plan.dns->servers, [&](const IpAddress& s) { return s.family == family; })) {
+      // "fwmark M lookup main", then "to S lookup T": the resolvers go into the tunnel even from
+      // inside a local network's range, where the main table's rule below would otherwise send
+      // them, and the tunnel's own packets never do (one "not" over both selectors would invert
+      // them together and send every encrypted packet back into the tunnel).
+      rules.push_back(
+          RoutingRule{family, kMarkedToMainPriority, RT_TABLE_MAIN, kFirewallMark, false, std::nullopt, std::nullopt});
       for (const IpAddress& server : plan.dns->servers) {
         if (server.family != family) continue;
         rules.push_back(
-            RoutingRule{family, kResolverPriority, kTable, kFirewallMark, true, std::nullopt, IpPrefix::host(server)});
+            RoutingRule{family, kResolverPriority, kTable, std::nullopt, false, std::nullopt, IpPrefix::host(server)});
       }
     }
     if (plan.mainTableKeepsNarrowerRoutes) {
@@ -77,6 +81,7 @@ std::expected<void, Error> NetlinkConfigurator::apply(const std::string& interfa
 
   // The routes into the tunnel's table first; nothing reaches them before the rules exist.
   tableUsed_ = true;
+  const auto routesStarted = std::chrono::steady_clock::now();
   std::vector<PlannedRoute> v4;
   std::vector<PlannedRoute> v6;
   for (const PlannedRoute& route : plan.routes) (route.prefix.address.isV4() ? v4 : v6).push_back(route);
@@ -90,6 +95,10 @@ std::expected<void, Error> NetlinkConfigurator::apply(const std::string& interfa
     log_.format("[Tunnel] IPv6 на этой машине недоступен ({}), правила IPv6 не ставятся", added.error().message);
     ipv6Usable = false;
   }
+
+  const auto routesTook =
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - routesStarted);
+  log_.format("[Tunnel] {} маршрутов в таблицу {} за {} мкс", plan.routes.size(), kTable, routesTook.count());
 
   if (plan.ipv4 && plan.mainTableKeepsNarrowerRoutes) {
     // The answers of the server come in on the physical interface while unmarked traffic is routed

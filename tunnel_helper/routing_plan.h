@@ -19,7 +19,9 @@ inline constexpr std::uint32_t kFirewallMark = 0x6E76;
 // Before the main table's own rule (32766): the first lets the main table answer for everything but
 // its default route, the second sends the rest of unmarked traffic to the tunnel's table.
 // Before both: the tunnel's resolvers go into the tunnel even when the local network's routes
-// cover their addresses.
+// cover their addresses; the tunnel's own marked packets are sent to the main table first, so that
+// a resolver at the endpoint's address cannot pull the encrypted traffic back into the tunnel.
+inline constexpr std::uint32_t kMarkedToMainPriority = 28274;
 inline constexpr std::uint32_t kResolverPriority = 28275;
 inline constexpr std::uint32_t kMainExceptDefaultPriority = 28276;
 inline constexpr std::uint32_t kTunnelTablePriority = 28277;

@@ -195,17 +195,22 @@ TEST(RoutingPlanTest, TheKeysResolversServeFullAndSmartThroughTheTunnelAndServic
     EXPECT_EQ(plan.dns->servers, (std::vector{*IpAddress::parse("10.64.0.1")})) << mode;
     EXPECT_EQ(plan.dns->searchDomains, (Strings{"corp.example"}));
     EXPECT_NE(std::ranges::find(plan.notes, "DNS fd00::53 не идёт через туннель — не используется"), plan.notes.end());
-    // The resolver's own rule comes first, so a local network covering 10.64.0.1 cannot take it.
+    // The resolver's own rule comes first, so a local network covering 10.64.0.1 cannot take it;
+    // before it, the tunnel's own marked packets go to the main table, whatever their address.
     const auto rules = rulesFor(plan);
-    ASSERT_FALSE(rules.empty());
-    EXPECT_EQ(rules[0], (RoutingRule{AF_INET, 28275, routing_constants::kTable, routing_constants::kFirewallMark, true,
-                                     std::nullopt, prefix("10.64.0.1/32")}));
+    ASSERT_GE(rules.size(), 2u);
+    EXPECT_EQ(rules[0],
+              (RoutingRule{AF_INET, 28274, 254, routing_constants::kFirewallMark, false, std::nullopt, std::nullopt}));
+    EXPECT_EQ(rules[1], (RoutingRule{AF_INET, 28275, routing_constants::kTable, std::nullopt, false, std::nullopt,
+                                     prefix("10.64.0.1/32")}));
+    EXPECT_TRUE(std::ranges::none_of(rules, [](const RoutingRule& r) { return r.invert && r.destination; }))
+        << "an inverted rule with a destination would also catch the tunnel's own packets";
   }
   const auto services = planRouting(
       settingsFor(Json{{"wgQuickConfig", key}, {"routing.goMode", "1"}, {"routing.serviceCIDRs", "8.8.8.0/24"}}), {},
       {});
   EXPECT_FALSE(services.dns.has_value());
-  EXPECT_EQ(rulesFor(services).size(), 1u);
+  EXPECT_EQ(rulesFor(services).size(), 1u) << "no resolver rules: the system's resolvers stay";
 
   // A key whose resolvers lie outside what it carries leaves the system's resolvers alone.
   const auto partial =

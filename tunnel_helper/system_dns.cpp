@@ -292,7 +292,19 @@ std::expected<void, Error> ManagedResolvConf::apply(const std::string& interface
     backup["kind"] = current ? "file" : "absent";
     backup["content"] = current.value_or("");
   }
-  const std::string text = resolvConfText(plan, interfaceName);
+  std::string text = resolvConfText(plan, interfaceName);
+  // The machine's own resolver options (time-outs, attempts, single-request, …) are its owner's
+  // choice, not the network's: they stay.
+  if (backup["kind"] == "file") {
+    const std::string original = backup["content"].get<std::string>();
+    std::size_t start = 0;
+    while (start < original.size()) {
+      const std::size_t end = std::min(original.find('\n', start), original.size());
+      const std::string_view line = std::string_view(original).substr(start, end - start);
+      if (line.starts_with("options ") || line.starts_with("options\t")) text += std::string(line) + "\n";
+      start = end + 1;
+    }
+  }
   backup["written"] = text;
   if (auto made = makeDirectories(options_.stateDir, 0700); !made) return std::unexpected(made.error());
   // The original is on disk before the file changes: whatever happens next, it can come back.
