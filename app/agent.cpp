@@ -3,6 +3,7 @@
 #include <asio/signal_set.hpp>
 #include <cerrno>
 #include <fcntl.h>
+#include <functional>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include "app/application.h"
 #include "app/control_commands.h"
 #include "app/control_server.h"
+#include "backend/network_service.h"
 #include "platform/files.h"
 
 namespace norvik::cli {
@@ -79,10 +81,25 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
     loop.stop();
   });
 
+  // SIGHUP, as daemons take it: the main configuration is asked for again now, rather than at the
+  // next occasion (a changed key is then refreshed, a changed GeoIP version downloaded).
+  asio::signal_set reload(loop.context(), SIGHUP);
+  std::function<void()> awaitReload = [&] {
+    reload.async_wait([&](const asio::error_code& error, int) {
+      if (error) return;
+      log.write("[Agent] SIGHUP — главная конфигурация запрошена заново");
+      (*app)->network().loadMainConfiguration();
+      awaitReload();
+    });
+  };
+  awaitReload();
+
   (*app)->start();
   log.format("[Agent] запущен, управление: {}", (paths.runtime() / "agent.sock").string());
   loop.run();
 
+  asio::error_code ignored;
+  reload.cancel(ignored);
   server->reset();
   (*app)->shutDown();
   loop.joinWorkers();
