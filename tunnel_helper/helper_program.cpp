@@ -147,6 +147,7 @@ int runSession(const RunOptions& options) {
                              command ? "первой должна прийти конфигурация туннеля" : command.error()));
     return 1;
   }
+  const auto preparing = std::chrono::steady_clock::now();
   auto prepared = prepareSession(command->configuration, systemResolver(std::chrono::seconds(5)));
   if (!prepared) {
     fail(log, prepared.error());
@@ -155,8 +156,11 @@ int runSession(const RunOptions& options) {
   for (const std::string& note : prepared->notes) log.format("[Tunnel] {}", note);
   const RoutingPlan& plan = prepared->session.plan;
   const auto bypass = std::ranges::count_if(plan.routes, [](const PlannedRoute& r) { return r.bypass; });
-  log.format("[Tunnel] режим {}: {} маршрутов в туннель, {} в обход, пиров {}", toString(prepared->settings.mode),
-             plan.routes.size() - static_cast<std::size_t>(bypass), bypass, prepared->settings.key.peers.size());
+  log.format(
+      "[Tunnel] режим {}: {} маршрутов в туннель, {} в обход, пиров {}; подготовка за {} мс",
+      toString(prepared->settings.mode), plan.routes.size() - static_cast<std::size_t>(bypass), bypass,
+      prepared->settings.key.peers.size(),
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - preparing).count());
 
   AsioEventLoop loop(1);
   StdoutReporter reporter(loop);

@@ -7,6 +7,9 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <ranges>
+#include <span>
+
+#include <fmt/format.h>
 
 namespace norvik::tunnel_helper {
 namespace {
@@ -79,12 +82,21 @@ std::expected<void, Error> NetlinkConfigurator::apply(const std::string& interfa
   }
   if (auto up = netlink->setLinkUp(index, plan.mtu); !up) return std::unexpected(up.error());
 
-  // The routes into the tunnel's table first; nothing reaches them before the rules exist.
+  // The routes into the tunnel's table first; nothing reaches them before the rules exist. The
+  // smart mode's bypass ranges (tens of thousands) follow in the background once the rules are in:
+  // until each is there its range goes through the tunnel, which protects more, never less.
   tableUsed_ = true;
   const auto routesStarted = std::chrono::steady_clock::now();
   std::vector<PlannedRoute> v4;
   std::vector<PlannedRoute> v6;
-  for (const PlannedRoute& route : plan.routes) (route.prefix.address.isV4() ? v4 : v6).push_back(route);
+  std::vector<PlannedRoute> bypass;
+  for (const PlannedRoute& route : plan.routes) {
+    if (route.bypass) {
+      bypass.push_back(route);
+    } else {
+      (route.prefix.address.isV4() ? v4 : v6).push_back(route);
+    }
+  }
   if (auto added = netlink->addRoutes(kTable, index, v4); !added) return std::unexpected(added.error());
   const bool interfaceHasIPv6 =
       std::ranges::any_of(plan.addresses, [](const IpPrefix& a) { return !a.address.isV4(); });
@@ -95,10 +107,11 @@ std::expected<void, Error> NetlinkConfigurator::apply(const std::string& interfa
     log_.format("[Tunnel] IPv6 на этой машине недоступен ({}), правила IPv6 не ставятся", added.error().message);
     ipv6Usable = false;
   }
-
+  if (!ipv6Usable) std::erase_if(bypass, [](const PlannedRoute& r) { return !r.prefix.address.isV4(); });
   const auto routesTook =
       std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - routesStarted);
-  log_.format("[Tunnel] {} маршрутов в таблицу {} за {} мкс", plan.routes.size(), kTable, routesTook.count());
+  log_.format("[Tunnel] {} маршрутов в туннель в таблицу {} за {} мкс", v4.size() + v6.size(), kTable,
+              routesTook.count());
 
   if (plan.ipv4 && plan.mainTableKeepsNarrowerRoutes) {
     // The answers of the server come in on the physical interface while unmarked traffic is routed
@@ -115,12 +128,47 @@ std::expected<void, Error> NetlinkConfigurator::apply(const std::string& interfa
     added_.push_back(rule);
   }
   const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
-  log_.format("[Tunnel] маршруты: {} в таблице {}, правил {}, MTU {}, за {} мс", plan.routes.size(), kTable,
-              added_.size(), plan.mtu, took.count());
+  log_.format("[Tunnel] маршруты: {} в таблице {}, правил {}, MTU {}, за {} мс{}", v4.size() + v6.size(), kTable,
+              added_.size(), plan.mtu, took.count(),
+              bypass.empty() ? "" : fmt::format("; {} в обход добавляются", bypass.size()));
+  if (!bypass.empty()) startBypass(std::move(bypass));
   return {};
 }
 
+void NetlinkConfigurator::startBypass(std::vector<PlannedRoute> routes) {
+  stopBypass_ = false;
+  bypassWorker_ = std::thread([this, routes = std::move(routes)] {
+    const auto started = std::chrono::steady_clock::now();
+    auto netlink = RouteNetlink::open();
+    if (!netlink) {
+      log_.format("[Tunnel] маршруты в обход не добавлены: {}", netlink.error().message);
+      return;
+    }
+    // In slices, so that a stop does not wait for all of them.
+    constexpr std::size_t kSlice = 2048;
+    for (std::size_t at = 0; at < routes.size(); at += kSlice) {
+      if (stopBypass_) return;
+      const auto slice = std::span(routes).subspan(at, std::min(kSlice, routes.size() - at));
+      if (auto added = netlink->addRoutes(kTable, 0, slice); !added) {
+        // Ranges without their bypass route go through the tunnel: slower for them, never a leak.
+        log_.format("[Tunnel] маршруты в обход добавлены не все: {}", added.error().message);
+        return;
+      }
+    }
+    const auto took = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started);
+    log_.format("[Tunnel] {} маршрутов в обход в таблицу {} за {} мкс", routes.size(), kTable, took.count());
+  });
+}
+
+void NetlinkConfigurator::stopBypass() {
+  stopBypass_ = true;
+  if (bypassWorker_.joinable()) bypassWorker_.join();
+}
+
+NetlinkConfigurator::~NetlinkConfigurator() { stopBypass(); }
+
 void NetlinkConfigurator::restore() {
+  stopBypass();
   if (added_.empty() && !tableUsed_) return;
   auto netlink = RouteNetlink::open();
   if (!netlink) {

@@ -63,10 +63,16 @@ RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPref
         const bool anyIPv6 =
             added.contains(defaultRoute(AF_INET6)) ||
             std::ranges::any_of(plan.routes, [](const PlannedRoute& r) { return !r.prefix.address.isV4(); });
+        // Tens of thousands of ranges: repeats among them go by sorting, not by a set of nodes.
+        std::vector<IpPrefix> bypass;
+        bypass.reserve(geoip.size());
         for (const IpPrefix& range : geoip) {
           if (!range.address.isV4() && !anyIPv6) continue;
-          if (added.insert(range.masked()).second) plan.routes.push_back({range.masked(), true});
+          if (!added.contains(range.masked())) bypass.push_back(range.masked());
         }
+        removeRepeats(bypass);
+        plan.routes.reserve(plan.routes.size() + bypass.size());
+        for (const IpPrefix& range : bypass) plan.routes.push_back({range, true});
       }
     }
   }

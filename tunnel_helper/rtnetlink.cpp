@@ -136,16 +136,26 @@ RouteNetlink::~RouteNetlink() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages, bool ignoreMissing) {
+std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages, bool ignoreMissing,
+                                                  bool acknowledgeLastOnly) {
   std::size_t next = 0;
   while (next < messages.size()) {
     // A batch: as many messages as fit, each with its own sequence number.
     std::vector<std::uint8_t> buffer;
-    std::map<std::uint32_t, std::size_t> pending;
+    std::map<std::uint32_t, std::size_t> inBatch;
+    std::size_t pending = 0;  // acknowledgements still to come
     while (next < messages.size() && (buffer.empty() || buffer.size() + messages[next].bytes.size() <= kBatchBytes)) {
       auto* header = reinterpret_cast<nlmsghdr*>(messages[next].bytes.data());
       header->nlmsg_seq = sequence_++;
-      pending[header->nlmsg_seq] = next;
+      inBatch[header->nlmsg_seq] = next;
+      const bool lastOfBatch = next + 1 == messages.size() ||
+                               buffer.size() + header->nlmsg_len + messages[next + 1].bytes.size() > kBatchBytes;
+      // The kernel handles a batch in order within the send; errors are reported whether asked for
+      // or not, so one acknowledgement at the end of a batch says that all of it was handled.
+      if (acknowledgeLastOnly && !lastOfBatch) {
+        header->nlmsg_flags = static_cast<std::uint16_t>(header->nlmsg_flags & ~NLM_F_ACK);
+      }
+      if ((header->nlmsg_flags & NLM_F_ACK) != 0) ++pending;
       buffer.insert(buffer.end(), messages[next].bytes.begin(), messages[next].bytes.end());
       ++next;
     }
@@ -153,11 +163,11 @@ std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages,
     kernel.nl_family = AF_NETLINK;
     const ssize_t sent =
         ::sendto(fd_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
-    if (sent < 0) return std::unexpected(netlinkError(errno, messages[pending.begin()->second].what));
+    if (sent < 0) return std::unexpected(netlinkError(errno, messages[inBatch.begin()->second].what));
 
     std::optional<Error> firstError;
     std::vector<std::uint8_t> answer(64 * 1024);
-    while (!pending.empty()) {
+    while (pending > 0) {
       const ssize_t n = ::recv(fd_, answer.data(), answer.size(), 0);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) return std::unexpected(netlinkError(errno, "recv(NETLINK_ROUTE)"));
@@ -165,14 +175,17 @@ std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages,
       for (auto* header = reinterpret_cast<nlmsghdr*>(answer.data()); NLMSG_OK(header, length);
            header = NLMSG_NEXT(header, length)) {
         if (header->nlmsg_type != NLMSG_ERROR) continue;
-        auto it = pending.find(header->nlmsg_seq);
-        if (it == pending.end()) continue;
+        auto it = inBatch.find(header->nlmsg_seq);
+        if (it == inBatch.end()) continue;
         const auto* error = reinterpret_cast<const nlmsgerr*>(NLMSG_DATA(header));
         const int err = -error->error;
         const bool missing = err == ENOENT || err == ESRCH || err == ENODEV;
         if (err != 0 && !(ignoreMissing && missing) && !firstError)
           firstError = netlinkError(err, messages[it->second].what);
-        pending.erase(it);
+        const auto* request = reinterpret_cast<const nlmsghdr*>(messages[it->second].bytes.data());
+        // An error answers a message that asked for no acknowledgement too; only those that asked count.
+        if ((request->nlmsg_flags & NLM_F_ACK) != 0 && pending > 0) --pending;
+        inBatch.erase(it);
       }
     }
     if (firstError) return std::unexpected(*firstError);
@@ -279,7 +292,7 @@ std::expected<void, Error> RouteNetlink::addRoutes(std::uint32_t table, int inde
     messages.push_back({builder.finish(0), fmt::format("route {}{} table {}", route.bypass ? "throw " : "",
                                                        route.prefix.toString(), table)});
   }
-  return transact(std::move(messages));
+  return transact(std::move(messages), /*ignoreMissing=*/false, /*acknowledgeLastOnly=*/true);
 }
 
 std::expected<std::size_t, Error> RouteNetlink::flushTable(int family, std::uint32_t table) {
@@ -307,7 +320,9 @@ std::expected<std::size_t, Error> RouteNetlink::flushTable(int family, std::uint
     messages.push_back({builder.finish(0), fmt::format("delete route from table {}", table)});
   }
   const std::size_t count = messages.size();
-  if (auto done = transact(std::move(messages), /*ignoreMissing=*/true); !done) return std::unexpected(done.error());
+  if (auto done = transact(std::move(messages), /*ignoreMissing=*/true, /*acknowledgeLastOnly=*/true); !done) {
+    return std::unexpected(done.error());
+  }
   return count;
 }
 

@@ -60,7 +60,8 @@ class RouteNetlink {
     std::vector<std::uint8_t> bytes;
     std::string what;  // names the change in errors
   };
-  [[nodiscard]] std::expected<void, Error> transact(std::vector<Message> messages, bool ignoreMissing = false);
+  [[nodiscard]] std::expected<void, Error> transact(std::vector<Message> messages, bool ignoreMissing = false,
+                                                    bool acknowledgeLastOnly = false);
   [[nodiscard]] std::expected<std::vector<std::vector<std::uint8_t>>, Error> dump(std::uint16_t type, int family);
 
   int fd_ = -1;
