@@ -14,6 +14,33 @@ namespace {
 constexpr std::size_t kMaxAddressLength = 45;  // the longest IPv6 text form
 constexpr std::size_t kMalformedQuoteBytes = 64;
 
+// The common line of a list, "a.b.c.d/n" with nothing around it, judged in one pass: octets of one
+// to three digits without a leading zero, at most 255, and a prefix length of at most 32 without a
+// leading zero — what inet_pton and isCidr accept. Anything else goes to isCidr.
+bool isPlainIPv4Cidr(std::string_view text) {
+  const char* p = text.data();
+  const char* const end = p + text.size();
+  for (int octet = 0; octet < 4; ++octet) {
+    if (octet > 0) {
+      if (p == end || *p != '.') return false;
+      ++p;
+    }
+    const char* const start = p;
+    unsigned value = 0;
+    while (p != end && *p >= '0' && *p <= '9' && p - start < 3) value = value * 10 + static_cast<unsigned>(*p++ - '0');
+    const auto digits = p - start;
+    if (digits == 0 || value > 255 || (digits > 1 && *start == '0')) return false;
+  }
+  if (p == end || *p != '/') return false;
+  ++p;
+  const auto digits = end - p;
+  if (digits == 1) return *p >= '0' && *p <= '9';
+  if (digits != 2 || *p < '1' || *p > '3' || p[1] < '0' || p[1] > '9') return false;
+  return (*p - '0') * 10 + (p[1] - '0') <= 32;
+}
+
+bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
+
 class ListBuilder {
  public:
   explicit ListBuilder(GeoIPList& list) : list_(list) {}
@@ -30,13 +57,35 @@ class ListBuilder {
     ++list_.cidrCount;
   }
 
+  // A list is mostly lines that are already what the cache file holds: runs of them are copied as
+  // they are, in one piece, and only the other lines are trimmed, skipped or judged one by one.
   void lines(std::string_view text) {
+    const char* run = text.data();  // the start of the current run of lines kept as they are
+    std::size_t runLines = 0;
+    auto flush = [&](const char* upTo) {
+      list_.text.append(run, static_cast<std::size_t>(upTo - run));
+      list_.cidrCount += runLines;
+      runLines = 0;
+    };
     while (!text.empty()) {
       const std::size_t end = text.find('\n');
-      line(text.substr(0, end));
-      if (end == std::string_view::npos) break;
+      if (end == std::string_view::npos) {
+        flush(text.data());
+        line(text);
+        return;
+      }
+      const std::string_view entry = text.substr(0, end);
+      if (!entry.empty() && !isSpace(entry.front()) && !isSpace(entry.back()) &&
+          (isPlainIPv4Cidr(entry) || isCidr(entry))) {
+        ++runLines;
+      } else {
+        flush(entry.data());
+        line(entry);
+        run = entry.data() + end + 1;
+      }
       text.remove_prefix(end + 1);
     }
+    flush(text.data());
   }
 
  private:
