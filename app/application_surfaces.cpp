@@ -119,7 +119,7 @@ void Application::startSurfaces() {
     if (tunnelIsUp(status) && !self->trafficPollRunning_) {
       self->trafficPollRunning_ = true;
       self->pollTraffic();
-      self->trafficTimer_.start(self->loop_, kTrafficPollPeriod, [weak] {
+      self->trafficTimer_.startAligned(self->loop_, kTrafficPollPeriod, [weak] {
         if (auto* owner = weak.lock()) owner->pollTraffic();
       });
     } else if (tunnelIsDown(status) && self->trafficPollRunning_) {

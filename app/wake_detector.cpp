@@ -20,7 +20,7 @@ std::chrono::nanoseconds WakeDetector::systemSleepOffset() { return read(CLOCK_B
 
 void WakeDetector::start() {
   last_ = offset_();
-  timer_.start(loop_, kPeriod, [this] { check(); });
+  timer_.startAligned(loop_, kPeriod, [this] { check(); });
 }
 
 void WakeDetector::check() {

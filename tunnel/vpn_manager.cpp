@@ -63,7 +63,7 @@ void VPNManager::start() {
   initialStateCheck_.start(loop_, kInitialStateCheckDelay, [this] {
     log_.format("[VPNManager] Checking initial VPN state: {}", toString(connectionState_.get()));
   });
-  appGroupsCheckTimer_.start(loop_, kWidgetRequestPeriod, [this] { checkWidgetDisconnectRequest(); });
+  appGroupsCheckTimer_.startAligned(loop_, kWidgetRequestPeriod, [this] { checkWidgetDisconnectRequest(); });
 }
 
 void VPNManager::adoptConfigurations(const std::vector<TunnelConfiguration>& managers) {
