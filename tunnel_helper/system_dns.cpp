@@ -18,8 +18,6 @@
 #include "platform/files.h"
 #include "tunnel_helper/wireguard_go_device.h"
 
-extern char** environ;
-
 namespace norvik::tunnel_helper {
 namespace {
 
@@ -86,6 +84,7 @@ std::expected<void, Error> ResolvedDns::apply(const std::string& interfaceName, 
   if (index <= 0) return std::unexpected(dnsError(ENODEV, "нет интерфейса " + interfaceName));
   index_ = index;
   std::vector<ResolvedBus::Domain> domains;
+  domains.reserve(plan.searchDomains.size() + 1);
   for (const std::string& domain : plan.searchDomains) domains.push_back({domain, false});
   // "~.": the tunnel's servers answer for every name no other link claims more precisely.
   domains.push_back({".", true});
@@ -121,6 +120,7 @@ std::expected<std::string, Error> ResolvconfDns::run(const std::vector<std::stri
   std::vector<std::string> argv{program->string()};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   std::vector<char*> raw;
+  raw.reserve(argv.size() + 1);
   for (auto& a : argv) raw.push_back(a.data());
   raw.push_back(nullptr);
 

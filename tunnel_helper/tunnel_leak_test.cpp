@@ -68,7 +68,7 @@ class ClientTraffic {
   void stream(bool on) { streaming_ = on; }
 
  private:
-  void send(const char* to) {
+  void send(const char* to) const {
     if (std::string_view(to).find(':') == std::string_view::npos) {
       sockaddr_in remote{};
       remote.sin_family = AF_INET;
@@ -191,11 +191,11 @@ class TunnelLeakTest : public TunnelLabTest {
       std::getline(std::ifstream(entry.path() / "stat"), stat);
       const auto close = stat.rfind(')');
       if (close == std::string::npos || cmdline.find("norvik-tunnel") == std::string::npos) continue;
+      // After the command's name: the state, then the parent's id.
+      std::istringstream fields(stat.substr(close + 1));
+      std::string state;
       int parent = 0;
-      char state = 0;
-      if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2 && parent == agent_->pid()) {
-        return std::stoi(name);
-      }
+      if (fields >> state >> parent && parent == agent_->pid()) return std::stoi(name);
     }
     return -1;
   }
@@ -238,7 +238,7 @@ TEST_F(TunnelLeakTest, OnlyTheTunnelLeavesInEveryModeThroughEveryChange) {
     traffic.burst();
     lookUp("steady.example");
     lookUp("www.steady.example");
-    const auto window = capture.take();
+    auto window = capture.take();
     EXPECT_EQ(leaks(window, direct), std::vector<std::string>{}) << moment;
     return window;
   };
