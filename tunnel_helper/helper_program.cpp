@@ -157,9 +157,9 @@ int runSession(const RunOptions& options) {
   const RoutingPlan& plan = prepared->session.plan;
   const auto bypass = std::ranges::count_if(plan.routes, [](const PlannedRoute& r) { return r.bypass; });
   log.format(
-      "[Tunnel] режим {}: {} маршрутов в туннель, {} в обход, пиров {}; подготовка за {} мс",
+      "[Tunnel] режим {}: {} маршрутов в туннель, {} в обход{}, пиров {}; подготовка за {} мс",
       toString(prepared->settings.mode), plan.routes.size() - static_cast<std::size_t>(bypass), bypass,
-      prepared->settings.key.peers.size(),
+      plan.bypassList ? " и список GeoIP после подключения" : "", prepared->settings.key.peers.size(),
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - preparing).count());
 
   AsioEventLoop loop(1);

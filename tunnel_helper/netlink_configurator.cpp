@@ -8,6 +8,9 @@
 #include <net/if.h>
 #include <ranges>
 #include <span>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -15,6 +18,8 @@ namespace norvik::tunnel_helper {
 namespace {
 
 using namespace routing_constants;
+
+constexpr int kBypassNice = 10;
 
 bool ours(const RoutingRule& rule) {
   return rule.table == kTable || rule.priority == kMarkedToMainPriority || rule.priority == kResolverPriority ||
@@ -83,8 +88,9 @@ std::expected<void, Error> NetlinkConfigurator::apply(const std::string& interfa
   if (auto up = netlink->setLinkUp(index, plan.mtu); !up) return std::unexpected(up.error());
 
   // The routes into the tunnel's table first; nothing reaches them before the rules exist. The
-  // smart mode's bypass ranges (tens of thousands) follow in the background once the rules are in:
-  // until each is there its range goes through the tunnel, which protects more, never less.
+  // smart mode's bypass ranges (tens of thousands) follow in the background once the tunnel is
+  // connected: until each is there its range goes through the tunnel, which protects more, never
+  // less.
   tableUsed_ = true;
   const auto routesStarted = std::chrono::steady_clock::now();
   std::vector<PlannedRoute> v4;
@@ -130,15 +136,42 @@ std::expected<void, Error> NetlinkConfigurator::apply(const std::string& interfa
   const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
   log_.format("[Tunnel] маршруты: {} в таблице {}, правил {}, MTU {}, за {} мс{}", v4.size() + v6.size(), kTable,
               added_.size(), plan.mtu, took.count(),
-              bypass.empty() ? "" : fmt::format("; {} в обход добавляются", bypass.size()));
-  if (!bypass.empty()) startBypass(std::move(bypass));
+              bypass.empty() && !plan.bypassList ? "" : "; обход — после подключения");
+  pending_ = PendingBypass{std::move(bypass), plan.bypassList, {}, ipv6Usable};
+  for (const PlannedRoute& route : plan.routes) {
+    if (!route.bypass) pending_->tunnelRoutes.push_back(route);
+  }
   return {};
 }
 
-void NetlinkConfigurator::startBypass(std::vector<PlannedRoute> routes) {
+void NetlinkConfigurator::connected() {
+  if (pending_) startBypass(*std::exchange(pending_, std::nullopt));
+}
+
+void NetlinkConfigurator::startBypass(PendingBypass pending) {
   stopBypass_ = false;
-  bypassWorker_ = std::thread([this, routes = std::move(routes)] {
+  bypassWorker_ = std::thread([this, pending = std::move(pending)] {
+    // Background work: it yields to the connect's own last steps and to the user's programs.
+    (void)::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kBypassNice);
     const auto started = std::chrono::steady_clock::now();
+    std::vector<PlannedRoute> routes = pending.routes;
+    if (pending.list) {
+      auto ranges = readGeoIPRanges(*pending.list);
+      if (!ranges) {
+        log_.format("[Tunnel] список GeoIP не прочитан ({}) — умный режим ведёт всё через туннель", ranges.error());
+        return;
+      }
+      if (ranges->skippedLines > 0) {
+        log_.format("[Tunnel] GeoIP: пропущено строк {}, первая «{}»", ranges->skippedLines,
+                    ranges->firstSkipped.value_or(""));
+      }
+      auto listed = bypassRoutes(ranges->ranges, pending.tunnelRoutes);
+      routes.insert(routes.end(), listed.begin(), listed.end());
+      if (!pending.ipv6Usable) std::erase_if(routes, [](const PlannedRoute& r) { return !r.prefix.address.isV4(); });
+    }
+    if (routes.empty()) return;
+    const auto read = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
+    const auto installing = std::chrono::steady_clock::now();
     auto netlink = RouteNetlink::open();
     if (!netlink) {
       log_.format("[Tunnel] маршруты в обход не добавлены: {}", netlink.error().message);
@@ -155,8 +188,10 @@ void NetlinkConfigurator::startBypass(std::vector<PlannedRoute> routes) {
         return;
       }
     }
-    const auto took = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started);
-    log_.format("[Tunnel] {} маршрутов в обход в таблицу {} за {} мкс", routes.size(), kTable, took.count());
+    const auto took =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - installing);
+    log_.format("[Tunnel] {} маршрутов в обход в таблицу {} за {} мкс (список прочитан за {} мс)", routes.size(),
+                kTable, took.count(), read.count());
   });
 }
 
@@ -169,6 +204,7 @@ NetlinkConfigurator::~NetlinkConfigurator() { stopBypass(); }
 
 void NetlinkConfigurator::restore() {
   stopBypass();
+  pending_.reset();
   if (added_.empty() && !tableUsed_) return;
   auto netlink = RouteNetlink::open();
   if (!netlink) {

@@ -60,19 +60,8 @@ RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPref
       if (!settings.geoBypassAllowed) {
         plan.notes.emplace_back("обход по GeoIP запрещён бэкендом — умный режим ведёт всё через туннель");
       } else {
-        const bool anyIPv6 =
-            added.contains(defaultRoute(AF_INET6)) ||
-            std::ranges::any_of(plan.routes, [](const PlannedRoute& r) { return !r.prefix.address.isV4(); });
-        // Tens of thousands of ranges: repeats among them go by sorting, not by a set of nodes.
-        std::vector<IpPrefix> bypass;
-        bypass.reserve(geoip.size());
-        for (const IpPrefix& range : geoip) {
-          if (!range.address.isV4() && !anyIPv6) continue;
-          if (!added.contains(range.masked())) bypass.push_back(range.masked());
-        }
-        removeRepeats(bypass);
-        plan.routes.reserve(plan.routes.size() + bypass.size());
-        for (const IpPrefix& range : bypass) plan.routes.push_back({range, true});
+        auto bypass = bypassRoutes(geoip, plan.routes);
+        plan.routes.insert(plan.routes.end(), bypass.begin(), bypass.end());
       }
     }
   }
@@ -101,6 +90,27 @@ RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPref
     }
   }
   return plan;
+}
+
+std::vector<PlannedRoute> bypassRoutes(const std::vector<IpPrefix>& geoip,
+                                       const std::vector<PlannedRoute>& tunnelRoutes) {
+  const bool anyIPv6 =
+      std::ranges::any_of(tunnelRoutes, [](const PlannedRoute& r) { return !r.bypass && !r.prefix.address.isV4(); });
+  // Tens of thousands of ranges: repeats among them go by one look along the list, not by a set.
+  std::vector<IpPrefix> kept;
+  kept.reserve(geoip.size());
+  for (const IpPrefix& range : geoip) {
+    if (!range.address.isV4() && !anyIPv6) continue;
+    const IpPrefix masked = range.masked();
+    const bool intoTunnel =
+        std::ranges::any_of(tunnelRoutes, [&](const PlannedRoute& r) { return !r.bypass && r.prefix == masked; });
+    if (!intoTunnel) kept.push_back(masked);
+  }
+  removeRepeats(kept);
+  std::vector<PlannedRoute> out;
+  out.reserve(kept.size());
+  for (const IpPrefix& range : kept) out.push_back({range, true});
+  return out;
 }
 
 }  // namespace norvik::tunnel_helper

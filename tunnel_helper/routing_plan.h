@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,6 +50,9 @@ struct RoutingPlan {
   // Full and smart with DNS servers in the key: they become the machine's resolvers, and each
   // gets a rule of its own into the tunnel's table. Only servers the tunnel carries are used.
   std::optional<DnsPlan> dns;
+  // Smart mode: the GeoIP list whose ranges go direct, read and applied once the tunnel is
+  // connected (bypassRoutes), until then through the tunnel.
+  std::optional<std::filesystem::path> bypassList;
   std::vector<std::string> notes;  // for the log
 };
 
@@ -62,5 +67,11 @@ struct RoutingPlan {
 // `geoip` and `watchAddresses` are read and resolved by the caller.
 [[nodiscard]] RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPrefix>& geoip,
                                       const std::vector<IpAddress>& watchAddresses);
+
+// The bypass routes of `geoip` next to a plan's routes into the tunnel: each range once, none that
+// is already a route into the tunnel, and IPv6 ranges only where IPv6 is routed into the tunnel at
+// all (elsewhere it is direct anyway).
+[[nodiscard]] std::vector<PlannedRoute> bypassRoutes(const std::vector<IpPrefix>& geoip,
+                                                     const std::vector<PlannedRoute>& tunnelRoutes);
 
 }  // namespace norvik::tunnel_helper

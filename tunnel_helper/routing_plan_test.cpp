@@ -105,6 +105,24 @@ TEST(TunnelSettingsTest, TheGeoIPListSkipsWhatWouldSwallowEverything) {
   EXPECT_FALSE(readGeoIPRanges(dir / "missing.txt").has_value());
 }
 
+TEST(TunnelSettingsTest, RepeatsGoAndTheOrderStaysWhateverTheListsOrder) {
+  auto texts = [](const std::vector<IpPrefix>& prefixes) {
+    Strings out;
+    for (const auto& p : prefixes) out.push_back(p.toString());
+    return out;
+  };
+  std::vector<IpPrefix> sorted{prefix("5.8.0.0/16"), prefix("5.8.0.0/24"), prefix("9.0.0.0/8"), prefix("2a00::/16")};
+  removeRepeats(sorted);
+  EXPECT_EQ(texts(sorted), (Strings{"5.8.0.0/16", "5.8.0.0/24", "9.0.0.0/8", "2a00::/16"}));
+  std::vector<IpPrefix> unsorted{prefix("9.0.0.0/8"), prefix("2a00::/16"), prefix("5.8.0.0/16")};
+  removeRepeats(unsorted);
+  EXPECT_EQ(texts(unsorted), (Strings{"9.0.0.0/8", "2a00::/16", "5.8.0.0/16"}));
+  std::vector<IpPrefix> repeated{prefix("9.0.0.0/8"), prefix("2a00::/16"), prefix("9.0.0.0/8"), prefix("1.0.0.0/8"),
+                                 prefix("2a00::/16")};
+  removeRepeats(repeated);
+  EXPECT_EQ(texts(repeated), (Strings{"9.0.0.0/8", "2a00::/16", "1.0.0.0/8"}));
+}
+
 TEST(RoutingPlanTest, FullModeSendsEverythingThroughTheTunnelBesideTheLocalNetwork) {
   const auto settings =
       settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32, fd00:66::2/128")}, {"routing.goMode", "2"}});

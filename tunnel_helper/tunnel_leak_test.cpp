@@ -298,7 +298,6 @@ TEST_F(TunnelLeakTest, OnlyTheTunnelLeavesInEveryModeThroughEveryChange) {
   packets = capture.take();
   EXPECT_EQ(leaks(after(packets, ready)), std::vector<std::string>{}) << "after the change to smart mode";
   note("full → smart", "between the two tunnels: " + summary(packets));
-  EXPECT_EQ(agentLogCount("[Tunnel] режим smart: 2 маршрутов в туннель, 25000 в обход"), 1u) << agent_->output();
   // The bypass routes follow the rules in the background; until then their ranges use the tunnel.
   ASSERT_TRUE(waitFor([&] { return agentLogCount("[Tunnel] 25000 маршрутов в обход") == 1; }, 20s)) << tunnelLines();
   const std::string table = run({kIp, "-n", client_, "route", "show", "table", "28278"}) +

@@ -65,6 +65,7 @@ void TunnelSession::poll() {
     deadline_.stop();
     log_.format("[Tunnel] первое рукопожатие на {} — подключено", interfaceName_);
     reporter_.connected(interfaceName_, *state->lastHandshake());
+    network_.connected();
     return;
   }
   if (!state) log_.format("[Tunnel] состояние устройства не прочитано: {}", state.error().message);

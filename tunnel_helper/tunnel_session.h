@@ -38,6 +38,9 @@ class NetworkConfigurator {
   // Addresses, MTU and link state of the interface, then the tunnel's table, then the rules that
   // send traffic into it (last, so that nothing is steered into an incomplete table).
   [[nodiscard]] virtual std::expected<void, Error> apply(const std::string& interfaceName, const RoutingPlan& plan) = 0;
+  // The tunnel carries traffic (its first handshake): what could wait until now follows — the
+  // smart mode's bypass routes, whose ranges use the tunnel until then.
+  virtual void connected() {}
   // Takes back what apply did: the rules first, then the table. Best effort; safe to repeat.
   virtual void restore() = 0;
 };

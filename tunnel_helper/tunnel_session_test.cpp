@@ -59,6 +59,7 @@ class FakeNetwork final : public NetworkConfigurator {
     if (failApply) return std::unexpected(Error{"POSIX", EEXIST, "rule exists"});
     return {};
   }
+  void connected() override { journal_.emplace_back("connected"); }
   void restore() override { journal_.emplace_back("restore"); }
   bool failApply = false;
 
@@ -141,9 +142,9 @@ TEST_F(TunnelSessionTest, ConnectsOnTheFirstHandshakeAndStopsGivingTheNetworkBac
   EXPECT_EQ(reporter_.events.back(), "telemetry 7 92");
 
   session_.stop();
-  EXPECT_EQ(journal_,
-            (Journal{"repairDns", "removeLeftovers", "create", "configure", "apply norvik0", "restore", "destroy"}))
-      << "no DNS in the plan: the system's resolvers are not touched";
+  EXPECT_EQ(journal_, (Journal{"repairDns", "removeLeftovers", "create", "configure", "apply norvik0", "connected",
+                               "restore", "destroy"}))
+      << "no DNS in the plan: the system's resolvers are not touched; what can wait follows the handshake";
   EXPECT_EQ(reporter_.events.back(), "stopped");
   session_.stop();
   EXPECT_EQ(reporter_.events.size(), 4u) << "a second stop does nothing";
@@ -309,11 +310,19 @@ TEST(SessionPreparationTest, SmartWithoutAListAndServicesWithWatchDomains) {
       prepareSession(Json{{"wgQuickConfig", kSessionKey}, {"geodata.geoip_cache.path", "/nonexistent/geoip.txt"}},
                      resolverFor({{"vpn.example.net", "10.200.0.1"}}));
   ASSERT_TRUE(smart.has_value());
+  // The list is read after the connect, with its routes: nothing of it delays the start.
   EXPECT_TRUE(std::ranges::none_of(smart->session.plan.routes, [](const PlannedRoute& r) { return r.bypass; }));
-  EXPECT_NE(std::ranges::find(smart->notes,
-                              "список GeoIP не прочитан (не открывается /nonexistent/geoip.txt) — умный "
-                              "режим ведёт всё через туннель"),
-            smart->notes.end());
+  EXPECT_EQ(smart->session.plan.bypassList, std::filesystem::path("/nonexistent/geoip.txt"));
+  auto noList = prepareSession(Json{{"wgQuickConfig", kSessionKey}}, resolverFor({{"vpn.example.net", "10.200.0.1"}}));
+  ASSERT_TRUE(noList.has_value());
+  EXPECT_FALSE(noList->session.plan.bypassList.has_value());
+  EXPECT_NE(std::ranges::find(noList->notes, "списка GeoIP нет — умный режим ведёт всё через туннель"),
+            noList->notes.end());
+  auto full = prepareSession(
+      Json{{"wgQuickConfig", kSessionKey}, {"routing.goMode", "2"}, {"geodata.geoip_cache.path", "/var/geoip.txt"}},
+      resolverFor({{"vpn.example.net", "10.200.0.1"}}));
+  ASSERT_TRUE(full.has_value());
+  EXPECT_FALSE(full->session.plan.bypassList.has_value()) << "the list is for the smart mode only";
 
   std::vector<std::string> asked;
   auto services = prepareSession(

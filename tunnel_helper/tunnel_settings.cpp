@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstring>
 #include <fstream>
 #include <set>
 
@@ -176,11 +177,26 @@ std::expected<GeoIPRanges, std::string> readGeoIPRanges(const std::filesystem::p
   return out;
 }
 
+namespace {
+
+// The order of IpPrefix's comparison (family, address bytes, length), with the bytes compared whole.
+bool comesBefore(const IpPrefix& a, const IpPrefix& b) {
+  if (a.address.family != b.address.family) return a.address.family < b.address.family;
+  const int bytes = std::memcmp(a.address.bytes.data(), b.address.bytes.data(), a.address.bytes.size());
+  return bytes != 0 ? bytes < 0 : a.length < b.length;
+}
+
+}  // namespace
+
 void removeRepeats(std::vector<IpPrefix>& prefixes) {
-  // A list carries each range once: a sorted copy shows it cheaply, and only a list with repeats
-  // pays for dropping them in order.
+  // A list carries each range once and, as the backend serves it, in order: one look along it
+  // shows that. Only a list out of order is sorted (a copy) to look for repeats, and only a list
+  // with repeats pays for dropping them in order.
+  const auto outOfOrder =
+      std::ranges::adjacent_find(prefixes, [](const IpPrefix& a, const IpPrefix& b) { return !comesBefore(a, b); });
+  if (outOfOrder == prefixes.end()) return;
   std::vector<IpPrefix> sorted = prefixes;
-  std::ranges::sort(sorted);
+  std::ranges::sort(sorted, comesBefore);
   if (std::ranges::adjacent_find(sorted) == sorted.end()) return;
   std::set<IpPrefix> seen;
   std::erase_if(prefixes, [&](const IpPrefix& p) { return !seen.insert(p).second; });
