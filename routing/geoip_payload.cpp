@@ -14,29 +14,36 @@ namespace {
 constexpr std::size_t kMaxAddressLength = 45;  // the longest IPv6 text form
 constexpr std::size_t kMalformedQuoteBytes = 64;
 
-// The common line of a list, "a.b.c.d/n" with nothing around it, judged in one pass: octets of one
-// to three digits without a leading zero, at most 255, and a prefix length of at most 32 without a
-// leading zero — what inet_pton and isCidr accept. Anything else goes to isCidr.
-bool isPlainIPv4Cidr(std::string_view text) {
-  const char* p = text.data();
-  const char* const end = p + text.size();
+// The common line of a list, "a.b.c.d/n\n", judged as it is read: octets of one to three digits
+// without a leading zero, at most 255, and a prefix length of at most 32 without a leading zero —
+// what inet_pton and isCidr accept. Answers where the next line starts, or nullptr for any other
+// line (which isCidr then judges), the last line without its newline included.
+const char* plainIPv4Line(const char* p, const char* const end) {
   for (int octet = 0; octet < 4; ++octet) {
     if (octet > 0) {
-      if (p == end || *p != '.') return false;
+      if (p == end || *p != '.') return nullptr;
       ++p;
     }
-    const char* const start = p;
-    unsigned value = 0;
-    while (p != end && *p >= '0' && *p <= '9' && p - start < 3) value = value * 10 + static_cast<unsigned>(*p++ - '0');
-    const auto digits = p - start;
-    if (digits == 0 || value > 255 || (digits > 1 && *start == '0')) return false;
+    if (p == end || *p < '0' || *p > '9') return nullptr;
+    const bool leadingZero = *p == '0';
+    unsigned value = static_cast<unsigned>(*p++ - '0');
+    for (int digits = 1; p != end && *p >= '0' && *p <= '9'; ++digits) {
+      if (leadingZero || digits == 3) return nullptr;
+      value = value * 10 + static_cast<unsigned>(*p++ - '0');
+    }
+    if (value > 255) return nullptr;
   }
-  if (p == end || *p != '/') return false;
+  if (p == end || *p != '/') return nullptr;
   ++p;
-  const auto digits = end - p;
-  if (digits == 1) return *p >= '0' && *p <= '9';
-  if (digits != 2 || *p < '1' || *p > '3' || p[1] < '0' || p[1] > '9') return false;
-  return (*p - '0') * 10 + (p[1] - '0') <= 32;
+  if (p == end || *p < '0' || *p > '9') return nullptr;
+  const bool zero = *p == '0';
+  unsigned bits = static_cast<unsigned>(*p++ - '0');
+  if (p != end && *p >= '0' && *p <= '9') {
+    if (zero) return nullptr;
+    bits = bits * 10 + static_cast<unsigned>(*p++ - '0');
+  }
+  if (bits > 32 || p == end || *p != '\n') return nullptr;
+  return p + 1;
 }
 
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
@@ -60,32 +67,38 @@ class ListBuilder {
   // A list is mostly lines that are already what the cache file holds: runs of them are copied as
   // they are, in one piece, and only the other lines are trimmed, skipped or judged one by one.
   void lines(std::string_view text) {
-    const char* run = text.data();  // the start of the current run of lines kept as they are
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    const char* run = p;  // the start of the current run of lines kept as they are
     std::size_t runLines = 0;
     auto flush = [&](const char* upTo) {
       list_.text.append(run, static_cast<std::size_t>(upTo - run));
       list_.cidrCount += runLines;
       runLines = 0;
     };
-    while (!text.empty()) {
-      const std::size_t end = text.find('\n');
-      if (end == std::string_view::npos) {
-        flush(text.data());
-        line(text);
+    while (p != end) {
+      if (const char* next = plainIPv4Line(p, end)) {
+        ++runLines;
+        p = next;
+        continue;
+      }
+      const auto* newline = static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
+      if (!newline) {
+        flush(p);
+        line(std::string_view(p, static_cast<std::size_t>(end - p)));
         return;
       }
-      const std::string_view entry = text.substr(0, end);
-      if (!entry.empty() && !isSpace(entry.front()) && !isSpace(entry.back()) &&
-          (isPlainIPv4Cidr(entry) || isCidr(entry))) {
-        ++runLines;
+      const std::string_view entry(p, static_cast<std::size_t>(newline - p));
+      if (!entry.empty() && !isSpace(entry.front()) && !isSpace(entry.back()) && isCidr(entry)) {
+        ++runLines;  // an IPv6 range, already as the cache file holds it
       } else {
-        flush(entry.data());
+        flush(p);
         line(entry);
-        run = entry.data() + end + 1;
+        run = newline + 1;
       }
-      text.remove_prefix(end + 1);
+      p = newline + 1;
     }
-    flush(text.data());
+    flush(p);
   }
 
  private:
