@@ -26,7 +26,7 @@ const char* plainIPv4Line(const char* p, const char* const end) {
     }
     if (p == end || *p < '0' || *p > '9') return nullptr;
     const bool leadingZero = *p == '0';
-    unsigned value = static_cast<unsigned>(*p++ - '0');
+    auto value = static_cast<unsigned>(*p++ - '0');
     for (int digits = 1; p != end && *p >= '0' && *p <= '9'; ++digits) {
       if (leadingZero || digits == 3) return nullptr;
       value = value * 10 + static_cast<unsigned>(*p++ - '0');
@@ -37,7 +37,7 @@ const char* plainIPv4Line(const char* p, const char* const end) {
   ++p;
   if (p == end || *p < '0' || *p > '9') return nullptr;
   const bool zero = *p == '0';
-  unsigned bits = static_cast<unsigned>(*p++ - '0');
+  auto bits = static_cast<unsigned>(*p++ - '0');
   if (p != end && *p >= '0' && *p <= '9') {
     if (zero) return nullptr;
     bits = bits * 10 + static_cast<unsigned>(*p++ - '0');
