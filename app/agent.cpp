@@ -2,6 +2,8 @@
 
 #include <asio/signal_set.hpp>
 #include <cerrno>
+#include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <sys/file.h>
@@ -47,11 +49,24 @@ std::expected<InstanceLock, CommandError> takeInstanceLock(const AppPaths& paths
 }  // namespace
 
 CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOptions) {
+  // A write to a client, a helper or a standard error that has gone away fails with EPIPE where it
+  // is made; it never ends the agent.
+  (void)::signal(SIGPIPE, SIG_IGN);
   const AppPaths paths = AppPaths::resolve(global.home);
   auto lock = takeInstanceLock(paths);
   if (!lock) return std::unexpected(lock.error());
 
   AsioEventLoop loop;
+  Log* log = nullptr;  // once the platform is up
+  // SIGHUP (the terminal that ran the agent was closed) ends it as cleanly as SIGTERM: the socket
+  // is removed and the tunnel left as the user would find it after a stop. Under the service
+  // manager nothing sends SIGHUP to the agent, so there is no separate "ignore" mode.
+  asio::signal_set signals(loop.context(), SIGINT, SIGTERM, SIGHUP);
+  signals.async_wait([&log, &loop](const asio::error_code& error, int signal) {
+    if (error) return;
+    if (log) log->format("[Agent] остановка по сигналу {} ({})", signal, sigabbrev_np(signal));
+    loop.stop();
+  });
   ApplicationOptions options{paths,
                              global.backend,
                              global.caFile,
@@ -66,28 +81,22 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
   }
   auto app = Application::create(loop, options);
   if (!app) return std::unexpected(app.error());
-  Log& log = *(*app)->platform().log;
+  log = (*app)->platform().log.get();
 
   ControlCommands commands(**app);
   auto server = ControlServer::open(
-      loop, paths.runtime() / "agent.sock", log,
+      loop, paths.runtime() / "agent.sock", *log,
       [&commands](const nlohmann::json& request, const ControlReply& reply) { commands.handle(request, reply); });
   if (!server) return failure(ExitCode::usage, server.error().description());
 
-  asio::signal_set signals(loop.context(), SIGINT, SIGTERM);
-  signals.async_wait([&](const asio::error_code& error, int signal) {
-    if (error) return;
-    log.format("[Agent] остановка по сигналу {}", signal);
-    loop.stop();
-  });
-
-  // SIGHUP, as daemons take it: the main configuration is asked for again now, rather than at the
-  // next occasion (a changed key is then refreshed, a changed GeoIP version downloaded).
-  asio::signal_set reload(loop.context(), SIGHUP);
+  // SIGUSR1 asks for the main configuration again now rather than at the next occasion (a changed
+  // key is then refreshed, a changed GeoIP version downloaded). SIGHUP is taken above: it means the
+  // terminal went away.
+  asio::signal_set reload(loop.context(), SIGUSR1);
   std::function<void()> awaitReload = [&] {
     reload.async_wait([&](const asio::error_code& error, int) {
       if (error) return;
-      log.write("[Agent] SIGHUP — главная конфигурация запрошена заново");
+      log->write("[Agent] SIGUSR1 — главная конфигурация запрошена заново");
       (*app)->network().loadMainConfiguration();
       awaitReload();
     });
@@ -95,7 +104,7 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
   awaitReload();
 
   (*app)->start();
-  log.format("[Agent] запущен, управление: {}", (paths.runtime() / "agent.sock").string());
+  log->format("[Agent] запущен, управление: {}", (paths.runtime() / "agent.sock").string());
   loop.run();
 
   asio::error_code ignored;
@@ -103,7 +112,7 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
   server->reset();
   (*app)->shutDown();
   loop.joinWorkers();
-  log.write("[Agent] остановлен");
+  log->write("[Agent] остановлен");
   return {};
 }
 

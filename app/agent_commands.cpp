@@ -27,6 +27,15 @@ std::string text(const Json& object, const char* key) {
   return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
 }
 
+// A store the status reports as reset, in the user's words.
+std::string storeLabel(const std::string& store) {
+  if (store == "standard settings") return "настройки приложения";
+  if (store == "group settings") return "общие настройки";
+  if (store == "secure items") return "защищённое хранилище";
+  if (store == "tunnel preferences") return "настройки туннеля";
+  return store;
+}
+
 // The state in the words the user knows from the menu bar and the home screen.
 std::string describe(const Json& status) {
   std::string out = fmt::format("Norvik — {}\n", text(status, "tunnelText"));
@@ -45,6 +54,15 @@ std::string describe(const Json& status) {
     line("Ошибка:", title.empty() ? text(error, "message") : title + ": " + text(error, "message"));
   }
   line("Туннель:", text(status, "tunnelService"));
+  // The user's word differs from what the tunnel does: say where it is going, or that it gave up.
+  const std::string state = text(status, "state");
+  if (text(status, "intent") == "on" && state == "failed") line("Включён:", "да, но поднять туннель не удалось");
+  if (status.contains("storeResets") && status["storeResets"].is_array()) {
+    for (const auto& reset : status["storeResets"]) {
+      if (!reset.is_object()) continue;
+      line("Сброшено:", fmt::format("{} — {}", storeLabel(text(reset, "store")), text(reset, "reason")));
+    }
+  }
   return out;
 }
 
@@ -56,16 +74,22 @@ std::string errorText(const Json& answer) {
 }
 
 // Sends one request to the agent of this home and maps the answer to an exit status. Progress
-// lines are shown as they come.
+// lines are shown as they come. Requests the agent answers at once get a few seconds: an agent
+// that does not answer them in that time is stuck or stopped, and the user hears so. Ctrl-C ends
+// the process, which closes the connection; the agent takes that as the request's cancellation.
 struct Exchange {
+  static constexpr std::chrono::milliseconds kAtOnce = 5s;
   const GlobalOptions& global;
   std::chrono::milliseconds limit = 150s;
 
   std::expected<Json, CommandError> run(const Json& request,
                                         const std::function<void(const Json&)>& onEvent = nullptr) const {
     const auto socket = AppPaths::resolve(global.home).runtime() / "agent.sock";
-    auto client = ControlClient::connect(socket);
+    auto client = ControlClient::connect(socket, std::min(limit, kAtOnce));
     if (!client) {
+      if (client.error().failure == ControlClient::Failure::timedOut) {
+        return failure(ExitCode::failed, "Агент Norvik не ответил вовремя.");
+      }
       if (client.error().failure == ControlClient::Failure::noAgent) {
         return failure(ExitCode::noAgent,
                        "Агент Norvik не запущен. Запустите его командой «norvik agent» "
@@ -100,7 +124,7 @@ void showProgress(const Json& line) {
 }
 
 CommandResult runStatus(const GlobalOptions& global, bool asJson) {
-  return finishWith(Exchange{global}.run(Json{{"command", "status"}}), [asJson](const Json& answer) {
+  return finishWith(Exchange{global, Exchange::kAtOnce}.run(Json{{"command", "status"}}), [asJson](const Json& answer) {
     if (asJson) {
       fmt::print("{}\n", answer["status"].dump(2, ' ', false, Json::error_handler_t::replace));
     } else {
@@ -131,7 +155,7 @@ struct ModeOptions {
 };
 
 CommandResult runMode(const GlobalOptions& global, const ModeOptions& options) {
-  Exchange exchange{global};
+  Exchange exchange{global, Exchange::kAtOnce};
   if (!options.mode) {
     return finishWith(exchange.run(Json{{"command", "mode"}}), [](const Json& answer) {
       fmt::print("{}", describe(answer["status"]));
@@ -163,7 +187,7 @@ struct SitesOptions {
 
 CommandResult runSites(const GlobalOptions& global, const SitesOptions& options) {
   const Json request = {{"command", "sites"}, {"action", options.action}, {"value", options.value}};
-  return finishWith(Exchange{global}.run(request), [](const Json& answer) {
+  return finishWith(Exchange{global, Exchange::kAtOnce}.run(request), [](const Json& answer) {
     fmt::print("Сайты через VPN\n");
     for (const auto& service : answer.value("services", Json::array())) {
       fmt::print("  [{}] {:<10} {}\n", service.value("on", false) ? "x" : " ", text(service, "key"),

@@ -1,7 +1,11 @@
 // The product as a user runs it: the agent and the command line as separate processes, against the
 // local backend over real HTTPS on loopback, with the simulated tunnel.
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -9,6 +13,7 @@
 #include <fmt/chrono.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <thread>
 #include <utility>
 
 #include "platform/files.h"
@@ -229,6 +234,76 @@ TEST_F(AgentIntegrationTest, TheWidgetsToggleConnectsAndItsStateFollowsTheTunnel
   ASSERT_EQ(agent_->stop(), 0);
   EXPECT_EQ(widgetState()["appRunning"], false) << "the widget learns that nobody answers its buttons";
   EXPECT_EQ(widgetState()["phase"], "connected");
+}
+
+// The user's "on" survives the agent, however it ends; their "off" too. With the simulated tunnel
+// the session dies with the agent, as the real one does.
+TEST_F(AgentIntegrationTest, TheUsersIntentSurvivesAKillAndAStopOfTheAgent) {
+  struct Case {
+    bool on;
+    int signal;
+  };
+  for (const Case c : {Case{true, SIGKILL}, Case{true, SIGTERM}, Case{false, SIGKILL}, Case{false, SIGTERM}}) {
+    SCOPED_TRACE(fmt::format("intent {}, signal {}", c.on ? "on" : "off", c.signal));
+    startAgent();
+    ASSERT_EQ(norvik({"connect"}).exitStatus, 0) << agent_->output();
+    if (!c.on) {
+      ASSERT_EQ(norvik({"disconnect"}).exitStatus, 0);
+    }
+    ASSERT_EQ(::kill(agent_->pid(), c.signal), 0);
+    ASSERT_TRUE(waitFor([&] { return !agent_->running(); }, 10s));
+    (void)agent_->stop();
+    if (c.signal == SIGKILL) std::filesystem::remove(home_ / "run" / "agent.sock");
+
+    startAgent();
+    if (c.on) {
+      // Nobody asks: the agent brings back what the user had.
+      EXPECT_TRUE(waitFor([&] { return status().value("tunnel", "") == "connected"; }, 20s)) << agent_->output();
+      EXPECT_EQ(status()["intent"], "on");
+      EXPECT_NE(agent_->output().find("[Intent] при запуске: пользователь оставил VPN включённым — поднимаем"),
+                std::string::npos);
+    } else {
+      std::this_thread::sleep_for(1500ms);  // long enough for a connect to have begun (50 ms here)
+      EXPECT_EQ(status()["tunnel"], "disconnected") << agent_->output();
+      EXPECT_EQ(status()["intent"], "off");
+    }
+    EXPECT_EQ(agent_->stop(), 0);
+  }
+  EXPECT_EQ(received("getkey"), 1) << "the key stays installed across the restarts";
+}
+
+// A server change on a full disk (a small filesystem of its own; root only): the new key cannot be
+// saved, and the user hears why — never "Сервер сменён".
+TEST_F(AgentIntegrationTest, OnAFullDiskAServerChangeSaysWhyAndNeverClaimsSuccess) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small filesystem needs root";
+  ASSERT_TRUE(makeDirectories(home_, 0700));
+  if (::mount("norvik-test", home_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "size=4m,mode=0700") != 0) {
+    GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+  }
+  struct Unmount {
+    std::filesystem::path where;
+    ~Unmount() { ::umount2(where.c_str(), MNT_DETACH); }
+  } unmount{home_};
+  startAgent();
+  ASSERT_EQ(norvik({"connect"}).exitStatus, 0) << agent_->output();
+  {
+    const int fd = ::open((home_ / "filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0);
+    const std::string block(64 * 1024, 'x');
+    while (::write(fd, block.data(), block.size()) > 0) {
+    }
+    while (::write(fd, "x", 1) > 0) {
+    }
+    ::close(fd);
+  }
+  auto changed = norvik({"change-server"});
+  EXPECT_EQ(changed.exitStatus, 1) << changed.out;
+  EXPECT_EQ(changed.out.find("Сервер сменён"), std::string::npos) << changed.out;
+  EXPECT_NE(
+      changed.err.find("Не удалось установить новую конфигурацию VPN. Изменение не сохранено: на диске нет места."),
+      std::string::npos)
+      << changed.err << agent_->output();
+  EXPECT_EQ(agent_->stop(), 0);
 }
 
 }  // namespace

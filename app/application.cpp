@@ -67,6 +67,7 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::asse
         raw->platform_.log->format("[Sleep] пробуждение после сна ({} с)", slept.count());
         raw->warmUp_->start();
         if (raw->health_) raw->health_->systemDidWake();
+        if (raw->home_) raw->home_->machine().networkAvailable("пробуждение после сна");
       });
   app->network_ = std::make_unique<NetworkService>(loop, *p.http, *app->security_, *p.standardDefaults, *p.clock,
                                                    *p.log, std::move(networkConfig));
@@ -97,8 +98,9 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::asse
                          {OverlayButton{dialog->texts.primary, {}}}});
     });
   };
-  app->home_ = std::make_unique<VPNViewModel>(VPNViewModel::Dependencies{
-      loop, *app->network_, *app->vpn_, *app->overlays_, *p.log, *p.analytics, std::move(preConnectCheck)});
+  app->home_ = std::make_unique<VPNViewModel>(
+      VPNViewModel::Dependencies{loop, *app->network_, *app->vpn_, *app->overlays_, *p.standardDefaults,
+                                 *p.groupDefaults, *p.log, *p.analytics, std::move(preConnectCheck)});
 
   app->pathMonitor_ = std::make_unique<PhysicalPathMonitor>(*p.physicalPaths, *p.log);
   app->healthPolicy_ =
@@ -125,24 +127,31 @@ void Application::start() {
   wake_->start();
   clockCheck_->watchSystemClock(*p.clockChanges);
 
-  vpn_->start();
+  // The user's intent comes back once the tunnel manager knows the configurations.
+  vpn_->start([weak = weakFactory_.weak()] {
+    if (auto* self = weak.lock()) self->home_->machine().restoreIntent();
+  });
   startSurfaces();
 
-  // A mode change reaches the tunnel with its next configuration: the installed key is saved
-  // again with fresh extras, and a running tunnel is restarted to take them.
+  // New routing settings reach the tunnel with its next configuration: the installed key is saved
+  // again with fresh extras, and a tunnel the user wants up comes back with them — unless the
+  // running tunnel takes them live.
   modes_->setModeChangeHandler([this](VPNRoutingMode from, VPNRoutingMode to) {
     platform_.log->format("[Routing] режим {} → {}", rawText(from), rawText(to));
-    const auto& manager = vpn_->tunnelManager();
-    if (!manager || !manager->protocolConfiguration || modes_->liveSwitchEnabled()) return;
-    const auto& provider = manager->protocolConfiguration->providerConfiguration;
-    auto key = provider.find(VPNManager::kKeyTextKey);
-    if (key == provider.end() || !key->second.string()) return;
-    const TunnelStatus state = vpn_->connectionState().get();
-    const bool wasUp = state == TunnelStatus::connected || state == TunnelStatus::connecting;
-    vpn_->installKey(*key->second.string(), [this, wasUp](std::expected<void, Error> installed) {
-      if (installed && wasUp) vpn_->connect([](std::expected<void, Error>) {});
-    });
+    if (modes_->liveSwitchEnabled()) return;
+    home_->machine().applyConfiguration(fmt::format("режим {}", rawText(to)));
   });
+  // In the by-sites mode the chosen sites are the tunnel's routes.
+  auto sitesChanged = [this](std::string_view what) {
+    if (modes_->currentMode().get() != VPNRoutingMode::services || modes_->liveSwitchEnabled()) return;
+    home_->machine().applyConfiguration(std::string(what));
+  };
+  sitesSubscriptions_.push_back(sites_->selectedServices().subscribe(
+      [sitesChanged](const std::set<std::string>&) { sitesChanged("сервисы по сайтам"); }));
+  sitesSubscriptions_.push_back(sites_->customDomains().subscribe(
+      [sitesChanged](const std::vector<std::string>&) { sitesChanged("свои сайты"); }));
+  sitesSubscriptions_.push_back(sites_->disabledDomains().subscribe(
+      [sitesChanged](const std::vector<std::string>&) { sitesChanged("свои сайты"); }));
   smartNotice_ = sites_->pendingSmartNotice().subscribe([this](const bool& pending) {
     if (!pending) return;
     overlays_->showToast(std::string(routing_texts::kAutoSmartNoticeIdentifier),

@@ -151,6 +151,7 @@ class Application {
   bool trafficPollRunning_ = false;
   Subscription modeNotice_;
   Subscription smartNotice_;
+  std::vector<Subscription> sitesSubscriptions_;
   std::vector<Subscription> surfaceSubscriptions_;
   WeakPtrFactory<Application> weakFactory_{this};
 };

@@ -11,17 +11,11 @@
 namespace norvik {
 namespace {
 
-bool tunnelIsUp(TunnelStatus status) {
-  return status == TunnelStatus::connected || status == TunnelStatus::reasserting;
-}
-
-bool tunnelIsDown(TunnelStatus status) {
-  return status == TunnelStatus::disconnected || status == TunnelStatus::invalid;
-}
-
 // Where a helper found outside an installation (a development tree) counts as installed: the
 // activation's "applications folder" check only means something for an installed package.
 std::string applicationsDirectoryFor(const std::filesystem::path& bundle) {
+  // The package installs under /usr itself ("/usr/bin/norvik"), which is not inside "/usr/".
+  if (bundle == "/usr") return "/usr";
   for (std::string_view prefix : {"/usr/", "/opt/"}) {
     if ((bundle.string() + "/").starts_with(prefix)) return std::string(prefix);
   }
@@ -32,40 +26,34 @@ std::string applicationsDirectoryFor(const std::filesystem::path& bundle) {
 
 void Application::createSurfaces() {
   Platform& p = platform_;
-  auto weak = weakFactory_.weak();
 
   probes_ = std::make_unique<HttpHealthProbes>(HttpHealthProbes::Dependencies{
       loop_, *p.http, *p.clock, *p.log, p.dnsResolver.get(), pathMonitor_.get(), clockCheck_.get()});
   health_ = std::make_unique<SmartStatusEngine>(SmartStatusEngine::Dependencies{
-      loop_, *p.clock, *p.log, *p.analytics, *p.standardDefaults, *healthPolicy_, *vpn_, *tunnels_, *probes_,
-      pathMonitor_.get(), clockCheck_.get(), [modes = modes_.get()] { return backendCode(modes->currentMode().get()); },
-      &network_->currentResponse(), [network = network_.get()] { network->loadMainConfiguration(); }});
+      loop_, *p.clock, *p.log, *p.analytics, *p.standardDefaults, *healthPolicy_, *vpn_, home_->machine(), *tunnels_,
+      *probes_, pathMonitor_.get(), clockCheck_.get(),
+      [modes = modes_.get()] { return backendCode(modes->currentMode().get()); }, &network_->currentResponse(),
+      [network = network_.get()] { network->loadMainConfiguration(); }});
 
-  // The toggle and the widget act through the home screen's controller, like the window would.
-  auto connect = [weak] {
-    auto* self = weak.lock();
-    if (self && tunnelIsDown(self->vpn_->connectionState().get())) self->home_->toggleVPN();
-  };
-  auto disconnect = [weak] {
-    auto* self = weak.lock();
-    if (self && !tunnelIsDown(self->vpn_->connectionState().get())) self->home_->toggleVPN();
-  };
+  // The widget and the menu bar ask the tunnel state machine, like every front-end.
+  TunnelStateMachine& machine = home_->machine();
   auto openWindow = [log = p.log.get()] { log->write("[App] открыть окно Norvik"); };
-
   widget_ = std::make_unique<WidgetCommandCenter>(WidgetCommandCenter::Dependencies{
-      loop_, *p.clock, *p.log, *notifications_, *vpn_, *tunnels_, paths_.groupContainer(),
-      WidgetCommandCenter::Actions{connect, disconnect,
-                                   [weak] {
-                                     if (auto* self = weak.lock()) self->home_->changeServerAction();
-                                   },
-                                   openWindow}});
+      loop_, *p.clock, *p.log, *notifications_, *vpn_, *tunnels_, machine, paths_.groupContainer(), openWindow});
+  // "Запускать при входе в систему" switches the system's login item; the menu shows what the system says.
+  auto setLaunchAtLogin = [weak = weakFactory_.weak(), log = p.log.get(), login = p.loginItem.get()](bool enabled) {
+    auto done = login ? login->setEnabled(enabled) : std::expected<void, Error>{};
+    if (done) log->format("[App] запуск при входе в систему: {}", enabled ? "вкл" : "выкл");
+    if (!done) log->format("[App] запуск при входе в систему: не удалось ({})", done.error().description());
+    auto* self = weak.lock();
+    if (self && login) self->menuBar_->setLaunchAtLogin(login->isEnabled());
+  };
   menuBar_ = std::make_unique<MenuBarModel>(
-      *vpn_, MenuBarModel::Handlers{connect, disconnect,
-                                    [log = p.log.get()](bool enabled) {
-                                      log->format("[App] запуск при входе в систему: {}", enabled ? "вкл" : "выкл");
-                                    },
-                                    openWindow,
+      *vpn_, MenuBarModel::Handlers{[&machine] { machine.connect(IntentOrigin::menuBar, nullptr); },
+                                    [&machine] { machine.disconnect(IntentOrigin::menuBar, nullptr); },
+                                    setLaunchAtLogin, openWindow,
                                     [log = p.log.get()] { log->write("[App] обновление: norvik update install"); }});
+  if (p.loginItem) menuBar_->setLaunchAtLogin(p.loginItem->isEnabled());
 
   // The simulated tunnel has no program to activate; the real one activates norvik-tunnel.
   if (tunnelServiceName_ == "wireguard") {
@@ -75,7 +63,7 @@ void Application::createSurfaces() {
           loop_, TunnelHelperExtensionRequests::Options{bundle, paths_.home / "extensions", *helper,
                                                         applicationsDirectoryFor(bundle)});
       extensions_ = std::make_unique<SystemExtensionManager>(SystemExtensionManager::Dependencies{
-          loop_, *extensionRequests_, *vpn_, *p.standardDefaults, *p.log, *p.analytics});
+          loop_, *extensionRequests_, *vpn_, machine, *p.standardDefaults, *p.log, *p.analytics});
     }
   }
 }
@@ -103,9 +91,9 @@ void Application::startSurfaces() {
     if (!request.texts.secondary.empty()) item.buttons.push_back(button(request.texts.secondary, request.secondary));
     self->overlays_->enqueue(std::move(item));
   }));
-  // "SmartStatusChangeServer": the home screen's controller changes the server.
+  // "SmartStatusChangeServer": the user pressed the dialog's button.
   surfaceSubscriptions_.push_back(health_->changeServerRequested().subscribe([weak] {
-    if (auto* self = weak.lock()) self->home_->changeServerAction();
+    if (auto* self = weak.lock()) self->home_->machine().changeServer(IntentOrigin::healthDialog, nullptr);
   }));
   surfaceSubscriptions_.push_back(health_->healthRaw().subscribe([weak](const std::optional<std::string>& raw) {
     if (auto* self = weak.lock()) self->widget_->setHealth(raw);
@@ -116,13 +104,13 @@ void Application::startSurfaces() {
   surfaceSubscriptions_.push_back(vpn_->connectionState().subscribe([weak](const TunnelStatus& status) {
     auto* self = weak.lock();
     if (!self) return;
-    if (tunnelIsUp(status) && !self->trafficPollRunning_) {
+    if ((status == TunnelStatus::connected || status == TunnelStatus::reasserting) && !self->trafficPollRunning_) {
       self->trafficPollRunning_ = true;
       self->pollTraffic();
       self->trafficTimer_.startAligned(self->loop_, kTrafficPollPeriod, [weak] {
         if (auto* owner = weak.lock()) owner->pollTraffic();
       });
-    } else if (tunnelIsDown(status) && self->trafficPollRunning_) {
+    } else if (isDown(status) && self->trafficPollRunning_) {
       self->trafficPollRunning_ = false;
       self->trafficTimer_.stop();
       self->widget_->setTraffic(std::nullopt, std::nullopt);

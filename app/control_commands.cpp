@@ -9,26 +9,12 @@
 
 #include "platform/weak_ptr_factory.h"
 #include "routing/routing_texts.h"
+#include "tunnel/menu_bar_model.h"
 
 namespace norvik {
 namespace {
 
 using Json = nlohmann::json;
-
-// The tunnel states as the menu bar words them.
-std::string_view tunnelText(TunnelStatus status) {
-  switch (status) {
-    case TunnelStatus::connected:
-      return "Защищено";
-    case TunnelStatus::connecting:
-    case TunnelStatus::reasserting:
-      return "Подключение...";
-    case TunnelStatus::disconnecting:
-      return "Отключение...";
-    default:
-      return "Отключено";
-  }
-}
 
 // An optional argument of a request: `fallback` when absent, nothing when it has another type
 // (a local client's mistake is answered, never trusted).
@@ -41,10 +27,6 @@ std::optional<std::string> textArgument(const Json& request, std::string_view ke
   const auto found = request.find(key);
   if (found == request.end()) return fallback;
   return found->is_string() ? std::optional<std::string>(found->get<std::string>()) : std::nullopt;
-}
-
-bool isUp(TunnelStatus s) {
-  return s == TunnelStatus::connected || s == TunnelStatus::connecting || s == TunnelStatus::reasserting;
 }
 
 std::string isoTime(Clock::TimePoint moment) {
@@ -78,11 +60,18 @@ class ControlCommands::Wait {
       const ControlReply reply = reply_;
       onTimeout(reply);
     });
-    // The connection outlives a wait that has answered (the next request lets go of it).
+    // The connection outlives a wait that has answered (the next request lets go of it). A client
+    // that hangs up before its answer gave the request up (Ctrl-C on the command line).
     reply_.onClosed([weak = weakFactory_.weak()] {
-      if (auto* self = weak.lock()) self->end();
+      auto* self = weak.lock();
+      if (!self || self->done_) return;
+      self->end();
+      if (self->onHangUp_) std::exchange(self->onHangUp_, nullptr)();
     });
   }
+
+  // What giving the request up means; runs once, only while the answer is still to come.
+  void onHangUp(std::function<void()> handler) { onHangUp_ = std::move(handler); }
 
   // Runs `decide` on every change; it answers (and returns true) when the outcome is known.
   template <class T>
@@ -99,6 +88,7 @@ class ControlCommands::Wait {
   }
 
   [[nodiscard]] bool finished() const { return done_; }
+  [[nodiscard]] WeakPtr<Wait> weak() const { return weakFactory_.weak(); }
   [[nodiscard]] const ControlReply& reply() const { return reply_; }
   void end() {
     done_ = true;
@@ -108,6 +98,7 @@ class ControlCommands::Wait {
  private:
   ControlReply reply_;
   bool done_ = false;
+  std::function<void()> onHangUp_;
   std::vector<Subscription> subscriptions_;
   OneShotTimer timer_;
   WeakPtrFactory<Wait> weakFactory_{this};
@@ -121,6 +112,10 @@ void ControlCommands::track(std::unique_ptr<Wait> wait) {
   waits_.push_back(std::move(wait));
 }
 
+std::size_t ControlCommands::waitingCount() const {
+  return static_cast<std::size_t>(std::ranges::count_if(waits_, [](const auto& w) { return !w->finished(); }));
+}
+
 Json ControlCommands::status() {
   VPNManager& vpn = app_.vpn();
   VPNViewModel& home = app_.home();
@@ -129,7 +124,9 @@ Json ControlCommands::status() {
   const VPNRoutingMode mode = app_.modes().currentMode().get();
 
   Json out = {{"tunnel", toString(state)},
-              {"tunnelText", tunnelText(state)},
+              {"tunnelText", tunnelStateText(state)},
+              {"intent", home.machine().target().get() == TunnelStateMachine::Target::on ? "on" : "off"},
+              {"state", toString(home.machine().state().get())},
               {"tunnelService", app_.tunnelServiceName()},
               {"configured", vpn.isConfigured().get()},
               {"mode", rawText(mode)},
@@ -157,6 +154,15 @@ Json ControlCommands::status() {
   } else {
     out["modeNotice"] = nullptr;
   }
+  // Stores found damaged at start-up and started afresh: the user should know what was reset.
+  Json resets = Json::array();
+  for (const StoreReset& reset : app_.platform().storeResets) {
+    resets.push_back({{"store", reset.store},
+                      {"reason", reset.reason},
+                      {"setAside", reset.setAside.empty() ? Json(nullptr) : Json(reset.setAside.string())},
+                      {"recovered", reset.recovered}});
+  }
+  out["storeResets"] = std::move(resets);
   if (const auto& overlay = app_.overlays().current().get()) {
     out["overlay"] = {{"identifier", overlay->identifier}, {"title", overlay->title}, {"message", overlay->message}};
   } else {
@@ -182,93 +188,62 @@ void ControlCommands::finishError(const ControlReply& reply, std::string_view co
 void ControlCommands::handle(const Json& request, const ControlReply& reply) {
   const std::string command = request["command"].get<std::string>();
   if (command == "status") return finishOk(reply);
-  if (command == "connect") return connect(reply);
-  if (command == "disconnect") return disconnect(reply);
-  if (command == "toggle") {
-    return isUp(app_.vpn().connectionState().get()) ? disconnect(reply) : connect(reply);
-  }
-  if (command == "change-server") return changeServer(reply);
+  if (command == "connect") return intent(reply, Intent::connect);
+  if (command == "disconnect") return intent(reply, Intent::disconnect);
+  if (command == "toggle") return intent(reply, Intent::toggle);
+  if (command == "change-server") return intent(reply, Intent::changeServer);
   if (command == "mode") return mode(request, reply);
   if (command == "sites") return sites(request, reply);
   if (command == "watch") return watch(reply);
   finishError(reply, "usage", "", fmt::format("unknown command \"{}\"", command));
 }
 
-void ControlCommands::connect(const ControlReply& reply) {
-  VPNManager& vpn = app_.vpn();
-  VPNViewModel& home = app_.home();
-  if (vpn.connectionState().get() == TunnelStatus::connected) return finishOk(reply, "VPN уже подключён");
-
-  auto wait = std::make_unique<Wait>(app_.loop(), reply, kConnectLimit, [this](const ControlReply& r) {
-    finishError(r, "failed", "Ошибка подключения",
-                "Не удалось подключиться к VPN. Попробуйте снова или смените сервер.");
+void ControlCommands::intent(const ControlReply& reply, Intent kind) {
+  // The machine answers every request; the limit only guards against a fault of ours.
+  auto wait = std::make_unique<Wait>(app_.loop(), reply, kIntentLimit, [this](const ControlReply& r) {
+    finishError(r, "failed", "", "Агент Norvik не получил ответа от туннеля вовремя.");
   });
   Wait* w = wait.get();
-  w->watch<std::optional<BusyText>>(home.busyText(), [w](const std::optional<BusyText>& busy) {
+  w->watch<std::optional<BusyText>>(app_.home().busyText(), [w](const std::optional<BusyText>& busy) {
     if (busy) w->reply().event(Json{{"event", "progress"}, {"busy", busy->text}});
     return false;
   });
-  w->watch<TunnelStatus>(vpn.connectionState(), [this, w](const TunnelStatus& s) {
-    if (s != TunnelStatus::connected) return false;
-    finishOk(w->reply());
-    return true;
-  });
-  // Every error the user would see comes with an outcome, also when it repeats the last one.
-  w->listen(home.finished(), [this, w](const VPNViewModel::Outcome& outcome) {
-    if (outcome.ok) return false;  // a key installed or a start accepted: the tunnel decides
-    if (outcome.error) {
-      finishError(w->reply(), "failed", outcome.error->title, outcome.error->message);
-    } else {
-      finishError(w->reply(), "failed", "", "VPN занят, попробуйте ещё раз через несколько секунд");
+  IntentDone done = [this, weak = w->weak()](IntentOutcome outcome) {
+    Wait* waiting = weak.lock();
+    if (!waiting || waiting->finished()) return;
+    waiting->end();
+    // A copy: the answer starts the connection's next request, which lets go of this wait.
+    const ControlReply reply = waiting->reply();
+    switch (outcome.kind) {
+      case IntentOutcome::Kind::succeeded:
+        return finishOk(reply, std::move(outcome.message));
+      case IntentOutcome::Kind::superseded:
+        return finishError(reply, "superseded", std::move(outcome.title), std::move(outcome.message));
+      case IntentOutcome::Kind::failed:
+      case IntentOutcome::Kind::refused:
+      default:
+        return finishError(reply, "failed", std::move(outcome.title), std::move(outcome.message));
     }
-    return true;
-  });
+  };
   track(std::move(wait));
-  // The toggle is the user's connect path: it fetches a key first when none is installed.
-  if (!isUp(vpn.connectionState().get())) home.toggleVPN();
-}
-
-void ControlCommands::disconnect(const ControlReply& reply) {
-  VPNManager& vpn = app_.vpn();
-  const TunnelStatus state = vpn.connectionState().get();
-  if (state == TunnelStatus::disconnected || state == TunnelStatus::invalid) return finishOk(reply, "VPN уже отключён");
-
-  auto wait = std::make_unique<Wait>(app_.loop(), reply, kDisconnectLimit, [this](const ControlReply& r) {
-    finishError(r, "failed", "", "Не удалось отключить VPN. Попробуйте ещё раз.");
-  });
-  Wait* w = wait.get();
-  w->watch<TunnelStatus>(vpn.connectionState(), [this, w](const TunnelStatus& s) {
-    if (s != TunnelStatus::disconnected) return false;
-    finishOk(w->reply());
-    return true;
-  });
-  track(std::move(wait));
-  vpn.disconnect();
-}
-
-void ControlCommands::changeServer(const ControlReply& reply) {
-  VPNViewModel& home = app_.home();
-  auto wait = std::make_unique<Wait>(app_.loop(), reply, kChangeServerLimit, [this](const ControlReply& r) {
-    finishError(r, "failed", "Смена сервера", "Не удалось сменить сервер. Попробуйте позже.");
-  });
-  Wait* w = wait.get();
-  w->watch<std::optional<BusyText>>(home.busyText(), [w](const std::optional<BusyText>& busy) {
-    if (busy) w->reply().event(Json{{"event", "progress"}, {"busy", busy->text}});
-    return false;
-  });
-  w->listen(home.finished(), [this, w](const VPNViewModel::Outcome& outcome) {
-    if (outcome.action != VPNViewModel::Action::changeServer) return false;
-    if (outcome.ok) {
-      finishOk(w->reply(), "Сервер сменён");
-    } else {
-      const auto error =
-          outcome.error.value_or(VPNViewModel::ShownError{"", "Не удалось сменить сервер. Попробуйте позже."});
-      finishError(w->reply(), "failed", error.title, error.message);
-    }
-    return true;
-  });
-  track(std::move(wait));
-  home.changeServerAction();
+  TunnelStateMachine& machine = app_.home().machine();
+  RequestId id = 0;
+  switch (kind) {
+    case Intent::connect:
+      id = machine.connect(IntentOrigin::commandLine, std::move(done));
+      break;
+    case Intent::disconnect:
+      id = machine.disconnect(IntentOrigin::commandLine, std::move(done));
+      break;
+    case Intent::toggle:
+      id = machine.toggle(IntentOrigin::commandLine, std::move(done));
+      break;
+    case Intent::changeServer:
+    default:
+      id = machine.changeServer(IntentOrigin::commandLine, std::move(done));
+      break;
+  }
+  if (id != 0) w->onHangUp([&machine, id] { machine.withdraw(id); });
 }
 
 void ControlCommands::mode(const Json& request, const ControlReply& reply) {
@@ -296,7 +271,9 @@ void ControlCommands::mode(const Json& request, const ControlReply& reply) {
                                {"cancel", dialog.cancel}}},
                              {"status", status()}});
   }
-  modes.select(*wanted);
+  if (auto saved = modes.select(*wanted); !saved) {
+    return finishError(reply, "failed", std::string(routing_texts::label(*wanted)), writeFailureText(saved.error()));
+  }
   const VPNRoutingMode now = modes.currentMode().get();
   if (now != *wanted) {
     // The choice is kept for when the backend allows it again; the mode in force stays.
@@ -334,19 +311,21 @@ void ControlCommands::sites(const Json& request, const ControlReply& reply) {
 
   if (action == "list") return reply.finish(listing());
   if (value.empty()) return finishError(reply, "usage", "", "укажите сайт или сервис");
+  Defaults::WriteResult saved;  // a change that did not persist is not reported as made
   if (action == "on" || action == "off") {
     if (!known(value)) return finishError(reply, "usage", "", fmt::format("нет такого сервиса: {}", value));
-    sites.toggle(value, action == "on");
+    saved = sites.toggle(value, action == "on");
   } else if (action == "add") {
     auto added = sites.addCustomDomain(value);
     if (!added) return finishError(reply, "failed", "Свои сайты", added.error());
   } else if (action == "remove") {
-    sites.removeCustomDomain(value);
+    saved = sites.removeCustomDomain(value);
   } else if (action == "enable" || action == "disable") {
-    sites.setCustomDomainEnabled(value, action == "enable");
+    saved = sites.setCustomDomainEnabled(value, action == "enable");
   } else {
     return finishError(reply, "usage", "", fmt::format("unknown sites action \"{}\"", action));
   }
+  if (!saved) return finishError(reply, "failed", "Сайты через VPN", writeFailureText(saved.error()));
   reply.finish(listing());
 }
 

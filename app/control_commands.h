@@ -13,17 +13,19 @@ namespace norvik {
 
 // What the agent does with each request of the control socket. A request names a "command";
 // the answer's last line has "ok" (true, or false with an "error" {title, message} and a "code":
-// "failed", "usage" or "confirm") and the state after it ("status"). Commands that take time —
-// connect, disconnect, toggle, change-server — send the busy texts as "progress" lines while
-// they run and answer when the tunnel has reached the state asked for, or with the error the
-// user would see. "watch" sends a "status" line at every change until the client hangs up.
+// "failed", "usage", "confirm" or "superseded") and the state after it ("status"). The requests
+// about the tunnel — connect, disconnect, toggle, change-server — go to the tunnel state machine;
+// they send the busy texts as "progress" lines while they run and are answered when the tunnel is
+// as asked, with the error the user would see, or at once as superseded when a later request
+// replaced them. "watch" sends a "status" line at every change until the client hangs up.
 //
 // Threading: the main loop.
 class ControlCommands {
  public:
-  static constexpr std::chrono::seconds kConnectLimit{90};
-  static constexpr std::chrono::seconds kDisconnectLimit{20};
-  static constexpr std::chrono::seconds kChangeServerLimit{120};
+  // The tunnel state machine answers every request about the tunnel; this limit only guards the
+  // client against a fault of ours. Longer than the longest way up: a key fetched with its
+  // retries, then a start.
+  static constexpr std::chrono::seconds kIntentLimit{180};
 
   explicit ControlCommands(Application& app);
   ~ControlCommands();
@@ -32,13 +34,16 @@ class ControlCommands {
 
   // The state as the command line shows it.
   [[nodiscard]] nlohmann::json status();
+  // Requests still waiting for their answer ("watch" included).
+  [[nodiscard]] std::size_t waitingCount() const;
 
  private:
   class Wait;
 
-  void connect(const ControlReply& reply);
-  void disconnect(const ControlReply& reply);
-  void changeServer(const ControlReply& reply);
+  enum class Intent { connect, disconnect, toggle, changeServer };
+  // Hands the request to the tunnel state machine and answers with its outcome, sending the busy
+  // texts as "progress" lines meanwhile.
+  void intent(const ControlReply& reply, Intent kind);
   void mode(const nlohmann::json& request, const ControlReply& reply);
   void sites(const nlohmann::json& request, const ControlReply& reply);
   void watch(const ControlReply& reply);

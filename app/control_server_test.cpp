@@ -6,7 +6,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <thread>
+
 #include "app/control_client.h"
+#include "testing/agent_host.h"
 #include "testing/fakes.h"
 #include "testing/temp_dir.h"
 
@@ -127,6 +130,120 @@ TEST(ControlServerOpen, ASocketPathThatCannotExistIsAClearError) {
   auto opened = ControlServer::open(loop, "/tmp/" + std::string(200, 'd') + "/agent.sock", log, {});
   ASSERT_FALSE(opened.has_value());
   EXPECT_NE(opened.error().message.find("too long"), std::string::npos);
+}
+
+// The limits, with the whole agent on virtual time behind the real socket.
+constexpr std::string_view kStatus = "{\"command\":\"status\"}\n";
+
+TEST(ControlServerLimitsTest, AClientThatDoesNotReadIsDisconnectedAndTheOthersCarryOn) {
+  testing::AgentHost host(ControlLimits{.maxUnreadOutput = 64 * 1024});
+  auto& reader = host.connect();
+  auto& slow = host.connect();
+  slow.setReading(false);
+  std::string burst;
+  for (int i = 0; i < 4000; ++i) burst += kStatus;
+  slow.write(burst);
+  host.settle();
+  EXPECT_TRUE(slow.closedByServer());
+  EXPECT_TRUE(host.log().contains("клиент не читает ответы"));
+
+  reader.write(kStatus);
+  host.settle();
+  const auto answers = reader.takeAnswers();
+  ASSERT_EQ(answers.size(), 1u);
+  EXPECT_EQ(answers[0].value("ok", false), true);
+  EXPECT_EQ(host.server().sessionCount(), 1u);
+}
+
+TEST(ControlServerLimitsTest, ASilentClientIsClosedAfterTheIdleTimeOutAndAWatcherIsNot) {
+  testing::AgentHost host(ControlLimits{.idleTimeout = 60s});
+  auto& silent = host.connect();
+  auto& dribbling = host.connect();
+  auto& watcher = host.connect();
+  watcher.write(R"({"command":"watch"})"
+                "\n");
+  host.settle();
+  dribbling.write(R"({"comm)");
+  host.advance(59s);
+  EXPECT_FALSE(silent.closedByServer());
+  host.advance(2s);
+  EXPECT_TRUE(silent.closedByServer());
+  EXPECT_TRUE(dribbling.closedByServer()) << "bytes without a whole request do not keep a connection";
+  EXPECT_FALSE(watcher.closedByServer());
+  EXPECT_TRUE(host.log().hasLine("[Agent] управляющее соединение закрыто: клиент молчит 60 с"));
+}
+
+TEST(ControlServerLimitsTest, OverTheLimitTheLongestIdleGivesWayOrTheNewcomerIsRefused) {
+  testing::AgentHost host(ControlLimits{.maxConnections = 2});
+  auto& first = host.connect();
+  host.advance(1s);
+  auto& second = host.connect();
+  host.advance(1s);
+  auto& third = host.connect();
+  third.write(kStatus);
+  host.settle();
+  EXPECT_TRUE(first.closedByServer()) << "the longest idle gave way";
+  EXPECT_FALSE(second.closedByServer());
+  ASSERT_EQ(third.takeAnswers().size(), 1u);
+
+  // Both connections busy: a newcomer is told so and closed.
+  second.write(R"({"command":"watch"})"
+               "\n");
+  third.write(R"({"command":"watch"})"
+              "\n");
+  host.settle();
+  auto& fourth = host.connect();
+  host.settle();
+  const auto refusal = fourth.takeAnswers();
+  ASSERT_EQ(refusal.size(), 1u);
+  EXPECT_EQ(refusal[0]["error"]["message"], "Агент Norvik занят: слишком много подключений. Повторите позже.");
+  EXPECT_TRUE(fourth.closedByServer());
+  EXPECT_FALSE(second.closedByServer());
+  EXPECT_FALSE(third.closedByServer());
+}
+
+TEST(ControlServerLimitsTest, ARequestWhoseClientHungUpBeforeItBeganIsNotCarriedOut) {
+  testing::AgentHost host;
+  auto& client = host.connect();
+  client.write(R"({"command":"connect"})"
+               "\n");
+  client.pump();        // the request reaches the socket …
+  host.hangUp(client);  // … and the user gives up before the agent reads it
+  host.advance(5s);
+  EXPECT_TRUE(host.log().hasLine("[Agent] клиент ушёл раньше, чем начался запрос «connect», — запрос не выполняется"));
+  EXPECT_EQ(host.backend().count("getkey"), 0);
+  EXPECT_EQ(host.server().sessionCount(), 0u);
+}
+
+// A peer that sends an endless line is not the agent: the command line stops reading at its bound
+// instead of growing and rescanning.
+TEST(ControlClientTest, AnAnswerWithoutEndIsRefusedAtTheBound) {
+  testing::TempDir dir;
+  const auto path = dir / "fake.sock";
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.native().copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 1), 0);
+  std::thread fake([listener] {
+    const int fd = ::accept(listener, nullptr, nullptr);
+    const std::string block(1 << 20, 'x');
+    for (int i = 0; i < 64 && ::send(fd, block.data(), block.size(), MSG_NOSIGNAL) > 0; ++i) {
+    }
+    ::close(fd);
+  });
+  auto client = ControlClient::connect(path);
+  ASSERT_TRUE(client.has_value());
+  const auto start = std::chrono::steady_clock::now();
+  auto answer = client->request(Json{{"command", "status"}}, nullptr, 10s);
+  const auto took = std::chrono::steady_clock::now() - start;
+  client = std::unexpected(ControlClient::Error{});  // hang up, so that the fake stops sending
+  fake.join();
+  ::close(listener);
+  ASSERT_FALSE(answer.has_value());
+  EXPECT_EQ(answer.error().failure, ControlClient::Failure::badAnswer);
+  EXPECT_LT(took, 2s);
 }
 
 }  // namespace

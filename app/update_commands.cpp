@@ -10,6 +10,7 @@
 #include "backend/provisioning.h"
 #include "update/app_updater.h"
 #include "update/file_signature.h"
+#include "update/platform_update_installer.h"
 #include "update/update_texts.h"
 
 namespace norvik::cli {
@@ -30,13 +31,13 @@ struct InstallOptions {
 
 // The update machinery of one command, over the context's platform.
 struct UpdateSession {
-  std::unique_ptr<DiskImageInstaller> installer;
+  std::unique_ptr<UpdateInstaller> installer;
   std::unique_ptr<AppUpdater> updater;
   bool quitRequested = false;
 };
 
 std::expected<AppUpdaterConfig, CommandError> updaterConfig(const FeedOptions& options) {
-  AppUpdaterConfig config;
+  AppUpdaterConfig config = platformUpdaterConfig();
   if (options.feed) {
     config.feedURL = *options.feed;
     // A feed of one's own has no mirror unless one is named: the built-in mirror serves other builds.
@@ -74,11 +75,9 @@ std::expected<UpdateSession, CommandError> openSession(AppContext& context, cons
   if (!key) return std::unexpected(key.error());
 
   Platform& platform = context.platform();
-  DiskImageInstallerConfig installerConfig;
-  installerConfig.ed25519PublicKey = *key;
   UpdateSession session;
-  session.installer = std::make_unique<DiskImageInstaller>(context.loop(), *platform.downloads, *platform.processes,
-                                                           *platform.log, installerConfig);
+  session.installer =
+      makeUpdateInstaller(context.loop(), *platform.downloads, *platform.processes, *platform.log, std::move(*key));
   auto* quit = &session.quitRequested;
   session.updater =
       std::make_unique<AppUpdater>(context.loop(), *platform.http, std::make_unique<FeedAppcastUpdater>(*platform.http),
@@ -241,7 +240,8 @@ CommandResult runInstall(const GlobalOptions& global, const InstallOptions& opti
 }
 
 void addFeedOptions(CLI::App* command, FeedOptions& options) {
-  command->add_option("--feed", options.feed, "Update feed URL (default: the built-in update host's /mac/appcast.xml)");
+  command->add_option("--feed", options.feed,
+                      "Update feed URL (default: the built-in update host's feed for this system)");
   command->add_option("--mirror", options.mirror,
                       "Mirror feed URL, tried after the feed fails (default: none with --feed)");
   command->add_option("--current-version", options.currentVersion,
@@ -263,7 +263,8 @@ void addUpdateCommands(CLI::App& app, const GlobalOptions& global, CommandResult
   auto install = std::make_shared<InstallOptions>();
   auto* installCommand = update->add_subcommand("install", "Download and install the update, showing progress");
   addFeedOptions(installCommand, install->feed);
-  installCommand->add_option("--msi-url", install->msiURL, "Install this disk image, as a forced update does");
+  installCommand->add_option("--msi-url", install->msiURL,
+                             "Install this release file (a package on Linux), as a forced update does");
   installCommand->add_option("--msi-version", install->msiVersion, "The version of --msi-url, for display");
   installCommand->callback([&global, &result, install] { result = runInstall(global, *install); });
 }

@@ -19,6 +19,7 @@ WakeDetector::WakeDetector(EventLoop& loop, SleepOffset offset, WakeHandler onWa
 std::chrono::nanoseconds WakeDetector::systemSleepOffset() { return read(CLOCK_BOOTTIME) - read(CLOCK_MONOTONIC); }
 
 void WakeDetector::start() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   last_ = offset_();
   timer_.startAligned(loop_, kPeriod, [this] { check(); });
 }

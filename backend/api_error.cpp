@@ -9,9 +9,11 @@ APIError encryptionFailed() { return {std::string(kEncryptionFailed), "Encryptio
 APIError noURL() { return {std::string(kNoURL), "Failed to construct URL"}; }
 APIError noHMAC() { return {std::string(kNoHMAC), "Failed to generate HMAC signature"}; }
 
-APIError networkError(bool timedOut) {
+APIError networkError(const NetworkError& failure) {
   APIError error{std::string(kNetworkError), "Network request failed"};
-  error.timedOut = timedOut;
+  error.timedOut = failure.kind == NetworkErrorKind::timedOut;
+  error.networkKind = failure.kind;
+  error.certificateOutOfDate = failure.certificateOutOfDate;
   return error;
 }
 

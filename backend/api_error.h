@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/http_transport.h"
+
 namespace norvik {
 
 // The one error of every backend operation. Callers choose the user's text by `code`.
@@ -16,6 +18,10 @@ struct APIError {
   bool timedOut = false;
   // The HTTP status behind a status error, 0 otherwise.
   int httpStatus = 0;
+  // On "NETWORK_ERROR": what failed below HTTP, so that the user is told what they can do about it
+  // (another network, the clock, the connection).
+  NetworkErrorKind networkKind = NetworkErrorKind::other;
+  bool certificateOutOfDate = false;
 
   bool operator==(const APIError&) const = default;
 };
@@ -40,7 +46,7 @@ APIError keychainLocked();
 APIError encryptionFailed();
 APIError noURL();
 APIError noHMAC();
-APIError networkError(bool timedOut);
+APIError networkError(const NetworkError& failure);
 // "Decoding error: " followed by the decoder's error.
 APIError decodeError(std::string_view detail);
 // A non-success HTTP status, named as the backend's statuses are named ("RATE_LIMIT" for 429 …),

@@ -44,6 +44,7 @@ NetworkService::~NetworkService() = default;
 
 std::expected<HttpRequest, APIError> NetworkService::buildRequest(const Endpoint& endpoint,
                                                                   const nlohmann::json& extraParams) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   // A temporary identifier would speak to the backend as somebody else: nothing is sent.
   const VendorID vendor = security_.vendorID();
   if (!vendor.trusted) return std::unexpected(api_error::keychainLocked());
@@ -90,6 +91,7 @@ std::expected<HttpRequest, APIError> NetworkService::buildRequest(const Endpoint
 }
 
 void NetworkService::send(const Endpoint& endpoint, const nlohmann::json& extraParams, BodyCompletion completion) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   auto request = buildRequest(endpoint, extraParams);
   if (!request) {
     // Failures reach the caller asynchronously too, like every other outcome.
@@ -129,8 +131,7 @@ void NetworkService::onAnswer(std::shared_ptr<Exchange> exchange, HttpResult res
   if (!result) {
     log_.format("Attempt {} failed: {}", exchange->attempt, result.error().message);
     if (attemptsRemain) return retryLater(std::move(exchange));
-    return exchange->finish(
-        std::unexpected(api_error::networkError(result.error().kind == NetworkErrorKind::timedOut)));
+    return exchange->finish(std::unexpected(api_error::networkError(result.error())));
   }
 
   const HttpResponse& response = *result;
@@ -158,6 +159,7 @@ void NetworkService::onAnswer(std::shared_ptr<Exchange> exchange, HttpResult res
 namespace norvik {
 
 void NetworkService::loadMainConfiguration(APICompletion<MainResponse> completion) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (completion) mainWaiters_.push_back(std::move(completion));
   if (isFetchingMainConfig_) return;  // this call joins the load that runs
   isFetchingMainConfig_ = true;
@@ -228,6 +230,7 @@ void NetworkService::saveDerivedValues(const MainConfig& main) {
 }
 
 NetworkService::MainResponse NetworkService::loadCachedMainConfiguration() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   auto text = defaults_.stringValue(kCachedAPIResponseKey);
   if (!text) return nullptr;
   auto decoded = decodeAPIResponse(*text);
@@ -241,6 +244,7 @@ NetworkService::MainResponse NetworkService::loadCachedMainConfiguration() {
 }
 
 std::string NetworkService::shareURL() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (auto saved = defaults_.stringValue(kCachedShareURLKey); saved && !saved->empty()) return *saved;
   log_.format("[Share] Using default share URL: {}", config_.defaultShareURL);
   return config_.defaultShareURL;

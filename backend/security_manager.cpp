@@ -43,16 +43,25 @@ VendorID SecurityManager::vendorID() {
   const SecureItemQuery query{std::string(kKeychainAccount)};
   auto stored = secureItems_.copyData(query);
 
+  auto mirror = defaults_.stringValue(kMirrorKey);
+  if (stored.status == errSecItemNotFound && mirror && !mirror->empty()) {
+    // The item is gone (a damaged store was set aside and started afresh) while its mirror
+    // survived: the device keeps its identifier, and the item is written back from the mirror.
+    log_.format("[VendorID] в Keychain нет идентификатора — восстановлен из зеркала id={}", withEllipsis(*mirror));
+    (void)secureItems_.add(
+        {std::string(kKeychainAccount), std::nullopt, std::string(kSecAttrAccessibleAfterFirstUnlock)},
+        toBytes(*mirror));
+    return {*mirror, true};
+  }
   if (stored.status == errSecItemNotFound) {
     std::string fresh = makeUUID();
     // The add's status is not checked: should it fail, the mirror still carries the identifier.
     (void)secureItems_.add(
         {std::string(kKeychainAccount), std::nullopt, std::string(kSecAttrAccessibleAfterFirstUnlock)}, toBytes(fresh));
-    defaults_.setString(kMirrorKey, fresh);
+    (void)defaults_.setString(kMirrorKey, fresh);
     return {fresh, true};
   }
 
-  auto mirror = defaults_.stringValue(kMirrorKey);
   if (stored.status == errSecSuccess && stored.value) {
     std::string identifier = toString(*stored.value);
     // An item whose data is not text (or is empty) cannot be the identifier; the mirror is then

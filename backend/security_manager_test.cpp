@@ -45,6 +45,21 @@ TEST_F(SecurityManagerTest, ALockedStoreFallsBackToTheMirrorAndLogsOnlyItsPrefix
   EXPECT_EQ(log.count("1111-4222"), 0u) << "only the first 8 characters reach the log";
 }
 
+// A damaged secure store is set aside at start and begins empty; the device keeps its identifier
+// from the mirror, and the item is written back so that the next read needs no mirror.
+TEST_F(SecurityManagerTest, AnEmptiedStoreTakesTheIdentifierBackFromTheMirror) {
+  (void)defaults.setString(SecurityManager::kMirrorKey, kMirror);
+
+  const VendorID id = security.vendorID();
+  EXPECT_EQ(id.identifier, kMirror);
+  EXPECT_TRUE(id.trusted);
+  EXPECT_TRUE(log.hasLine("[VendorID] в Keychain нет идентификатора — восстановлен из зеркала id=ABCDEFGH…"));
+  auto item = store.copyData({std::string(SecurityManager::kKeychainAccount)});
+  ASSERT_EQ(item.status, errSecSuccess);
+  EXPECT_EQ(std::string(item.value->begin(), item.value->end()), kMirror);
+  EXPECT_EQ(security.vendorID().identifier, kMirror);
+}
+
 TEST_F(SecurityManagerTest, ALockedStoreWithoutMirrorGivesAnUntrustedIdentifierStoredNowhere) {
   store.setLockedStatus(errSecInteractionNotAllowed);
   const VendorID a = security.vendorID();

@@ -29,6 +29,7 @@
 #include "platform/linux/curl_http_transport.h"
 #include "platform/linux/system_clock.h"
 #include "platform/simulated_tunnel_service.h"
+#include "testing/direct_tunnel_intents.h"
 #include "testing/fake_named_notifications.h"
 #include "testing/fake_physical_path_source.h"
 #include "testing/fakes.h"
@@ -102,8 +103,9 @@ int main(int argc, char** argv) {
   DeviceClockCheck clockCheck{loop, log};
   auto http = CurlHttpTransport::create(loop, {caFile}).value();
   HttpHealthProbes probes{{loop, *http, clock, log, nullptr, &pathMonitor, &clockCheck}};
+  norvik::testing::DirectTunnelIntents intents{loop, vpn};
   SmartStatusEngine engine{
-      {loop, clock, log, analytics, standard, store, vpn, tunnels, probes, &pathMonitor, &clockCheck}};
+      {loop, clock, log, analytics, standard, store, vpn, intents, tunnels, probes, &pathMonitor, &clockCheck}};
 
   MainConfig main;
   main.smartStatus = nlohmann::json{{"enabled", !off}, {"probe_tunnel_urls", {probeUrl}}};

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <optional>
 
 #include "platform/tunnel_service.h"
 
@@ -23,9 +24,19 @@ constexpr std::string_view kRateLimit = "Слишком много запрос�
 constexpr std::string_view kOverload = "Сервер перегружен. Попробуйте через несколько минут.";
 constexpr std::string_view kUnauthorized = "Ошибка авторизации. Перезапустите приложение и попробуйте снова.";
 
+// A failure below HTTP the user can act on other than by checking the connection: a wrong clock,
+// or a network that intercepts TLS.
+std::optional<std::string> networkCause(const APIError& error) {
+  if (error.code != api_error::kNetworkError) return std::nullopt;
+  if (error.certificateOutOfDate) return std::string(connection_texts::kClockWrong);
+  if (error.networkKind == NetworkErrorKind::certificate) return std::string(connection_texts::kCertificateProblem);
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::string keyFetchMessage(const APIError& error) {
+  if (auto cause = networkCause(error)) return *cause;
   const std::string& code = error.code;
   if (code == api_error::kRateLimit) return std::string(kRateLimit);
   if (code == api_error::kServerOverload) return std::string(kOverload);
@@ -37,6 +48,7 @@ std::string keyFetchMessage(const APIError& error) {
 }
 
 std::string serverChangeMessage(const APIError& error) {
+  if (auto cause = networkCause(error)) return *cause;
   const std::string& code = error.code;
   if (code == api_error::kRateLimit) return std::string(kRateLimit);
   if (code == api_error::kServerOverload) return std::string(kOverload);
@@ -61,6 +73,13 @@ bool isVPNPermissionDenied(const Error& error) {
   std::string lower = error.message;
   std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return lower.find("permission denied") != std::string::npos;
+}
+
+std::string withWriteCause(std::string_view message, const Error& error) {
+  if (error.domain != "POSIX") return std::string(message);
+  std::string text(message);
+  if (!text.ends_with('.')) text += '.';
+  return text + " " + writeFailureText(error);
 }
 
 }  // namespace norvik

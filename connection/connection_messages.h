@@ -36,8 +36,24 @@ inline constexpr std::string_view kRefreshedButNotConnected =
 inline constexpr std::string_view kServerRefreshed = "Сервер обновлён";
 inline constexpr std::string_view kConnectionDropped = "VPN подключение прервано. Попробуйте включить VPN снова.";
 inline constexpr std::string_view kCheckInternet = "Проверьте подключение к интернету и повторите попытку";
+// What a failed connection to the backend was, where the user can act on it.
+inline constexpr std::string_view kCertificateProblem =
+    "Не удалось проверить подлинность сервера Norvik: сеть подменяет защищённое соединение (так бывает в "
+    "гостевых и корпоративных сетях). Подключитесь к другой сети и повторите попытку.";
+inline constexpr std::string_view kClockWrong =
+    "Часы компьютера показывают неверное время, и защищённое соединение с сервером не устанавливается. "
+    "Выставьте точное время и повторите попытку.";
 inline constexpr std::string_view kAllowVPN = "Разрешите VPN-подключение";
 inline constexpr std::string_view kCheckingPayment = "Проверяем оплату…";
+inline constexpr std::string_view kConnectErrorTitle = "Ошибка подключения";
+inline constexpr std::string_view kRefreshTitle = "Обновление сервера";
+inline constexpr std::string_view kExtensionErrorTitle = "Ошибка расширения";
+inline constexpr std::string_view kGenericKeyError = "Не удалось получить ключ. Попробуйте позже.";
+inline constexpr std::string_view kGenericChangeError = "Не удалось сменить сервер. Попробуйте позже.";
+inline constexpr std::string_view kAlreadyConnected = "VPN уже подключён";
+inline constexpr std::string_view kAlreadyDisconnected = "VPN уже отключён";
+// A request that a later, opposite one replaced before it was done.
+inline constexpr std::string_view kSuperseded = "Команда отменена: её заменила более поздняя команда.";
 inline constexpr std::string_view kSubscriptionActivated = "Подписка активирована — включаем VPN";
 
 }  // namespace connection_texts
@@ -63,6 +79,10 @@ BusyText checkingPayment();         // "Проверяем оплату…"
 [[nodiscard]] std::string keyFetchMessage(const APIError& error);
 // The user's message for an error of "change_server", chosen by code (a time-out has its own).
 [[nodiscard]] std::string serverChangeMessage(const APIError& error);
+
+// `message`, followed by what the user can do about a failed write of the tunnel's settings (a full
+// disk, no permission), when that is why it failed; `message` alone otherwise.
+[[nodiscard]] std::string withWriteCause(std::string_view message, const Error& error);
 
 // True for a tunnel save the user refused (the system asked to allow the VPN configuration).
 [[nodiscard]] bool isVPNPermissionDenied(const Error& error);

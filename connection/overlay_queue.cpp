@@ -5,6 +5,7 @@
 namespace norvik {
 
 bool OverlayQueue::enqueue(OverlayItem item) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (item.kind == OverlayItem::Kind::dialog && !item.identifier.empty()) {
     const auto same = [&](const OverlayItem& other) { return other.identifier == item.identifier; };
     if ((current_.get() && same(*current_.get())) || std::ranges::any_of(waiting_, same)) return false;
@@ -15,10 +16,12 @@ bool OverlayQueue::enqueue(OverlayItem item) {
 }
 
 void OverlayQueue::showToast(std::string identifier, std::string message) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   enqueue(OverlayItem{OverlayItem::Kind::toast, std::move(identifier), "", std::move(message)});
 }
 
 void OverlayQueue::respond(const std::string& identifier, std::size_t buttonIndex) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   const auto& shown = current_.get();
   if (!shown || shown->identifier != identifier) return;
   std::function<void()> action;
@@ -30,6 +33,7 @@ void OverlayQueue::respond(const std::string& identifier, std::size_t buttonInde
 }
 
 void OverlayQueue::dismiss(const std::string& identifier) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   const auto& shown = current_.get();
   if (!shown || shown->identifier != identifier) return;
   toastTimer_.stop();

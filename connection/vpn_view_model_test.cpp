@@ -2,6 +2,7 @@
 // and the simulated tunnel service, all on virtual time.
 #include "connection/vpn_view_model.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <map>
 
@@ -44,9 +45,13 @@ class VPNViewModelTest : public ::testing::Test, protected testing::BackendEnvir
       if (it == answers_.end()) return FakeHttpTransport::json(404, "{}");
       return it->second;
     });
-    vpn_.start();
-    outcomes_ = model_.finished().subscribe([this](const VPNViewModel::Outcome& o) { seen_.push_back(o); });
+    vpn_.start([this] { model_->machine().restoreIntent(); });
     loop.runUntilIdle();
+  }
+
+  // Hands the outcome of a request to seen_.
+  IntentDone record() {
+    return [this](IntentOutcome outcome) { seen_.push_back(std::move(outcome)); };
   }
 
   void answer(const std::string& endpoint, HttpResult result) { answers_[endpoint] = std::move(result); }
@@ -54,22 +59,20 @@ class VPNViewModelTest : public ::testing::Test, protected testing::BackendEnvir
     answer(endpoint, FakeHttpTransport::json(status, std::move(body)));
   }
 
-  // Runs until the controller reports the outcome of an action (or the tunnel settles).
+  // Runs until the tunnel state machine has nothing left to do.
   void settle() {
-    const std::size_t before = seen_.size();
-    loop.runUntil([&] { return seen_.size() > before && model_.operation().get() == VPNViewModel::Operation::none; },
-                  2min);
+    loop.runUntil([&] { return model_->machine().isIdle() && model_->machine().pendingRequests() == 0; }, 2min);
     loop.advance(2s);
   }
 
   void connectWithKey(const std::string& server) {
     answerJson("getkey", 200, keyResponse(server));
-    model_.toggleVPN();
+    model_->toggleVPN(record());
     settle();
     ASSERT_EQ(vpn_.connectionState().get(), Status::connected);
   }
 
-  const VPNViewModel::ShownError& error() { return *model_.lastError().get(); }
+  const VPNViewModel::ShownError& error() { return *model_->lastError().get(); }
   std::string installedServer() { return vpn_.tunnelManager()->protocolConfiguration->serverAddress.value_or("none"); }
 
   testing::MemoryDefaults group_;
@@ -80,78 +83,104 @@ class VPNViewModelTest : public ::testing::Test, protected testing::BackendEnvir
   SimulatedTunnelService tunnels_{loop, clock, log, &notifications_, {}};
   VPNManager vpn_{{loop, tunnels_, notifications_, group_, defaults, clock, log, analytics_}};
   OverlayQueue overlays_{loop};
-  VPNViewModel model_{{loop, network_, vpn_, overlays_, log, analytics_}};
+  std::unique_ptr<VPNViewModel> model_ = std::make_unique<VPNViewModel>(
+      VPNViewModel::Dependencies{loop, network_, vpn_, overlays_, defaults, group_, log, analytics_});
   std::map<std::string, HttpResult> answers_;
   std::map<std::string, int> requests_;
-  std::vector<VPNViewModel::Outcome> seen_;
-  Subscription outcomes_;
+  std::vector<IntentOutcome> seen_;
 };
 
 TEST_F(VPNViewModelTest, TheFirstToggleFetchesAKeyInstallsItAndConnects) {
   answerJson("getkey", 200, keyResponse("203.0.113.10"));
   std::vector<std::optional<BusyText>> busy;
-  auto watch = model_.busyText().subscribe([&](const auto& b) { busy.push_back(b); });
+  auto watch = model_->busyText().subscribe([&](const auto& b) { busy.push_back(b); });
 
-  model_.toggleVPN();
+  model_->toggleVPN(record());
   loop.advance(100ms);
-  EXPECT_EQ(model_.busyText().get(), busy_texts::fetchingKey());
-  EXPECT_EQ(model_.busyText().get()->text, "Получаем ключ, подождите…");
-  EXPECT_EQ(model_.operation().get(), VPNViewModel::Operation::keyInstallation);
+  EXPECT_EQ(model_->busyText().get(), busy_texts::fetchingKey());
+  EXPECT_EQ(model_->busyText().get()->text, "Получаем ключ, подождите…");
+  EXPECT_EQ(model_->operation().get(), VPNViewModel::Operation::keyInstallation);
   settle();
 
   EXPECT_EQ(requests_["getkey"], 1);
   EXPECT_EQ(vpn_.connectionState().get(), Status::connected);
   EXPECT_EQ(installedServer(), "203.0.113.10");
-  EXPECT_FALSE(model_.busyText().get().has_value());
-  EXPECT_EQ(model_.operation().get(), VPNViewModel::Operation::none);
+  EXPECT_FALSE(model_->busyText().get().has_value());
+  EXPECT_EQ(model_->operation().get(), VPNViewModel::Operation::none);
   EXPECT_TRUE(log.hasLine("[getVPNKey] Получен ответ от API: result=1"));
-  EXPECT_TRUE(seen_.back().ok);
+  ASSERT_EQ(seen_.size(), 1u);
+  EXPECT_TRUE(seen_.back().ok());
   EXPECT_EQ(busy.back(), std::nullopt);
 }
 
-TEST_F(VPNViewModelTest, ASecondTapWhileConnectingIsIgnoredAndLogged) {
+TEST_F(VPNViewModelTest, ATapWhileConnectingSwitchesOffAndTheConnectIsSuperseded) {
   connectWithKey("203.0.113.10");
-  model_.toggleVPN();  // off
-  loop.advance(1s);
+  model_->toggleVPN(record());  // off
+  settle();
   tunnels_.setConnectDelay(5s);
-  model_.toggleVPN();
+  model_->toggleVPN(record());
   loop.advance(1s);
   ASSERT_EQ(vpn_.connectionState().get(), Status::connecting);
-  model_.toggleVPN();
-  EXPECT_TRUE(log.hasLine("[toggleVPN] VPN занят (connecting), игнорируем"));
-  loop.advance(10s);
+  model_->toggleVPN(record());  // the user changed their mind: the last word wins
+  settle();
+  EXPECT_EQ(vpn_.connectionState().get(), Status::disconnected);
+  ASSERT_EQ(seen_.size(), 4u);
+  EXPECT_EQ(seen_[2].kind, IntentOutcome::Kind::superseded);
+  EXPECT_EQ(seen_[2].message, "Команда отменена: её заменила более поздняя команда.");
+  EXPECT_TRUE(seen_[3].ok());
   EXPECT_EQ(tunnels_.startOptions().size(), 2u);
-  EXPECT_EQ(vpn_.connectionState().get(), Status::connected);
 }
 
 TEST_F(VPNViewModelTest, ThePreConnectCheckAnswersLaterAndItsDialogTakesThePlaceOfConnecting) {
   answerJson("getkey", 200, keyResponse("203.0.113.10"));
   std::vector<VPNViewModel::PreConnectAnswer> asked;
-  VPNViewModel checked{{loop, network_, vpn_, overlays_, log, analytics_,
-                        [&](VPNViewModel::PreConnectAnswer answer) { asked.push_back(std::move(answer)); }}};
-  checked.toggleVPN();
-  checked.toggleVPN();
-  ASSERT_EQ(asked.size(), 1u) << "a tap during the check is ignored";
-  EXPECT_TRUE(log.hasLine("[toggleVPN] идёт проверка сети, игнорируем"));
+  // The one home screen, with a pre-connect check whose answers the test gives.
+  model_ = std::make_unique<VPNViewModel>(
+      VPNViewModel::Dependencies{loop, network_, vpn_, overlays_, defaults, group_, log, analytics_,
+                                 [&](VPNViewModel::PreConnectAnswer answer) { asked.push_back(std::move(answer)); }});
+  model_->machine().restoreIntent();
+  VPNViewModel& checked = *model_;
+  checked.toggleVPN(record());
+  loop.runUntilIdle();
+  ASSERT_EQ(asked.size(), 1u);
+  checked.toggleVPN(record());  // off again during the check: its answer no longer matters
+  loop.runUntilIdle();
+  asked[0](std::nullopt);
+  loop.advance(2s);
+  EXPECT_EQ(requests_["getkey"], 0);
+  ASSERT_EQ(seen_.size(), 2u);
+  EXPECT_EQ(seen_[0].kind, IntentOutcome::Kind::superseded);
 
-  asked[0](OverlayItem{
-      OverlayItem::Kind::dialog, "smart_status_pre_connect_no_internet", "Нет интернета", "", {{"Понятно"}}});
+  checked.toggleVPN(record());
+  loop.runUntilIdle();
+  ASSERT_EQ(asked.size(), 2u);
+  asked[1](OverlayItem{OverlayItem::Kind::dialog,
+                       "smart_status_pre_connect_no_internet",
+                       "Нет интернета",
+                       "Проверьте сеть",
+                       {{"Понятно"}}});
   loop.advance(2s);
   EXPECT_EQ(analytics_.count("no_internet pre_connect"), 1u);
   ASSERT_TRUE(overlays_.current().get().has_value());
   EXPECT_EQ(overlays_.current().get()->identifier, "smart_status_pre_connect_no_internet");
   EXPECT_EQ(requests_["getkey"], 0);
   EXPECT_NE(vpn_.connectionState().get(), Status::connected);
+  ASSERT_EQ(seen_.size(), 3u);
+  EXPECT_EQ(seen_[2].kind, IntentOutcome::Kind::failed);
+  EXPECT_EQ(seen_[2].message, "Проверьте сеть") << "the request says what the dialog says";
 
-  checked.toggleVPN();
-  ASSERT_EQ(asked.size(), 2u);
-  asked[1](std::nullopt);
+  checked.toggleVPN(record());
+  loop.runUntilIdle();
+  ASSERT_EQ(asked.size(), 3u);
+  asked[2](std::nullopt);
   loop.runUntil([&] { return vpn_.connectionState().get() == Status::connected; }, 1min);
   EXPECT_EQ(vpn_.connectionState().get(), Status::connected);
   EXPECT_EQ(requests_["getkey"], 1);
 }
 
 TEST_F(VPNViewModelTest, KeyFetchErrorsBecomeTheKeyTableTexts) {
+  NetworkError outOfDate = FakeHttpTransport::failure(NetworkErrorKind::certificate);
+  outOfDate.certificateOutOfDate = true;  // the device's clock is far off
   const std::vector<std::pair<HttpResult, std::string>> cases = {
       {FakeHttpTransport::json(429, "{}"), "Слишком много запросов. Пожалуйста, подождите немного и попробуйте снова."},
       {FakeHttpTransport::json(400, "{}"), "Ошибка запроса. Попробуйте снова или обратитесь в поддержку."},
@@ -159,6 +188,9 @@ TEST_F(VPNViewModelTest, KeyFetchErrorsBecomeTheKeyTableTexts) {
       {FakeHttpTransport::json(403, "{}"), "Не удалось получить ключ. Попробуйте позже."},
       {std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::cannotConnect)),
        "Проверьте подключение к интернету и повторите попытку"},
+      {std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::certificate)),
+       std::string(connection_texts::kCertificateProblem)},
+      {std::unexpected(outOfDate), std::string(connection_texts::kClockWrong)},
       {FakeHttpTransport::json(200, "[1, 2]"), "Ошибка обработки данных от сервера"},
       {FakeHttpTransport::json(200, R"({"result": 1, "error": "quota"})"),
        "Не удалось получить ключ. Попробуйте позже."},
@@ -166,12 +198,14 @@ TEST_F(VPNViewModelTest, KeyFetchErrorsBecomeTheKeyTableTexts) {
   };
   for (const auto& [result, message] : cases) {
     answer("getkey", result);
-    model_.toggleVPN();
+    model_->toggleVPN(record());
     settle();
+    EXPECT_EQ(seen_.back().kind, IntentOutcome::Kind::failed);
+    EXPECT_EQ(seen_.back().message, message);
     EXPECT_EQ(error().title, "Ошибка получения ключа");
     EXPECT_EQ(error().message, message);
-    EXPECT_EQ(model_.operation().get(), VPNViewModel::Operation::none);
-    EXPECT_FALSE(model_.busyText().get().has_value());
+    EXPECT_EQ(model_->operation().get(), VPNViewModel::Operation::none);
+    EXPECT_FALSE(model_->busyText().get().has_value());
   }
   EXPECT_TRUE(log.hasLine("[getVPNKey] Серверная ошибка: quota"));
   EXPECT_TRUE(log.contains("[getVPNKey] Ошибка API: RATE_LIMIT: "));
@@ -180,29 +214,31 @@ TEST_F(VPNViewModelTest, KeyFetchErrorsBecomeTheKeyTableTexts) {
 
 TEST_F(VPNViewModelTest, AServerChangeDuringAKeyInstallationChangesNothing) {
   answerJson("getkey", 200, keyResponse("203.0.113.10"));
-  model_.toggleVPN();
+  model_->toggleVPN();
   loop.advance(100ms);
-  ASSERT_EQ(model_.operation().get(), VPNViewModel::Operation::keyInstallation);
-  model_.changeServerAction();
+  ASSERT_EQ(model_->operation().get(), VPNViewModel::Operation::keyInstallation);
+  model_->changeServerAction(record());
   EXPECT_EQ(error().title, "Смена сервера");
   EXPECT_EQ(error().message, "Дождитесь установки ключа VPN.");
   settle();
   EXPECT_EQ(requests_["change_server"], 0);
   EXPECT_EQ(installedServer(), "203.0.113.10");
+  ASSERT_EQ(seen_.size(), 1u);
+  EXPECT_EQ(seen_[0].kind, IntentOutcome::Kind::refused);
 }
 
 TEST_F(VPNViewModelTest, AServerChangeWalksThroughItsStepsAndConnectsToTheNewServer) {
   connectWithKey("203.0.113.10");
   answerJson("change_server", 200, keyResponse("198.51.100.7"));
   std::vector<std::string> steps;
-  auto watch = model_.busyText().subscribe([&](const auto& b) {
+  auto watch = model_->busyText().subscribe([&](const auto& b) {
     if (b) steps.push_back(b->text);
   });
   bool flagDuring = false;
   auto watchState =
-      vpn_.connectionState().subscribe([&](const Status&) { flagDuring |= vpn_.isServerChangeInProgress; });
+      vpn_.connectionState().subscribe([&](const Status&) { flagDuring |= vpn_.isServerChangeInProgress(); });
 
-  model_.changeServerAction();
+  model_->changeServerAction(record());
   settle();
 
   EXPECT_EQ(steps, (std::vector<std::string>{"Отключаем VPN…", "Меняем сервер, подождите…", "Подключаемся…"}));
@@ -210,30 +246,33 @@ TEST_F(VPNViewModelTest, AServerChangeWalksThroughItsStepsAndConnectsToTheNewSer
   EXPECT_EQ(installedServer(), "198.51.100.7");
   EXPECT_EQ(vpn_.connectionState().get(), Status::connected);
   EXPECT_TRUE(flagDuring);
-  EXPECT_FALSE(vpn_.isServerChangeInProgress);
+  EXPECT_FALSE(vpn_.isServerChangeInProgress());
   EXPECT_TRUE(log.hasLine("Смена сервера: 203.0.113.10"));
   EXPECT_TRUE(log.hasLine("Сервер сменён: 203.0.113.10 → 198.51.100.7"));
   EXPECT_TRUE(log.hasLine("[changeServer] Получен ответ от API: result=1"));
-  ASSERT_TRUE(seen_.back().ok);
+  ASSERT_TRUE(seen_.back().ok());
+  EXPECT_EQ(seen_.back().message, "Сервер сменён");
 }
 
 TEST_F(VPNViewModelTest, AServerChangeTimeOutIsNotRetriedAndSaysSo) {
   connectWithKey("203.0.113.10");
   answer("change_server", std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::timedOut)));
-  model_.changeServerAction();
+  model_->changeServerAction();
   settle();
   EXPECT_EQ(requests_["change_server"], 1);
   EXPECT_EQ(error().title, "Ошибка смены сервера");
   EXPECT_EQ(error().message, "Превышено время ожидания. Проверьте подключение к интернету.");
   EXPECT_EQ(analytics_.count("fail api_timeout"), 1u);
-  EXPECT_FALSE(vpn_.isServerChangeInProgress);
+  EXPECT_FALSE(vpn_.isServerChangeInProgress());
   EXPECT_EQ(installedServer(), "203.0.113.10") << "the previous configuration stays";
 }
 
 TEST_F(VPNViewModelTest, ServerChangeErrorsUseTheirOwnTable) {
   answerJson("getkey", 200, keyResponse("203.0.113.10"));
-  model_.getVPNKey();
+  std::optional<bool> installed;
+  model_->getVPNKey([&](bool ok) { installed = ok; });
   settle();
+  ASSERT_EQ(installed, true);
   const std::vector<std::pair<HttpResult, std::string>> cases = {
       {std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::hostNotFound)),
        "Не удалось связаться с сервером. Проверьте подключение к интернету."},
@@ -245,7 +284,7 @@ TEST_F(VPNViewModelTest, ServerChangeErrorsUseTheirOwnTable) {
   };
   for (const auto& [result, message] : cases) {
     answer("change_server", result);
-    model_.changeServerAction();
+    model_->changeServerAction();
     settle();
     EXPECT_EQ(error().message, message);
   }
@@ -256,12 +295,12 @@ TEST_F(VPNViewModelTest, AFailedReconnectAfterAServerChangeLeavesTheStatedMessag
   connectWithKey("203.0.113.10");
   answerJson("change_server", 200, keyResponse("198.51.100.7"));
   tunnels_.failNextConnect(makeNEVPNError(NEVPNErrorCode::connectionFailed));
-  model_.changeServerAction();
+  model_->changeServerAction();
   settle();
   EXPECT_EQ(error().message, "Сервер сменён, но подключить VPN не удалось. Попробуйте включить VPN снова.");
   EXPECT_EQ(installedServer(), "198.51.100.7");
   EXPECT_EQ(vpn_.connectionState().get(), Status::disconnected);
-  EXPECT_EQ(model_.operation().get(), VPNViewModel::Operation::none);
+  EXPECT_EQ(model_->operation().get(), VPNViewModel::Operation::none);
 }
 
 TEST_F(VPNViewModelTest, AMainKeyThatDiffersOnlyInWhiteSpaceDoesNotRefresh) {
@@ -295,7 +334,7 @@ TEST_F(VPNViewModelTest, ARefreshNeverRunsDuringAServerChange) {
   connectWithKey("203.0.113.10");
   answerJson("change_server", 200, keyResponse("198.51.100.7"));
   answerJson("main", 200, mainResponse(keyFor("192.0.2.99")));
-  model_.changeServerAction();
+  model_->changeServerAction();
   loop.advance(150ms);  // disconnected, the change request is on its way
   network_.loadMainConfiguration();
   settle();
@@ -308,28 +347,29 @@ TEST_F(VPNViewModelTest, AFailedMainLoadLocksTheToggleOnlyWithoutAConfiguration)
   network_.loadMainConfiguration();
   loop.advance(30s);
   EXPECT_TRUE(log.hasLine("Свитч заблокирован: API ошибка (offline=true), VPN конфиг: НЕТ (заблокирован)"));
-  EXPECT_TRUE(model_.switchBlock().get().locked);
-  model_.toggleVPN();
+  EXPECT_TRUE(model_->switchBlock().get().locked);
+  model_->toggleVPN();
+  settle();
   EXPECT_EQ(error().message, "Проверьте подключение к интернету и повторите попытку");
   EXPECT_EQ(requests_["getkey"], 0);
 
   answerJson("main", 200, mainResponse(keyFor("203.0.113.10")));
   network_.loadMainConfiguration();
   loop.advance(1s);
-  EXPECT_FALSE(model_.switchBlock().get().locked);
+  EXPECT_FALSE(model_->switchBlock().get().locked);
   connectWithKey("203.0.113.10");
   answerJson("main", 503, "{}");
   network_.loadMainConfiguration();
   loop.advance(30s);
   EXPECT_TRUE(log.hasLine("Свитч заблокирован: API ошибка (offline=false), VPN конфиг: ДА (разблокирован)"));
-  EXPECT_FALSE(model_.switchBlock().get().locked);
+  EXPECT_FALSE(model_->switchBlock().get().locked);
 }
 
 TEST_F(VPNViewModelTest, AConfirmedPaymentConnectsOnceTheSubscriptionIsActive) {
   answerJson("getkey", 200, keyResponse("203.0.113.10"));
   answerJson("main", 200, mainResponse(keyFor("203.0.113.10"), /*subActive=*/true));
-  model_.paymentConfirmed();
-  EXPECT_EQ(model_.busyText().get()->text, "Проверяем оплату…");
+  model_->paymentConfirmed();
+  EXPECT_EQ(model_->busyText().get()->text, "Проверяем оплату…");
   EXPECT_EQ(analytics_.count("payment_checking"), 1u);
   settle();
   EXPECT_EQ(vpn_.connectionState().get(), Status::connected);
@@ -339,12 +379,22 @@ TEST_F(VPNViewModelTest, AConfirmedPaymentConnectsOnceTheSubscriptionIsActive) {
   EXPECT_EQ(tunnels_.startOptions().size(), 1u) << "once";
 }
 
+TEST_F(VPNViewModelTest, AKeyThatCannotBeSavedSaysWhy) {
+  answerJson("getkey", 200, keyResponse("203.0.113.10"));
+  tunnels_.failNextSave(Error{"POSIX", ENOSPC, "No space left on device"});
+  model_->toggleVPN(record());
+  settle();
+  EXPECT_EQ(error().message, "Не удалось установить конфигурацию VPN. Изменение не сохранено: на диске нет места.");
+  ASSERT_EQ(seen_.size(), 1u);
+  EXPECT_EQ(seen_[0].kind, IntentOutcome::Kind::failed);
+}
+
 TEST_F(VPNViewModelTest, ARefusedVPNPermissionShowsThePermissionCard) {
   answerJson("getkey", 200, keyResponse("203.0.113.10"));
   tunnels_.failNextSave(makeNEVPNError(NEVPNErrorCode::configurationReadWriteFailed, "permission denied"));
-  model_.toggleVPN();
+  model_->toggleVPN();
   settle();
-  EXPECT_TRUE(model_.permissionCardShown().get());
+  EXPECT_TRUE(model_->permissionCardShown().get());
   EXPECT_EQ(analytics_.count("permission_denied"), 1u);
   EXPECT_EQ(error().message, "Разрешите VPN-подключение");
 }
@@ -366,7 +416,7 @@ TEST_F(VPNViewModelTest, TheSampleKeyHasTheRealFormAndInstalls) {
     EXPECT_EQ(base64Decode(value).value_or(Bytes{}).size(), 32u) << field;
   }
   std::optional<bool> installed;
-  model_.installFakeVPNKey([&](bool ok) { installed = ok; });
+  model_->installFakeVPNKey([&](bool ok) { installed = ok; });
   loop.runUntilIdle();
   EXPECT_EQ(installed, true);
   EXPECT_EQ(installedServer(), "203.0.113.1");

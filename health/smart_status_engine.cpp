@@ -102,6 +102,7 @@ SmartStatusEngine::SmartStatusEngine(Dependencies d)
       defaults_(d.standardDefaults),
       policyStore_(d.policyStore),
       vpn_(d.vpn),
+      intents_(d.intents),
       tunnels_(d.tunnels),
       probes_(d.probes),
       pathMonitor_(d.pathMonitor),
@@ -117,6 +118,7 @@ SmartStatusEngine::~SmartStatusEngine() {
 }
 
 void SmartStatusEngine::start() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (started_) return;
   started_ = true;
   startedAt_ = clock_.now();
@@ -131,6 +133,7 @@ void SmartStatusEngine::start() {
 }
 
 void SmartStatusEngine::stop() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!started_) return;
   reset("stop");
   policyStore_.setResetHandler(nullptr);
@@ -222,17 +225,20 @@ void SmartStatusEngine::onClockVerdict(bool wrong) {
 // --- What the user does ---
 
 void SmartStatusEngine::recheck() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!enabled() || !tunnelConnected()) return;
   if (cycle_) return log_.write("[SmartStatus] перепроверка уже идёт");
   beginCycle(Reason::userRecheck);
 }
 
 void SmartStatusEngine::refresh() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!enabled() || !tunnelConnected() || cycle_) return;
   beginCycle(Reason::userRefresh);
 }
 
 void SmartStatusEngine::perform(SmartStatusDialogAction action) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   switch (action) {
     case SmartStatusDialogAction::recheck:
       return recheck();
@@ -241,7 +247,7 @@ void SmartStatusEngine::perform(SmartStatusDialogAction action) {
       return changeServerRequested_.emit();
     case SmartStatusDialogAction::disconnectAndCheck:
       log_.write("[SmartStatus] выключаем VPN и проверяем подписку");
-      vpn_.disconnect();
+      intents_.disconnect(IntentOrigin::healthDialog, nullptr);
       if (reloadMainConfiguration_) reloadMainConfiguration_();
       return;
     case SmartStatusDialogAction::close:
@@ -251,6 +257,7 @@ void SmartStatusEngine::perform(SmartStatusDialogAction action) {
 }
 
 void SmartStatusEngine::preConnectCheck(std::move_only_function<void(std::optional<SmartStatusDialogRequest>)> done) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!enabled()) return done(std::nullopt);
   auto answer = [weak = weakFactory_.weak(), done = std::move(done)](bool reached) mutable {
     auto* self = weak.lock();
@@ -276,6 +283,7 @@ void SmartStatusEngine::preConnectCheck(std::move_only_function<void(std::option
 }
 
 void SmartStatusEngine::setForeground(bool foreground) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!foreground) {
     hiddenAt_ = loop_.now();
     return;
@@ -292,12 +300,14 @@ void SmartStatusEngine::setForeground(bool foreground) {
 }
 
 void SmartStatusEngine::systemDidWake() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!enabled() || policy().resumeVisibleAfterMs == 0 || !tunnelConnected() || cycle_) return;
   log_.format("[SmartStatus] пробуждение — проверка через {}ms", policy().resumeBeatMs);
   scheduleCycle(Reason::resume, milliseconds(policy().resumeBeatMs));
 }
 
 bool SmartStatusEngine::armDebugScenario(SmartStatusDebugScenario scenario) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   const auto& debug = policy().debug;
   if (!enabled() || !debug || debug->gesture != true) return false;
   debug_.scenario = scenario;
@@ -408,14 +418,15 @@ void SmartStatusEngine::afterFailedWindow() {
 void SmartStatusEngine::repair() {
   Cycle& cycle = *cycle_;
   ++cycle.repairsDone;
-  if (!cycle.token) cycle.token = vpn_.repairToken();
+  if (!cycle.token) cycle.token = intents_.repairToken();
   cycle.repairing = true;
   setHealth(SmartStatusHealth::of(Case::repairing));
   log_.format("[SmartStatus] починка {}/{}", cycle.repairsDone, cycle.policy.repairAttempts);
-  vpn_.silentTunnelRestart(*cycle.token, cycle.policy.repairDelayMs, cycle.policy.repairConnectTimeoutMs,
-                           [weak = weakFactory_.weak(), id = cycle.id](const VPNManager::SilentRestartResult& result) {
-                             if (auto* self = weak.lock()) self->onRepairDone(id, result);
-                           });
+  intents_.silentTunnelRestart(
+      *cycle.token, cycle.policy.repairDelayMs, cycle.policy.repairConnectTimeoutMs,
+      [weak = weakFactory_.weak(), id = cycle.id](const VPNManager::SilentRestartResult& result) {
+        if (auto* self = weak.lock()) self->onRepairDone(id, result);
+      });
 }
 
 void SmartStatusEngine::onRepairDone(std::uint64_t cycleId, const VPNManager::SilentRestartResult& result) {
@@ -435,7 +446,7 @@ void SmartStatusEngine::onRepairDone(std::uint64_t cycleId, const VPNManager::Si
     cycle_->anchor = clock_.now();
     return openWindow();
   }
-  if (result.failStep == "precondition") {
+  if (result.failStep == RestartStep::precondition) {
     log_.format("[SmartStatus] починка не начата: {}", result.reason);
     return endWithoutVerdict();
   }

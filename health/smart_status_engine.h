@@ -23,6 +23,7 @@
 #include "platform/published.h"
 #include "platform/tunnel_service.h"
 #include "platform/weak_ptr_factory.h"
+#include "tunnel/tunnel_intents.h"
 #include "tunnel/vpn_manager.h"
 
 namespace norvik {
@@ -103,6 +104,8 @@ class SmartStatusEngine {
     Defaults& standardDefaults;
     SmartStatusPolicyStore& policyStore;
     VPNManager& vpn;
+    // The owner of the user's intent: the repair and the "switch off" button go through it.
+    TunnelIntents& intents;
     // Where the tunnel's telemetry is asked for (the service the VPN manager runs on).
     TunnelService& tunnels;
     HealthProbes& probes;
@@ -213,6 +216,7 @@ class SmartStatusEngine {
   Defaults& defaults_;
   SmartStatusPolicyStore& policyStore_;
   VPNManager& vpn_;
+  TunnelIntents& intents_;
   TunnelService& tunnels_;
   HealthProbes& probes_;
   PhysicalPathMonitor* pathMonitor_;

@@ -12,6 +12,7 @@
 #include "platform/files.h"
 #include "platform/linux/curl_http_transport.h"
 #include "platform/simulated_tunnel_service.h"
+#include "testing/direct_tunnel_intents.h"
 #include "testing/fake_named_notifications.h"
 #include "testing/fake_physical_path_source.h"
 #include "testing/loopback_https_server.h"
@@ -69,8 +70,10 @@ TEST(SmartStatusIntegrationTest, TheBackendsPolicyDrivesRealProbesAndAForeignSer
   SmartStatusPolicyStore store{device.log, device.defaults, device.clock, &pathMonitor};
   DeviceClockCheck clockCheck{loop, device.log};
   HttpHealthProbes probes{{loop, *http, device.clock, device.log, nullptr, &pathMonitor, &clockCheck}};
-  SmartStatusEngine engine{{loop, device.clock, device.log, analytics, device.defaults, store, vpn, tunnels, probes,
-                            &pathMonitor, &clockCheck, [] { return std::int64_t{1}; }, &network.currentResponse()}};
+  testing::DirectTunnelIntents intents{loop, vpn};
+  SmartStatusEngine engine{{loop, device.clock, device.log, analytics, device.defaults, store, vpn, intents, tunnels,
+                            probes, &pathMonitor, &clockCheck, [] { return std::int64_t{1}; },
+                            &network.currentResponse()}};
   std::vector<SmartStatusDialogRequest> dialogs;
   auto dialogWatch = engine.dialogRequested().subscribe([&](const auto& d) { dialogs.push_back(d); });
 

@@ -18,6 +18,7 @@
 #include "health/smart_status_engine.h"
 #include "health/smart_status_policy_store.h"
 #include "platform/simulated_tunnel_service.h"
+#include "testing/direct_tunnel_intents.h"
 #include "testing/fake_named_notifications.h"
 #include "testing/fake_physical_path_source.h"
 #include "testing/fakes.h"
@@ -131,8 +132,8 @@ struct HealthStack {
   // Makes the engine after the stack; start() follows the policy and the tunnel.
   SmartStatusEngine& makeEngine() {
     engine = std::make_unique<SmartStatusEngine>(SmartStatusEngine::Dependencies{
-        loop, clock, log, analytics, standard, store, *vpn, tap, probesInUse_ ? *probesInUse_ : probes, &pathMonitor,
-        &clockCheck, [this] { return modeCode; }, &responses, [this] { ++reloads; }});
+        loop, clock, log, analytics, standard, store, *vpn, intents, tap, probesInUse_ ? *probesInUse_ : probes,
+        &pathMonitor, &clockCheck, [this] { return modeCode; }, &responses, [this] { ++reloads; }});
     engine->start();
     return *engine;
   }
@@ -173,6 +174,7 @@ struct HealthStack {
   TelemetryTap tap{loop, service};
   std::unique_ptr<VPNManager> vpn = std::make_unique<VPNManager>(
       VPNManager::Dependencies{loop, service, notifications, group, standard, clock, log, analytics, {}});
+  DirectTunnelIntents intents{loop, *vpn};
   FakePhysicalPathSource paths;
   PhysicalPathMonitor pathMonitor{paths, log};
   SmartStatusPolicyStore store{log, standard, clock, &pathMonitor};

@@ -16,4 +16,9 @@ struct Error {
   bool operator==(const Error&) const = default;
 };
 
+// The user's words for a change that could not be saved, naming the cause where the user can act
+// on it: "Изменение не сохранено: на диске нет места." for ENOSPC, "…: нет прав на запись." for
+// EACCES, EPERM and EROFS, else the system's description.
+[[nodiscard]] std::string writeFailureText(const Error& error);
+
 }  // namespace norvik

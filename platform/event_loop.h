@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -52,6 +53,11 @@ class EventLoop {
   // True on the thread that runs this loop's tasks.
   [[nodiscard]] virtual bool isLoopThread() const = 0;
 };
+
+// Main-loop objects are single-sequence: they check at every public entry point that they are
+// called on their loop, instead of locking. Checked where assertions are on (debug builds and CI's
+// sanitizer build); free elsewhere.
+#define NORVIK_ASSERT_ON_LOOP(loop) assert((loop).isLoopThread())
 
 // Runs `work` off the loop and hands its result to `reply` on the loop.
 template <class Work, class Reply>

@@ -1,6 +1,7 @@
 #include "platform/files.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -45,6 +46,22 @@ Error posixError(int err, std::string_view operation, const std::filesystem::pat
   return Error{"POSIX", err, fmt::format("{} {}: {}", operation, path.string(), std::strerror(err))};
 }
 
+std::expected<int, Error> openRegularFile(const std::filesystem::path& path, int flags, mode_t mode) {
+  // O_NONBLOCK keeps open() from waiting for a FIFO's other end; O_NOCTTY keeps a terminal from
+  // becoming ours.
+  FileDescriptor fd(::open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
+  if (fd.get() < 0) return std::unexpected(posixError(errno, "open", path));
+  struct stat st {};
+  if (::fstat(fd.get(), &st) != 0) return std::unexpected(posixError(errno, "stat", path));
+  if (!S_ISREG(st.st_mode)) {
+    return std::unexpected(Error{"POSIX", EINVAL, fmt::format("open {}: not a regular file", path.string())});
+  }
+  if (::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK) != 0) {
+    return std::unexpected(posixError(errno, "fcntl", path));
+  }
+  return fd.release();
+}
+
 std::expected<void, Error> writeFileAtomically(const std::filesystem::path& target, std::string_view contents,
                                                mode_t mode, const std::string& temporaryName,
                                                FileDurability durability) {
@@ -52,8 +69,10 @@ std::expected<void, Error> writeFileAtomically(const std::filesystem::path& targ
   const auto directory = target.has_parent_path() ? target.parent_path() : std::filesystem::path(".");
   const auto temporary = directory / (temporaryName.empty() ? target.filename().string() + ".tmp" : temporaryName);
 
-  FileDescriptor fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
-  if (fd.get() < 0) return std::unexpected(posixError(errno, "open", temporary));
+  // A link or anything but a regular file at the temporary name is not written through.
+  auto opened = openRegularFile(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, mode);
+  if (!opened) return std::unexpected(opened.error());
+  FileDescriptor fd(*opened);
   auto fail = [&](std::string_view operation) {
     const int err = errno;
     ::unlink(temporary.c_str());
@@ -74,8 +93,13 @@ std::expected<void, Error> writeFileAtomically(const std::filesystem::path& targ
 }
 
 std::expected<std::string, Error> readFile(const std::filesystem::path& path, std::size_t maxBytes) {
-  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) return std::unexpected(posixError(errno, "open", path));
+  auto opened = openRegularFile(path, O_RDONLY);
+  if (!opened) return std::unexpected(opened.error());
+  FileDescriptor fd(*opened);
+  struct stat st {};
+  if (::fstat(fd.get(), &st) == 0 && static_cast<std::uintmax_t>(st.st_size) > maxBytes) {
+    return std::unexpected(posixError(EFBIG, "read", path));
+  }
   std::string out;
   char buffer[64 * 1024];
   for (;;) {

@@ -24,9 +24,17 @@ enum class FileDurability { durable, replaceOnly };
                                                              const std::string& temporaryName = {},
                                                              FileDurability durability = FileDurability::durable);
 
-// Reads a whole file. `maxBytes` guards against files that grew beyond reason.
+// Reads a whole file. Only a regular file is read: a FIFO, a device, a socket or a directory in
+// its place is refused without blocking (EINVAL, "… is not a regular file"), and so is a file
+// larger than `maxBytes` (EFBIG), before anything is read.
 [[nodiscard]] std::expected<std::string, Error> readFile(const std::filesystem::path& path,
                                                          std::size_t maxBytes = 64u << 20);
+
+// Opens a file that must be a regular one (O_CLOEXEC is added), without ever blocking in open():
+// whatever else stands at `path` is refused as readFile does. The descriptor is blocking again
+// when it is returned; the caller closes it.
+[[nodiscard]] std::expected<int, Error> openRegularFile(const std::filesystem::path& path, int flags,
+                                                        mode_t mode = 0600);
 
 // Creates `dir` and its parents; the last component gets `mode`.
 [[nodiscard]] std::expected<void, Error> makeDirectories(const std::filesystem::path& dir, mode_t mode = 0755);

@@ -25,6 +25,8 @@ std::string_view toString(NetworkErrorKind kind) {
       return "cannot connect";
     case NetworkErrorKind::hostNotFound:
       return "host not found";
+    case NetworkErrorKind::certificate:
+      return "certificate";
     case NetworkErrorKind::other:
       return "other";
   }

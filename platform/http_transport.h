@@ -45,6 +45,9 @@ enum class NetworkErrorKind {
   timedOut,
   cannotConnect,
   hostNotFound,
+  // TLS could not verify the server's certificate: a network that intercepts the connection, or a
+  // device clock far off (`certificateOutOfDate`).
+  certificate,
   other,
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/clock_change_source.h"
@@ -10,9 +11,11 @@
 #include "platform/file_downloader.h"
 #include "platform/http_transport.h"
 #include "platform/log.h"
+#include "platform/login_item.h"
 #include "platform/physical_path_source.h"
 #include "platform/process_runner.h"
 #include "platform/secure_item_store.h"
+#include "platform/store_reset.h"
 
 namespace norvik {
 
@@ -32,6 +35,10 @@ struct Platform {
   std::unique_ptr<PhysicalPathSource> physicalPaths;
   std::unique_ptr<ClockChangeSource> clockChanges;
   std::unique_ptr<DnsResolver> dnsResolver;
+  std::unique_ptr<LoginItem> loginItem;  // may be absent: the switch then only logs
+  // The stores that had to be started afresh when the platform was made (damaged files set aside),
+  // for the status to show; empty on an ordinary start.
+  std::vector<StoreReset> storeResets;
 };
 
 }  // namespace norvik

@@ -13,7 +13,9 @@ namespace norvik {
 using OSStatus = std::int32_t;
 inline constexpr OSStatus errSecSuccess = 0;
 inline constexpr OSStatus errSecParam = -50;
+inline constexpr OSStatus errSecDiskFull = -34;  // the write did not fit on the disk
 inline constexpr OSStatus errSecIO = -36;
+inline constexpr OSStatus errSecWrPerm = -61;  // the store may not be written
 inline constexpr OSStatus errSecAuthFailed = -25293;
 inline constexpr OSStatus errSecDuplicateItem = -25299;
 inline constexpr OSStatus errSecItemNotFound = -25300;

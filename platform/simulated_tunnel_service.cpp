@@ -9,7 +9,6 @@ SimulatedTunnelService::SimulatedTunnelService(EventLoop& loop, Clock& clock, Lo
                                                NamedNotificationCenter* notifications, Options options)
     : loop_(loop),
       clock_(clock),
-      log_(log),
       notifications_(notifications),
       options_(std::move(options)),
       store_(log, options_.storeFile),
@@ -159,7 +158,8 @@ void SimulatedTunnelService::endSessionFromTunnel(const std::string& identifier,
 void SimulatedTunnelService::stopFromSystemControls(const std::string& identifier) {
   if (status(identifier) == TunnelStatus::disconnected) return;
   // The system's own switch also ends on-demand, so the tunnel stays down.
-  store_.update(identifier, [](TunnelConfiguration& configuration) { configuration.isOnDemandEnabled = false; });
+  // A failure to write it down is logged by the store; the stop itself holds for this run.
+  (void)store_.update(identifier, [](TunnelConfiguration& configuration) { configuration.isOnDemandEnabled = false; });
   finishStop(identifier, /*postUserStop=*/true, std::nullopt);
 }
 

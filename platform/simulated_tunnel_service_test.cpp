@@ -75,6 +75,29 @@ TEST_F(SimulatedTunnelServiceTest, SavesGiveIdentitiesAndRefuseStaleCopies) {
   EXPECT_EQ(saveFails(newer).code, 1) << "a removed configuration is invalid";
 }
 
+// A save that cannot reach the disk fails with the system's reason, and the configuration stays
+// as it was, in memory and after a restart.
+TEST_F(SimulatedTunnelServiceTest, ASaveThatCannotBeWrittenFailsWithTheReasonAndKeepsTheOldConfiguration) {
+  TunnelConfiguration first = save(norvik());
+  // Something that is no file where the temporary copy goes: the write cannot happen.
+  ASSERT_TRUE(std::filesystem::create_directory(dir_ / "tunnel" / "preferences.json.tmp"));
+  TunnelConfiguration changed = first;
+  changed.protocolConfiguration->serverAddress = "198.51.100.7";
+  const Error error = saveFails(changed);
+  EXPECT_EQ(error.domain, "POSIX");
+  EXPECT_EQ(error.code, EISDIR);
+  EXPECT_TRUE(log_.contains("[Tunnel] настройки туннеля не сохранены: "));
+
+  std::filesystem::remove(dir_ / "tunnel" / "preferences.json.tmp");
+  auto restarted = make();
+  std::optional<std::expected<std::vector<TunnelConfiguration>, Error>> loaded;
+  restarted->loadAllFromPreferences([&](auto r) { loaded = std::move(r); });
+  loop_.runUntilIdle();
+  ASSERT_TRUE(loaded && loaded->has_value() && (*loaded)->size() == 1u);
+  EXPECT_EQ((*loaded)->front().protocolConfiguration->serverAddress, "203.0.113.10");
+  EXPECT_EQ((*loaded)->front().revision, first.revision);
+}
+
 TEST_F(SimulatedTunnelServiceTest, AStartGoesThroughConnectingToConnectedAfterTheDelay) {
   const TunnelConfiguration stored = save(norvik());
   ASSERT_TRUE(service_->startVPNTunnel(stored.identifier, {{"vpnInAPP", "yes"}}).has_value());

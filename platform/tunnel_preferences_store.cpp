@@ -1,6 +1,7 @@
 #include "platform/tunnel_preferences_store.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -121,13 +122,15 @@ const TunnelConfiguration* TunnelPreferencesStore::find(const std::string& ident
 }
 
 std::expected<TunnelConfiguration, Error> TunnelPreferencesStore::save(TunnelConfiguration configuration) {
+  std::vector<TunnelConfiguration> next = configurations_;
+  std::uint64_t nextIdentifier = nextIdentifier_;
   if (configuration.identifier.empty()) {
-    configuration.identifier = fmt::format("5E1F0000-0000-4000-8000-{:012X}", nextIdentifier_++);
+    configuration.identifier = fmt::format("5E1F0000-0000-4000-8000-{:012X}", nextIdentifier++);
     configuration.revision = 1;
-    configurations_.push_back(configuration);
+    next.push_back(configuration);
   } else {
-    TunnelConfiguration* stored = find(configuration.identifier);
-    if (!stored) {
+    auto stored = std::ranges::find(next, configuration.identifier, &TunnelConfiguration::identifier);
+    if (stored == next.end()) {
       return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid, "The VPN configuration was removed"));
     }
     if (configuration.revision < stored->revision) {
@@ -136,45 +139,51 @@ std::expected<TunnelConfiguration, Error> TunnelPreferencesStore::save(TunnelCon
     configuration.revision = stored->revision + 1;
     *stored = configuration;
   }
-  persist();
+  if (auto persisted = persist(next, nextIdentifier); !persisted) return std::unexpected(persisted.error());
+  configurations_ = std::move(next);
+  nextIdentifier_ = nextIdentifier;
   return configuration;
 }
 
 std::expected<void, Error> TunnelPreferencesStore::remove(const std::string& identifier) {
   if (!find(identifier)) return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid));
-  std::erase_if(configurations_, [&](const auto& c) { return c.identifier == identifier; });
-  persist();
+  std::vector<TunnelConfiguration> next = configurations_;
+  std::erase_if(next, [&](const auto& c) { return c.identifier == identifier; });
+  if (auto persisted = persist(next, nextIdentifier_); !persisted) return std::unexpected(persisted.error());
+  configurations_ = std::move(next);
   return {};
 }
 
-void TunnelPreferencesStore::update(const std::string& identifier,
-                                    const std::function<void(TunnelConfiguration&)>& change) {
+std::expected<void, Error> TunnelPreferencesStore::update(const std::string& identifier,
+                                                          const std::function<void(TunnelConfiguration&)>& change) {
   TunnelConfiguration* configuration = find(identifier);
-  if (!configuration) return;
+  if (!configuration) return std::unexpected(makeNEVPNError(NEVPNErrorCode::configurationInvalid));
+  // The system's own change happens whether or not it reaches the file: it holds for this run.
   change(*configuration);
   ++configuration->revision;
-  persist();
+  return persist(configurations_, nextIdentifier_);
 }
 
-void TunnelPreferencesStore::persist() {
-  if (!file_) return;
+std::expected<void, Error> TunnelPreferencesStore::persist(const std::vector<TunnelConfiguration>& configurations,
+                                                           std::uint64_t nextIdentifier) {
+  if (!file_) return {};
   nlohmann::json list = nlohmann::json::array();
-  for (const auto& c : configurations_) list.push_back(toJson(c));
-  const nlohmann::json document = {{"configurations", list}, {"nextIdentifier", nextIdentifier_}};
-  if (auto made = makeDirectories(file_->parent_path(), 0700); !made) {
-    log_.format("[Tunnel] настройки туннеля не сохранены: {}", made.error().message);
-    return;
+  for (const auto& c : configurations) list.push_back(toJson(c));
+  const nlohmann::json document = {{"configurations", list}, {"nextIdentifier", nextIdentifier}};
+  auto written = makeDirectories(file_->parent_path(), 0700);
+  if (written) {
+    written = writeFileAtomically(*file_, document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace), 0600);
   }
-  auto written =
-      writeFileAtomically(*file_, document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace), 0600);
   if (!written) log_.format("[Tunnel] настройки туннеля не сохранены: {}", written.error().message);
+  return written;
 }
 
 void TunnelPreferencesStore::restore() {
   if (!file_) return;
-  auto text = readFile(*file_);
-  if (!text) return;  // nothing saved yet
-  auto document = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
+  auto text = readFile(*file_, 16u << 20);
+  if (!text && text.error().code == ENOENT) return;  // nothing saved yet
+  auto document = text ? nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false)
+                       : nlohmann::json(nlohmann::json::value_t::discarded);
   std::vector<TunnelConfiguration> restored;
   bool damaged =
       !document.is_object() || !document.contains("configurations") || !document["configurations"].is_array();
@@ -189,12 +198,12 @@ void TunnelPreferencesStore::restore() {
     }
   }
   if (damaged) {
-    // Kept aside for a person to look at; the store starts empty rather than half-read.
-    auto aside = *file_;
-    aside += ".damaged";
-    std::error_code ec;
-    std::filesystem::rename(*file_, aside, ec);
-    log_.format("[Tunnel] настройки туннеля повреждены, сохранены как {}", aside.string());
+    // Kept aside for a person to look at; the store starts empty rather than half-read. A file
+    // that cannot be read at all (not a regular file, far too large) is set aside the same way.
+    const auto aside = setDamagedFileAside(*file_);
+    log_.format("[Tunnel] настройки туннеля повреждены{}, сохранены как {}",
+                text ? std::string() : " (" + text.error().message + ")", aside.string());
+    reset_ = StoreReset{"tunnel preferences", text ? "not a saved configuration list" : text.error().message, aside, 0};
     return;
   }
   configurations_ = std::move(restored);

@@ -19,6 +19,15 @@ enum class TunnelStatus { invalid, disconnected, connecting, connected, reassert
 
 [[nodiscard]] std::string_view toString(TunnelStatus status);
 
+// A session runs: it is coming up, up, or finding its way again. What a stop acts on.
+[[nodiscard]] constexpr bool isLive(TunnelStatus status) {
+  return status == TunnelStatus::connecting || status == TunnelStatus::connected || status == TunnelStatus::reasserting;
+}
+// Nothing runs and nothing is on its way down.
+[[nodiscard]] constexpr bool isDown(TunnelStatus status) {
+  return status == TunnelStatus::disconnected || status == TunnelStatus::invalid;
+}
+
 // Errors of the tunnel service carry this domain and one of these codes.
 inline constexpr std::string_view kNEVPNErrorDomain = "NEVPNErrorDomain";
 enum class NEVPNErrorCode : int {

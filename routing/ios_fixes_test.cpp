@@ -12,11 +12,11 @@ namespace {
 class OrderedDefaults final : public Defaults {
  public:
   [[nodiscard]] std::optional<DefaultsValue> value(std::string_view key) const override { return inner.value(key); }
-  void set(std::string_view key, DefaultsValue value) override {
+  WriteResult set(std::string_view key, DefaultsValue value) override {
     order.emplace_back(key);
-    inner.set(key, std::move(value));
+    return inner.set(key, std::move(value));
   }
-  void remove(std::string_view key) override { inner.remove(key); }
+  WriteResult remove(std::string_view key) override { return inner.remove(key); }
   using Defaults::set;
 
   testing::MemoryDefaults inner;

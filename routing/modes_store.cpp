@@ -90,10 +90,16 @@ VPNRoutingMode ModesStore::userSelectedMode() const {
   return modeFromStoredCode(defaults_.integerForKey(kUserSelectedMode));
 }
 
-void ModesStore::select(VPNRoutingMode mode) {
+Defaults::WriteResult ModesStore::select(VPNRoutingMode mode) {
   assert(loop_.isLoopThread());
-  defaults_.setInteger(kUserSelectedMode, storedCode(mode));
+  // The user's choice that cannot be written is not taken: the mode stays as it was, and the
+  // caller learns why.
+  if (auto saved = defaults_.setInteger(kUserSelectedMode, storedCode(mode)); !saved) {
+    log_.format("[Routing] выбор режима {} не сохранён: {}", rawText(mode), saved.error().message);
+    return saved;
+  }
   apply();
+  return {};
 }
 
 void ModesStore::apply() {
@@ -114,8 +120,10 @@ void ModesStore::apply() {
 }
 
 void ModesStore::persist(VPNRoutingMode mode) {
-  defaults_.setInteger(kModeServicesActive, storedCode(mode));
-  defaults_.setBool(kRuBypass, mode != VPNRoutingMode::full);
+  // The mode in force follows the backend's rules even when it cannot be written down; the
+  // adapter has logged the failure, and the next apply writes it again.
+  (void)defaults_.setInteger(kModeServicesActive, storedCode(mode));
+  (void)defaults_.setBool(kRuBypass, mode != VPNRoutingMode::full);
 }
 
 void ModesStore::reconcilePersistedMode() {

@@ -62,8 +62,9 @@ class ModesStore {
   [[nodiscard]] Published<VPNRoutingMode>& currentMode() { return currentMode_; }
 
   // The user picks a mode: it is stored as the user's choice, then applied. Under a forced mode
-  // or the kill switch the choice is kept for when the restriction is lifted.
-  void select(VPNRoutingMode mode);
+  // or the kill switch the choice is kept for when the restriction is lifted. A choice that cannot
+  // be written changes nothing and answers the system's reason (a full disk, no permission).
+  Defaults::WriteResult select(VPNRoutingMode mode);
   // Recomputes the mode in force; persists and publishes it when it changed.
   void apply();
 

@@ -114,6 +114,31 @@ TEST_F(ModesStoreTest, AStaleInForceModeIsCorrectedAtStart) {
   EXPECT_EQ(group.boolValue(ModesStore::kRuBypass), false);
 }
 
+// The user's choice that cannot be written is refused with the reason: the mode stays, and so
+// does the choice remembered for later.
+TEST_F(ModesStoreTest, AChoiceThatCannotBeSavedIsRefusedWithTheReasonAndNothingChanges) {
+  responses.set(responseWith(section({{0, 1, 2}})));
+  auto store = makeStore();
+  group.failWrites(Error{"POSIX", ENOSPC, "No space left on device"});
+  auto selected = store->select(M::full);
+  ASSERT_FALSE(selected.has_value());
+  EXPECT_EQ(selected.error().code, ENOSPC);
+  EXPECT_EQ(store->currentMode().get(), M::smart);
+  EXPECT_EQ(store->userSelectedMode(), M::smart);
+  EXPECT_TRUE(log.contains("[Routing] выбор режима full не сохранён: No space left on device"));
+  loop.runUntilIdle();
+  EXPECT_TRUE(handed.empty()) << "the tunnel hears of no change";
+}
+
+// Group settings that could not be opened: the mode reads as smart and nothing is written.
+TEST_F(ModesStoreTest, UnavailableGroupSettingsReadAsSmart) {
+  UnavailableDefaults unavailable(Error{"POSIX", EACCES, "mkdir: Permission denied"});
+  ModesStore store(loop, unavailable, responses, log);
+  EXPECT_EQ(store.currentMode().get(), M::smart);
+  EXPECT_FALSE(store.select(M::full).has_value());
+  EXPECT_EQ(store.currentMode().get(), M::smart);
+}
+
 TEST_F(ModesStoreTest, BackendRestrictionsApplyAtOnceAndTheUsersChoiceSurvivesThem) {
   responses.set(responseWith(section({{0, 1, 2}})));
   auto store = makeStore();

@@ -117,17 +117,20 @@ void ServiceCatalogStore::selectDefaultOnServices(const RoutingConfig& routing) 
 
 // --- User actions ---
 
-void ServiceCatalogStore::toggle(std::string_view serviceKey, bool on) {
+Defaults::WriteResult ServiceCatalogStore::toggle(std::string_view serviceKey, bool on) {
   assert(loop_.isLoopThread());
   auto selection = selectedServices_.get();
   const std::string key(serviceKey);
   const bool changed = on ? selection.insert(key).second : selection.erase(key) > 0;
-  if (!changed) return;
+  if (!changed) return {};
+  if (auto saved = saveList(kSelectedServices, std::vector<std::string>(selection.begin(), selection.end())); !saved) {
+    return saved;
+  }
   selectedServices_.set(std::move(selection));
-  persistSelection();
   if (on) didAutoSmart_.set(false);
   scheduleApply();
   if (!on) fallBackToSmartIfEmpty();
+  return {};
 }
 
 std::expected<std::string, std::string> ServiceCatalogStore::addCustomDomain(std::string_view text) {
@@ -144,50 +147,52 @@ std::expected<std::string, std::string> ServiceCatalogStore::addCustomDomain(std
   }
   auto domains = customDomains_.get();
   domains.push_back(parsed->display);
-  defaults_.setStringArray(kCustomDomains, domains);
+  if (auto saved = saveList(kCustomDomains, domains); !saved) return std::unexpected(writeFailureText(saved.error()));
   customDomains_.set(std::move(domains));
   didAutoSmart_.set(false);
   scheduleApply();
   return parsed->display;
 }
 
-void ServiceCatalogStore::removeCustomDomain(std::string_view domain) {
+Defaults::WriteResult ServiceCatalogStore::removeCustomDomain(std::string_view domain) {
   assert(loop_.isLoopThread());
   auto it = findCustomDomain(domain);
-  if (it == customDomains_.get().end()) return;
+  if (it == customDomains_.get().end()) return {};
   // A copy: customDomains_.set below frees the list `it` points into, and `listed` is used after it.
   const std::string listed = *it;  // NOLINT(performance-unnecessary-copy-initialization)
   auto domains = customDomains_.get();
   std::erase(domains, listed);
-  defaults_.setStringArray(kCustomDomains, domains);
+  if (auto saved = saveList(kCustomDomains, domains); !saved) return saved;
   customDomains_.set(std::move(domains));
   auto disabled = disabledDomains_.get();
-  if (std::erase(disabled, listed) > 0) {
-    defaults_.setStringArray(kDisabledCustomDomains, disabled);
+  // Left in the switched-off list, a domain that is gone does nothing: a failure here loses nothing.
+  if (std::erase(disabled, listed) > 0 && saveList(kDisabledCustomDomains, disabled)) {
     disabledDomains_.set(std::move(disabled));
   }
   scheduleApply();
   fallBackToSmartIfEmpty();
+  return {};
 }
 
-void ServiceCatalogStore::setCustomDomainEnabled(std::string_view domain, bool on) {
+Defaults::WriteResult ServiceCatalogStore::setCustomDomainEnabled(std::string_view domain, bool on) {
   assert(loop_.isLoopThread());
   auto it = findCustomDomain(domain);
-  if (it == customDomains_.get().end()) return;
+  if (it == customDomains_.get().end()) return {};
   const std::string& listed = *it;
   auto disabled = disabledDomains_.get();
   const bool isDisabled = std::ranges::find(disabled, listed) != disabled.end();
-  if (on == !isDisabled) return;
+  if (on == !isDisabled) return {};
   if (on) {
     std::erase(disabled, listed);
   } else {
     disabled.push_back(listed);
   }
-  defaults_.setStringArray(kDisabledCustomDomains, disabled);
+  if (auto saved = saveList(kDisabledCustomDomains, disabled); !saved) return saved;
   disabledDomains_.set(std::move(disabled));
   if (on) didAutoSmart_.set(false);
   scheduleApply();
   if (!on) fallBackToSmartIfEmpty();
+  return {};
 }
 
 std::string ServiceCatalogStore::customDomainLimitText() {
@@ -229,7 +234,13 @@ void ServiceCatalogStore::fallBackToSmartIfEmpty() {
 
 void ServiceCatalogStore::persistSelection() {
   const auto& selection = selectedServices_.get();
-  defaults_.setStringArray(kSelectedServices, std::vector<std::string>(selection.begin(), selection.end()));
+  (void)saveList(kSelectedServices, std::vector<std::string>(selection.begin(), selection.end()));
+}
+
+Defaults::WriteResult ServiceCatalogStore::saveList(std::string_view key, std::vector<std::string> list) {
+  auto saved = defaults_.setStringArray(key, std::move(list));
+  if (!saved) log_.format("[Routing] {} не сохранён: {}", key, saved.error().message);
+  return saved;
 }
 
 // --- Apply ---

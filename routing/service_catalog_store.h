@@ -61,13 +61,16 @@ class ServiceCatalogStore {
   [[nodiscard]] Published<bool>& pendingSmartNotice() { return pendingSmartNotice_; }
   void acknowledgeSmartNotice() { pendingSmartNotice_.set(false); }
 
-  void toggle(std::string_view serviceKey, bool on);
+  // Each user action below is written to the group suite first; when that fails (a full disk, no
+  // permission) nothing changes and the system's reason is answered. addCustomDomain answers the
+  // text to show instead (platform/error.h, writeFailureText).
+  Defaults::WriteResult toggle(std::string_view serviceKey, bool on);
 
   // The accepted domain as the list shows it, or the text the add field shows instead.
   [[nodiscard]] std::expected<std::string, std::string> addCustomDomain(std::string_view text);
-  void removeCustomDomain(std::string_view domain);
+  Defaults::WriteResult removeCustomDomain(std::string_view domain);
   // Off keeps the domain in the list but out of the tunnel.
-  void setCustomDomainEnabled(std::string_view domain, bool on);
+  Defaults::WriteResult setCustomDomainEnabled(std::string_view domain, bool on);
   [[nodiscard]] bool canAddCustomDomain() const { return customDomains_.get().size() < kMaxCustomDomains; }
   // "Можно добавить максимум 30 сайтов", shown instead of the add field at the limit.
   [[nodiscard]] static std::string customDomainLimitText();
@@ -92,6 +95,7 @@ class ServiceCatalogStore {
   void loadCachedLists();
   void scheduleApply();
   void persistSelection();
+  Defaults::WriteResult saveList(std::string_view key, std::vector<std::string> list);
   void fallBackToSmartIfEmpty();
   [[nodiscard]] std::vector<std::string>::const_iterator findCustomDomain(std::string_view domain) const;
 

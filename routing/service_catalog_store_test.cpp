@@ -111,6 +111,35 @@ TEST_F(ServiceCatalogStoreTest, CustomDomainsAreValidatedLimitedAndHandedOverInA
   EXPECT_EQ(store->customDomains().get().size(), 30u);
 }
 
+// A full disk: every user action fails with the reason the user can act on, and the lists, the
+// selection and what the tunnel reads all stay as they were.
+TEST_F(ServiceCatalogStoreTest, ActionsThatCannotBeSavedChangeNothingAndSayWhy) {
+  auto store = makeStore();
+  ASSERT_TRUE(store->addCustomDomain("twitch.tv"));
+  store->apply();
+  const auto selection = store->selectedServices().get();
+  const std::string watched = watchDomains();
+  group.failWrites(Error{"POSIX", ENOSPC, "write: No space left on device"});
+
+  auto added = store->addCustomDomain("test.ru");
+  ASSERT_FALSE(added.has_value());
+  EXPECT_EQ(added.error(), "Изменение не сохранено: на диске нет места.");
+  EXPECT_EQ(store->toggle("youtube", !selection.contains("youtube")).error().code, ENOSPC);
+  EXPECT_EQ(store->setCustomDomainEnabled("twitch.tv", false).error().code, ENOSPC);
+  EXPECT_EQ(store->removeCustomDomain("twitch.tv").error().code, ENOSPC);
+  loop.runUntilIdle();
+
+  EXPECT_EQ(store->customDomains().get(), std::vector<std::string>{"twitch.tv"});
+  EXPECT_TRUE(store->disabledDomains().get().empty());
+  EXPECT_EQ(store->selectedServices().get(), selection);
+  EXPECT_EQ(watchDomains(), watched);
+  EXPECT_TRUE(log.contains("не сохранён: write: No space left on device"));
+
+  group.failWrites(std::nullopt);
+  EXPECT_TRUE(store->addCustomDomain("test.ru"));
+  EXPECT_EQ(makeStore()->customDomains().get(), (std::vector<std::string>{"twitch.tv", "test.ru"}));
+}
+
 TEST_F(ServiceCatalogStoreTest, ADisabledDomainStaysListedButIsNotWatched) {
   auto store = makeStore();
   ASSERT_TRUE(store->addCustomDomain("twitch.tv"));

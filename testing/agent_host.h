@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
@@ -26,6 +27,7 @@
 #include "platform/linux/asio_event_loop.h"
 #include "platform/simulated_tunnel_service.h"
 #include "testing/fake_clock_change_source.h"
+#include "testing/fake_login_item.h"
 #include "testing/fake_named_notifications.h"
 #include "testing/fake_physical_path_source.h"
 #include "testing/fakes.h"
@@ -98,6 +100,8 @@ class ControlConnection {
   ~ControlConnection() { hangUp(); }
 
   void write(std::string_view bytes) { outgoing_.append(bytes); }
+  // A client that stops reading leaves the agent's answers in the socket and the agent's queue.
+  void setReading(bool reading) { reading_ = reading; }
 
   // Sends what the socket takes and reads what has come; true when anything moved.
   bool pump() {
@@ -113,7 +117,7 @@ class ControlConnection {
       moved = true;
     }
     std::array<char, 16384> chunk{};
-    for (;;) {
+    for (; reading_;) {
       const ssize_t n = ::recv(fd_, chunk.data(), chunk.size(), 0);
       if (n > 0) {
         received_.append(chunk.data(), static_cast<std::size_t>(n));
@@ -125,6 +129,10 @@ class ControlConnection {
         closedByServer_ = true;
       }
       break;
+    }
+    if (!reading_ && !closedByServer_) {
+      pollfd p{fd_, POLLRDHUP, 0};
+      if (::poll(&p, 1, 0) == 1 && (p.revents & (POLLRDHUP | POLLHUP)) != 0) closedByServer_ = moved = true;
     }
     return moved;
   }
@@ -157,6 +165,7 @@ class ControlConnection {
   std::string outgoing_;
   std::string received_;
   bool closedByServer_ = false;
+  bool reading_ = true;
 };
 
 // The agent in one test process: the real Application, ControlCommands and ControlServer, with
@@ -173,7 +182,7 @@ class AgentHost {
   static constexpr std::string_view kFirstServer = "203.0.113.10";
   static constexpr std::string_view kSecondServer = "198.51.100.7";
 
-  AgentHost() : asio_(1) {
+  explicit AgentHost(ControlLimits limits = {}) : asio_(1) {
     (void)writeProvisioning(home_ / "provisioning.json", testProvisioning());
 
     Platform platform;
@@ -193,6 +202,9 @@ class AgentHost {
     platform.secureItems = std::make_unique<FakeSecureItemStore>();
     platform.physicalPaths = std::make_unique<FakePhysicalPathSource>();
     platform.clockChanges = std::make_unique<FakeClockChangeSource>();
+    auto loginItem = std::make_unique<FakeLoginItem>();
+    loginItem_ = loginItem.get();
+    platform.loginItem = std::move(loginItem);
     auto notifications = std::make_unique<FakeNamedNotifications>(loop_);
     auto tunnels = std::make_unique<SimulatedTunnelService>(
         loop_, wallClock, *log_, notifications.get(), SimulatedTunnelService::Options{.connectDelay = kConnectDelay});
@@ -211,9 +223,10 @@ class AgentHost {
     if (!app) throw std::runtime_error("the application was not assembled: " + app.error().message);
     app_ = std::move(*app);
     commands_ = std::make_unique<ControlCommands>(*app_);
+    limits.timers = &loop_;
     auto server = ControlServer::open(
         asio_, socketPath(), *log_,
-        [this](const nlohmann::json& request, const ControlReply& r) { commands_->handle(request, r); });
+        [this](const nlohmann::json& request, const ControlReply& r) { commands_->handle(request, r); }, limits);
     if (!server) throw std::runtime_error("the control socket did not open: " + server.error().message);
     server_ = std::move(*server);
     app_->start();
@@ -256,8 +269,10 @@ class AgentHost {
   [[nodiscard]] VirtualEventLoop& loop() { return loop_; }
   [[nodiscard]] Application& app() { return *app_; }
   [[nodiscard]] ControlServer& server() { return *server_; }
+  [[nodiscard]] ControlCommands& commands() { return *commands_; }
   [[nodiscard]] ScriptedBackend& backend() { return *backend_; }
   [[nodiscard]] SimulatedTunnelService& tunnels() { return *tunnels_; }
+  [[nodiscard]] FakeLoginItem& loginItem() { return *loginItem_; }
   [[nodiscard]] CapturingLog& log() { return *log_; }
 
   ControlConnection& connect() {
@@ -302,6 +317,7 @@ class AgentHost {
   CapturingLog* log_ = nullptr;
   ScriptedBackend* backend_ = nullptr;
   SimulatedTunnelService* tunnels_ = nullptr;
+  FakeLoginItem* loginItem_ = nullptr;
   std::unique_ptr<Application> app_;
   std::unique_ptr<ControlCommands> commands_;
   std::unique_ptr<ControlServer> server_;

@@ -76,16 +76,25 @@ std::optional<DefaultsValue> MemoryDefaults::value(std::string_view key) const {
   return it->second;
 }
 
-void MemoryDefaults::set(std::string_view key, DefaultsValue value) {
+Defaults::WriteResult MemoryDefaults::set(std::string_view key, DefaultsValue value) {
   std::lock_guard lock(mutex_);
+  if (writeFailure_) return std::unexpected(*writeFailure_);
   ++writes_;
   values_.insert_or_assign(std::string(key), std::move(value));
+  return {};
 }
 
-void MemoryDefaults::remove(std::string_view key) {
+Defaults::WriteResult MemoryDefaults::remove(std::string_view key) {
   std::lock_guard lock(mutex_);
+  if (writeFailure_) return std::unexpected(*writeFailure_);
   ++writes_;
   if (auto it = values_.find(key); it != values_.end()) values_.erase(it);
+  return {};
+}
+
+void MemoryDefaults::failWrites(std::optional<Error> failure) {
+  std::lock_guard lock(mutex_);
+  writeFailure_ = std::move(failure);
 }
 
 std::size_t MemoryDefaults::size() const {

@@ -72,16 +72,20 @@ class CapturingAnalytics final : public Analytics {
 class MemoryDefaults final : public Defaults {
  public:
   [[nodiscard]] std::optional<DefaultsValue> value(std::string_view key) const override;
-  void set(std::string_view key, DefaultsValue value) override;
-  void remove(std::string_view key) override;
+  WriteResult set(std::string_view key, DefaultsValue value) override;
+  WriteResult remove(std::string_view key) override;
   using Defaults::set;
 
+  // Every write fails with `failure` (a full disk, say) and changes nothing, until called again
+  // with nothing.
+  void failWrites(std::optional<Error> failure);
   [[nodiscard]] std::size_t size() const;
   [[nodiscard]] std::size_t writeCount() const { return writes_; }
 
  private:
   mutable std::mutex mutex_;
   std::map<std::string, DefaultsValue, std::less<>> values_;
+  std::optional<Error> writeFailure_;
   std::atomic<std::size_t> writes_{0};
 };
 

@@ -43,21 +43,12 @@ void MenuBarModel::rebuild() {
   MenuBarMenu menu;
   menu.title = "Norvik — " + std::string(tunnelStateText(status));
 
-  // A tunnel on its way up can be stopped; one on its way down is left to finish.
-  switch (status) {
-    case TunnelStatus::connected:
-    case TunnelStatus::connecting:
-    case TunnelStatus::reasserting:
-      menu.items.push_back({"Отключить", Action::disconnect});
-      break;
-    case TunnelStatus::disconnecting:
-      menu.items.push_back({"Подключить", Action::connect, false});
-      break;
-    case TunnelStatus::invalid:
-    case TunnelStatus::disconnected:
-    default:
-      menu.items.push_back({"Подключить", Action::connect});
-      break;
+  // A tunnel on its way up can be stopped, and one on its way down started again: the last choice
+  // wins.
+  if (isLive(status)) {
+    menu.items.push_back({"Отключить", Action::disconnect});
+  } else {
+    menu.items.push_back({"Подключить", Action::connect});
   }
   menu.items.push_back({"Запускать при входе в систему", Action::toggleLaunchAtLogin, true, launchAtLogin_});
   menu.items.push_back({"Открыть Norvik", Action::openMainWindow});

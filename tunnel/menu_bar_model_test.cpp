@@ -67,7 +67,7 @@ TEST_F(MenuBarModelTest, TheTitleAndTheFirstItemFollowTheTunnel) {
   EXPECT_EQ(seen, (std::vector<std::pair<std::string, std::string>>{
                       {"Norvik — Подключение...", "Отключить"},
                       {"Norvik — Защищено", "Отключить"},
-                      {"Norvik — Отключение...", "Подключить (off)"},
+                      {"Norvik — Отключение...", "Подключить"},
                       {"Norvik — Отключено", "Подключить"},
                   }));
 }

@@ -5,10 +5,6 @@
 namespace norvik {
 namespace {
 
-bool tunnelIsUp(TunnelStatus status) {
-  return status == TunnelStatus::connected || status == TunnelStatus::connecting || status == TunnelStatus::reasserting;
-}
-
 // The installed copy that counts: the enabled one when the system lists several (an old copy
 // may still be on its way out).
 std::optional<SystemExtensionProperties> installedCopy(const std::vector<SystemExtensionProperties>& all) {
@@ -119,6 +115,7 @@ SystemExtensionManager::SystemExtensionManager(Dependencies d, Config config)
     : loop_(d.loop),
       system_(d.system),
       vpn_(d.vpn),
+      intents_(d.intents),
       standard_(d.standardDefaults),
       log_(d.log),
       analytics_(d.analytics),
@@ -127,12 +124,14 @@ SystemExtensionManager::SystemExtensionManager(Dependencies d, Config config)
 SystemExtensionManager::~SystemExtensionManager() = default;
 
 std::optional<std::string> SystemExtensionManager::packagedExtensionVersion() const {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   return system_.packagedExtensionVersion(kExtensionIdentifier);
 }
 
 // --- Requests, one at a time ---
 
 void SystemExtensionManager::activate(bool forceReplace, ActivationCompletion completion) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   Request request;
   request.forceReplace = forceReplace;
   request.activationDone = std::move(completion);
@@ -141,6 +140,7 @@ void SystemExtensionManager::activate(bool forceReplace, ActivationCompletion co
 }
 
 void SystemExtensionManager::installedProperties(PropertiesCompletion completion) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   Request request;
   request.properties = true;
   request.propertiesDone = std::move(completion);
@@ -243,6 +243,7 @@ void SystemExtensionManager::finishActivation(ActivationResult result, Activatio
 // --- Quiet replacement after an update of the application ---
 
 void SystemExtensionManager::activateOnLaunch() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   installedProperties([weak = weakFactory_.weak()](PropertiesResult result) {
     if (auto* self = weak.lock()) self->onLaunchProperties(std::move(result));
   });
@@ -275,7 +276,8 @@ void SystemExtensionManager::onLaunchProperties(PropertiesResult result) {
     activate(false);
     return;
   }
-  replaceQuietly(*packaged, tunnelIsUp(status));
+  // A tunnel that is coming up for the user counts as up: it must come back on the new program.
+  replaceQuietly(*packaged, isLive(status) || intents_.wantsTunnelUp());
 }
 
 void SystemExtensionManager::replaceQuietly(std::string version, bool tunnelWasUp) {
@@ -345,16 +347,12 @@ void SystemExtensionManager::reconnectAfterReplacement(const std::string& versio
   });
   reconnectDeadline_.start(loop_, config_.quietReconnectTimeout,
                            [this, version] { finishReconnect(version, "timeout"); });
-  const TunnelStatus status = vpn_.connectionState().get();
-  if (status == TunnelStatus::connected || status == TunnelStatus::connecting) {
-    // The replaced extension may still serve the running session; stop it and start again.
-    vpn_.reconnectIfActive();
-    return;
-  }
-  vpn_.connect([weak = weakFactory_.weak(), version](std::expected<void, Error> started) {
+  // The replaced program may still serve the running session: the tunnel is stopped and started
+  // again, as long as the user wants it up.
+  intents_.restartTunnel("расширение " + version + " заменено", [weak = weakFactory_.weak(), version](bool connected) {
     auto* self = weak.lock();
-    if (!self || started) return;
-    self->finishReconnect(version, "connect_error");
+    if (!self) return;
+    self->finishReconnect(version, connected ? std::nullopt : std::optional<std::string>("connect_error"));
   });
 }
 

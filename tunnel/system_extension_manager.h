@@ -16,6 +16,7 @@
 #include "platform/system_extension_requests.h"
 #include "platform/weak_ptr_factory.h"
 #include "tunnel/system_extension_texts.h"
+#include "tunnel/tunnel_intents.h"
 #include "tunnel/vpn_manager.h"
 
 namespace norvik {
@@ -53,6 +54,8 @@ class SystemExtensionManager {
     EventLoop& loop;
     SystemExtensionRequests& system;
     VPNManager& vpn;
+    // The reconnect after a quiet replacement goes through the owner of the user's intent.
+    TunnelIntents& intents;
     Defaults& standardDefaults;
     Log& log;
     Analytics& analytics;
@@ -116,6 +119,7 @@ class SystemExtensionManager {
   EventLoop& loop_;
   SystemExtensionRequests& system_;
   VPNManager& vpn_;
+  TunnelIntents& intents_;
   Defaults& standard_;
   Log& log_;
   Analytics& analytics_;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/simulated_tunnel_service.h"
+#include "testing/direct_tunnel_intents.h"
 #include "testing/fake_named_notifications.h"
 #include "testing/fake_system_extension_requests.h"
 #include "testing/fakes.h"
@@ -61,8 +62,9 @@ class SystemExtensionManagerTest : public ::testing::Test {
   SimulatedTunnelService tunnels_{loop_, clock_, log_, &notifications_, {}};
   VPNManager vpn_{{loop_, tunnels_, notifications_, group_, standard_, clock_, log_, analytics_, {}}};
   testing::FakeSystemExtensionRequests system_{loop_};
+  testing::DirectTunnelIntents intents_{loop_, vpn_};
   std::unique_ptr<SystemExtensionManager> manager_ = std::make_unique<SystemExtensionManager>(
-      SystemExtensionManager::Dependencies{loop_, system_, vpn_, standard_, log_, analytics_});
+      SystemExtensionManager::Dependencies{loop_, system_, vpn_, intents_, standard_, log_, analytics_});
   std::vector<std::string> failureTexts_;
   std::vector<std::string> noticeTexts_;
   Subscription failures_;

@@ -16,17 +16,33 @@
 #include "platform/published.h"
 #include "platform/tunnel_service.h"
 #include "platform/weak_ptr_factory.h"
+#include "tunnel/key_soft_removal.h"
+#include "tunnel/self_heal.h"
+#include "tunnel/silent_restart.h"
 #include "tunnel/system_extension_state.h"
+#include "tunnel/tunnel_connector.h"
+#include "tunnel/tunnel_context.h"
+#include "tunnel/tunnel_installer.h"
 
 namespace norvik {
 
 // The one owner of the application's tunnel configuration. It turns the key text the backend
 // hands out into the system configuration, finds that configuration again among all the system
 // has, starts and stops the tunnel, keeps the on-demand rule in step with the user's setting,
-// watches the tunnel's status, and listens to the widget's and the tunnel program's requests.
+// watches the tunnel's status, and recognises the widget's and the tunnel program's requests.
 // Every other part that touches the tunnel goes through this class.
 //
-// Threading: a main-loop object. Completions of the tunnel service hold it weakly.
+// It is made of parts, each a class of its own: TunnelInstaller (install), TunnelConnector
+// (start and stop), KeySoftRemoval (soft removal and its escalation), SelfHeal (whether a drop is
+// healed) and SilentRestart (the health engine's repair). They share the TunnelRecord.
+//
+// It carries out; it does not decide. What the tunnel should be — the user's intent — is owned by
+// the tunnel state machine of the connection flow, which is the only caller of the operations that
+// change the tunnel in the running application. The requests this class recognises (the widget's
+// disconnect, a stop from the system's controls) are handed to it as signals.
+//
+// Threading: a main-loop object; every public operation asserts it. Completions of the tunnel
+// service hold its parts weakly.
 class VPNManager {
  public:
   static constexpr std::string_view kConfigurationName = "Norvik";
@@ -38,18 +54,31 @@ class VPNManager {
   static constexpr std::string_view kUserStopNotification = "com.norvik.macos.tunnel.userstop";
 
   // Group-suite keys shared with the tunnel program and the widget.
-  static constexpr std::string_view kOnDemandEnabledKey = "routing.onDemandEnabled";
-  static constexpr std::string_view kUserInitiatedStopKey = "routing.userInitiatedStop";
+  static constexpr std::string_view kOnDemandEnabledKey = TunnelConnector::kOnDemandEnabledKey;
+  static constexpr std::string_view kUserInitiatedStopKey = TunnelConnector::kUserInitiatedStopKey;
   static constexpr std::string_view kShouldDisconnectKey = "shouldDisconnectVPN";
   static constexpr std::string_view kDisconnectRequestTimeKey = "disconnectRequestTime";
 
-  static constexpr std::chrono::milliseconds kAppStopGrace{5000};
+  static constexpr std::chrono::milliseconds kAppStopGrace = SelfHeal::kAppStopGrace;
   static constexpr std::chrono::milliseconds kWidgetRequestPeriod{1000};
   static constexpr std::chrono::milliseconds kWidgetRequestMaxAge{10000};
   static constexpr std::chrono::milliseconds kInitialStateCheckDelay{500};
-  static constexpr int kRepairPasses = 8;
+  static constexpr int kRepairPasses = TunnelConnector::kRepairPasses;
+
+  // Standard-suite keys of the parts.
+  static constexpr std::string_view kSoftDeleteArmedKey = KeySoftRemoval::kArmedKey;
+  static constexpr std::string_view kSoftDeleteFailsKey = KeySoftRemoval::kFailsKey;
+  static constexpr std::string_view kUserIntentOnKey = SelfHeal::kUserIntentOnKey;
+  static constexpr std::string_view kSelfHealLastTsKey = SelfHeal::kLastTsKey;
+  static constexpr std::string_view kSelfHealCountKey = SelfHeal::kCountKey;
+  static constexpr std::string_view kSelfHealDayKey = SelfHeal::kDayKey;
 
   using Done = std::move_only_function<void(std::expected<void, Error>)>;
+  using SoftRemoveOutcome = KeySoftRemoval::Outcome;
+  using SoftRemoveDone = KeySoftRemoval::OutcomeDone;
+  using RepairToken = std::uint64_t;
+  using SilentRestartResult = norvik::SilentRestartResult;
+  using SilentRestartDone = SilentRestart::Done;
 
   struct Dependencies {
     EventLoop& loop;
@@ -71,16 +100,25 @@ class VPNManager {
   ~VPNManager();
 
   // Loads the system's configurations, publishes the state, and starts listening to the widget's
-  // disconnect requests. Call once, at start-up.
-  void start();
+  // disconnect requests. Call once, at start-up; `loaded` runs once the state is known.
+  void start(std::move_only_function<void()> loaded = nullptr);
 
   // Installs or replaces the configuration from a key text.
   void installKey(const std::string& keyText, Done completion);
-  // Makes sure the configuration is enabled and named, applies the on-demand setting and starts
-  // the tunnel. Completes when the start was accepted; the outcome follows in connectionState.
+  // The user's connect: records the intent ("app.userIntentOn"), then the start path. Completes
+  // when the start was accepted; the outcome follows in connectionState.
   void connect(Done completion);
-  // Stops the tunnel as the application (not as the user from the system's controls).
+  // The start path without the user's marks, for connects the application makes by itself
+  // (self-heal, bringing back what the user had after a restart, applying a new configuration).
+  void connectAutomatically(Done completion);
+  // The user's disconnect: stops the tunnel as the application and, with self-heal on, records
+  // that the user no longer wants it ("app.userIntentOn" false).
   void disconnect();
+  // Stops the tunnel as the application without touching the user's marks (a server change, a
+  // new configuration, a cancelled connect).
+  void stopTunnel();
+  // A start being prepared now never starts (the user said off before it got there).
+  void cancelPendingStarts() { connector_.cancelPendingStarts(); }
   // Stops and starts the tunnel again when it runs, so that it takes a changed configuration.
   void reconnectIfActive();
   // Reloads the configurations and reports whether the application's exists.
@@ -92,52 +130,35 @@ class VPNManager {
   [[nodiscard]] static const TunnelConfiguration* findManager(const std::vector<TunnelConfiguration>& managers);
 
   // --- Published state ---
-  [[nodiscard]] Published<TunnelStatus>& connectionState() { return connectionState_; }
-  [[nodiscard]] Published<bool>& isConfigured() { return isConfigured_; }
+  [[nodiscard]] Published<TunnelStatus>& connectionState() { return record_.connectionState; }
+  [[nodiscard]] Published<bool>& isConfigured() { return record_.isConfigured; }
   [[nodiscard]] Published<SystemExtensionState>& systemExtensionState() { return systemExtensionState_; }
   // "VPNConnectionFailed": a Russian message for the connection screen.
   [[nodiscard]] Signal<std::string>& connectionFailed() { return connectionFailed_; }
   // "VPNExtensionCrashed": the tunnel program ended a session on its own.
   [[nodiscard]] Signal<Error>& extensionCrashed() { return extensionCrashed_; }
+  // The widget asked for the tunnel to go down ("com.Quillon.disconnect.vpn", or a recent
+  // "shouldDisconnectVPN" request): the user's disconnect, for the owner of the intent to carry out.
+  [[nodiscard]] Signal<>& disconnectRequested() { return disconnectRequested_; }
+  // The tunnel was stopped from the system's own controls: the user's off.
+  [[nodiscard]] Signal<>& stoppedFromSystemControls() { return stoppedFromSystemControls_; }
 
-  [[nodiscard]] const std::optional<TunnelConfiguration>& tunnelManager() const { return tunnelManager_; }
-  [[nodiscard]] const std::optional<std::string>& lastServerIP() const { return lastServerIP_; }
-  [[nodiscard]] std::optional<Clock::TimePoint> connectionStartTime() const { return connectionStartTime_; }
-  [[nodiscard]] std::optional<Clock::TimePoint> lastApplicationStop() const { return lastApplicationStop_; }
+  [[nodiscard]] const std::optional<TunnelConfiguration>& tunnelManager() const { return record_.tunnelManager; }
+  [[nodiscard]] const std::optional<std::string>& lastServerIP() const { return record_.lastServerIP; }
+  // The installed configuration's server address and key text, when it has them.
+  [[nodiscard]] std::optional<std::string> serverAddress() const;
+  [[nodiscard]] std::optional<std::string> installedKeyText() const;
+  [[nodiscard]] std::optional<Clock::TimePoint> connectionStartTime() const { return record_.connectionStartTime; }
+  [[nodiscard]] std::optional<Clock::TimePoint> lastApplicationStop() const { return record_.lastApplicationStop; }
+  // The system's status of the application's configuration, read now (not the published copy,
+  // which a silent restart holds back).
+  [[nodiscard]] TunnelStatus systemStatus() const { return context_.systemStatus(); }
 
   // Set for the whole of a server change; repairs do not bring the old configuration back meanwhile.
-  bool isServerChangeInProgress = false;
+  [[nodiscard]] bool isServerChangeInProgress() const { return record_.isServerChangeInProgress; }
+  void setServerChangeInProgress(bool running) { record_.isServerChangeInProgress = running; }
 
-  // --- Keeping the configuration alive: soft removal, self-heal, silent restart ---
-  // (vpn_manager_resilience.cpp; the rules are in docs/tunnel.md.)
-
-  // Standard-suite keys.
-  static constexpr std::string_view kSoftDeleteArmedKey = "app.keySoftDelete.armed";
-  static constexpr std::string_view kSoftDeleteFailsKey = "app.keySoftDelete.fails";
-  static constexpr std::string_view kUserIntentOnKey = "app.userIntentOn";
-  static constexpr std::string_view kSelfHealLastTsKey = "app.selfHealLastTs";
-  static constexpr std::string_view kSelfHealCountKey = "app.selfHealCount";
-  static constexpr std::string_view kSelfHealDayKey = "app.selfHealDay";
-  // Feature flags, as the routing module caches them in the group suite.
-  static constexpr std::string_view kKeySoftDeleteFlag = "iosFixes.keySoftDelete";
-  static constexpr std::string_view kKeySoftDeleteDebugFlag = "iosFixes.keySoftDeleteDebug";
-  static constexpr std::string_view kSelfHealMaxPerDayFlag = "iosFixes.selfHealMaxPerDay";
-  static constexpr std::string_view kHealthCheckModeFlag = "iosFixes.healthCheckMode";
-  static constexpr std::string_view kReconnectWaitMsFlag = "iosFixes.reconnectWaitMs";
-
-  static constexpr double kSelfHealSpacingSeconds = 60.0;
-  static constexpr std::chrono::milliseconds kReconnectCheckDefault{10000};
-  static constexpr std::chrono::milliseconds kRestartPollInterval{100};
-  static constexpr std::chrono::milliseconds kRestartDisconnectLimit{3000};
-
-  enum class SoftRemoveOutcome {
-    markerSaved,      // the configuration stays, emptied and disabled; consent is kept
-    removedInstead,   // the marker could not be saved, so the configuration was removed
-    noConfiguration,  // nothing named "Norvik": the caller removes the old way (removeConfiguration)
-    refused,          // another soft removal is running
-    failed,           // neither the marker nor the removal could be saved; the key stays
-  };
-  using SoftRemoveDone = std::move_only_function<void(SoftRemoveOutcome)>;
+  // --- Keeping the configuration alive (the parts; docs/tunnel.md has the rules) ---
 
   // Removes the key but keeps the configuration, emptied and disabled, so that the next install
   // does not ask the user for permission again. For use while "iosFixes.keySoftDelete" is above 0;
@@ -145,113 +166,55 @@ class VPNManager {
   void softRemove(std::string intent, SoftRemoveDone completion = {});
   // Removes the configuration outright (the application's, or one with the legacy name).
   void removeConfiguration(Done completion);
-  // Called by the install path while a soft removal is being watched: counts failed installs and,
-  // at the threshold, removes the configuration and installs `keyText` cleanly. `completion` gets
-  // what the install's caller should hear (the clean install's result after an escalation).
+  // Called by the install path while a soft removal is being watched (see KeySoftRemoval).
   void noteInstallResult(std::expected<void, Error> result, std::string keyText, Done completion);
-  // The escalation threshold for a "iosFixes.keySoftDelete" value (2 below 3, else at most 9).
-  [[nodiscard]] static std::int64_t escalationThreshold(std::int64_t keySoftDelete);
+  [[nodiscard]] static std::int64_t escalationThreshold(std::int64_t keySoftDelete) {
+    return KeySoftRemoval::escalationThreshold(keySoftDelete);
+  }
 
-  // Brings a tunnel that dropped back up while the user wants it, a few times a day at most.
-  // Runs on each change to disconnected.
-  void selfHealIfNeeded(TunnelStatus status);
+  // Whether a tunnel that dropped to `status` is to be brought back now; counts and logs the
+  // attempt when it is. The caller reconnects (connectAutomatically) and then calls
+  // followUpSelfHeal().
+  [[nodiscard]] bool selfHealIfNeeded(TunnelStatus status);
+  void followUpSelfHeal() { selfHeal_.scheduleReconnectCheck(); }
 
-  // A repair captures the token when it begins; every user action (connect, disconnect, install,
-  // removal) moves it on, and a repair holding an older token stops instead of acting.
-  using RepairToken = std::uint64_t;
-  [[nodiscard]] RepairToken repairToken() const { return repairToken_; }
-
-  struct SilentRestartResult {
-    bool ok = false;
-    std::string failStep;  // "precondition", "disconnect" or "connect"; empty when ok
-    std::string reason;
-    bool operator==(const SilentRestartResult&) const = default;
-  };
-  using SilentRestartDone = std::move_only_function<void(SilentRestartResult)>;
-  // The health engine's repair step: stop the tunnel, wait `delayMs`, start it again and wait up
-  // to `connectTimeoutMs` for connected. The screens keep the state they had meanwhile; the real
-  // status is published at the end. Never fails otherwise than through the result.
+  // A repair captures the token when it begins; every action on the tunnel (connect, disconnect,
+  // install, removal) moves it on, and a repair holding an older token stops instead of acting.
+  [[nodiscard]] RepairToken repairToken() const { return record_.repairToken; }
+  void resetRepairToken() { ++record_.repairToken; }
+  // The health engine's repair step (see SilentRestart).
   void silentTunnelRestart(RepairToken token, std::int64_t delayMs, std::int64_t connectTimeoutMs,
                            SilentRestartDone completion);
   // The same, for a repair that begins here.
   void silentTunnelRestart(std::int64_t delayMs, std::int64_t connectTimeoutMs, SilentRestartDone completion);
-  [[nodiscard]] bool isSilentRestartRunning() const { return silentRestart_ != nullptr; }
+  [[nodiscard]] bool isSilentRestartRunning() const { return silentRestart_.isRunning(); }
+  // A repair the owner of the user's intent does not allow now ends at "precondition" with `reason`.
+  void refuseSilentRestart(std::int64_t delayMs, std::int64_t connectTimeoutMs, std::string reason,
+                           SilentRestartDone completion) {
+    silentRestart_.refuse(delayMs, connectTimeoutMs, std::move(reason), std::move(completion));
+  }
 
  private:
-  struct ConnectRun;
-  struct InstallRun;
-
-  // Connect, pass by pass.
-  void connectPass(std::shared_ptr<ConnectRun> run);
-  void onConnectLoaded(std::shared_ptr<ConnectRun> run, std::expected<std::vector<TunnelConfiguration>, Error> loaded);
-  void decideStart(std::shared_ptr<ConnectRun> run);
-  void startTunnel(const std::shared_ptr<ConnectRun>& run);
-  void finishConnect(const std::shared_ptr<ConnectRun>& run, std::expected<void, Error> result);
-
-  // Install, step by step.
-  void onInstallLoaded(const std::shared_ptr<InstallRun>& run,
-                       std::expected<std::vector<TunnelConfiguration>, Error> loaded);
-  void updateInPlace(const std::shared_ptr<InstallRun>& run, TunnelConfiguration configuration);
-  void afterFirstSave(const std::shared_ptr<InstallRun>& run, const TunnelConfiguration& saved);
-  [[nodiscard]] TunnelProviderProtocol makeProtocol(const InstallRun& run) const;
-
-  // Stops `configuration`'s session as the application: on-demand off first, so the system does
-  // not bring it back. `then` gets the configuration as stored afterwards.
-  void stopAsApplication(TunnelConfiguration configuration, std::move_only_function<void(TunnelConfiguration)> then);
-  void recordApplicationStop();
-  void save(TunnelConfiguration configuration, TunnelService::ConfigurationCompletion completion);
-
   void onStatusChanged(const std::string& identifier, TunnelStatus status);
   void onUserStopNotification();
   void checkWidgetDisconnectRequest();
   void adoptConfigurations(const std::vector<TunnelConfiguration>& managers);
-  [[nodiscard]] bool softDeleteGateHolds(const TunnelConfiguration& configuration) const;
 
-  // Resilience (vpn_manager_resilience.cpp).
-  struct SoftRemoveRun;
-  struct SilentRestart;
-  // The connect path without the user's marks (intent, repair token): for self-heal and repairs.
-  void connectWithoutUserAction(Done completion);
-  void resetRepairToken() { ++repairToken_; }
-  [[nodiscard]] bool softDeleteEnabled() const;
-  [[nodiscard]] bool softDeleteWatched() const;
-  void onSoftRemoveLoaded(std::shared_ptr<SoftRemoveRun> run,
-                          std::expected<std::vector<TunnelConfiguration>, Error> loaded);
-  void saveSoftRemoveMarker(std::shared_ptr<SoftRemoveRun> run, const TunnelConfiguration& base, bool staleRetry);
-  void softRemoveFallback(const std::shared_ptr<SoftRemoveRun>& run, const std::string& identifier);
-  void finishSoftRemove(const std::shared_ptr<SoftRemoveRun>& run, SoftRemoveOutcome outcome);
-  void escalate(std::int64_t fails, std::expected<void, Error> result, std::string keyText, Done completion);
-  // Removes a marker left behind once soft removal was switched off.
-  void normalizeLeftoverMarker(const TunnelConfiguration& configuration);
-  void forgetConfiguration(const std::string& identifier);
-  void scheduleReconnectCheck();
-  [[nodiscard]] std::optional<std::string> restartBlockedBy(RepairToken token) const;
-  void restartConnectStep();
-  void pollRestart(TunnelStatus wanted, EventLoop::TimePoint deadline, std::move_only_function<void(bool)> then);
-  void finishRestart(std::string_view failStep, std::string reason);
-  void applyRealStatus();
-
-  EventLoop& loop_;
-  TunnelService& tunnels_;
+  TunnelRecord record_;
+  TunnelContext context_;
+  KeySoftRemoval softRemoval_;
+  TunnelConnector connector_;
+  TunnelInstaller installer_;
+  SelfHeal selfHeal_;
+  SilentRestart silentRestart_;
   NamedNotificationCenter& notifications_;
-  Defaults& group_;
-  Defaults& standard_;
-  Clock& clock_;
-  Log& log_;
-  Analytics& analytics_;
-  std::function<PropertyDictionary()> extrasSnapshot_;
 
-  Published<TunnelStatus> connectionState_{TunnelStatus::invalid};
-  Published<bool> isConfigured_{false};
   Published<SystemExtensionState> systemExtensionState_;
   Signal<std::string> connectionFailed_;
   Signal<Error> extensionCrashed_;
-
-  std::optional<TunnelConfiguration> tunnelManager_;
-  std::optional<std::string> lastServerIP_;
-  std::optional<Clock::TimePoint> connectionStartTime_;
+  Signal<> disconnectRequested_;
+  Signal<> stoppedFromSystemControls_;
   bool analyticsConnected_ = false;
-  std::optional<Clock::TimePoint> lastApplicationStop_;
 
   RepeatingTimer appGroupsCheckTimer_;
   OneShotTimer initialStateCheck_;
@@ -259,13 +222,6 @@ class VPNManager {
   Subscription widgetDisconnectObserver_;
   Subscription userStopObserver_;
   Subscription reconnectWatch_;
-
-  // The intent of the soft removal now running.
-  std::optional<std::string> softRemoveInFlight_;
-  bool gateOffNormalizeInFlight_ = false;
-  RepairToken repairToken_ = 0;
-  std::shared_ptr<SilentRestart> silentRestart_;
-  OneShotTimer reconnectCheck_;
 
   WeakPtrFactory<VPNManager> weakFactory_{this};
 };

@@ -239,52 +239,57 @@ TEST_F(VPNManagerResilienceTest, DebugModeTwoCountsEveryInstallAsFailedUntilTheE
   EXPECT_EQ(log_.count("debug=2: имитируем"), 2u) << "the clean configuration is not watched";
 }
 
-// --- Self-heal ---
+// --- Self-heal: whether a drop is healed (the reconnect itself is the tunnel state machine's) ---
 
 TEST_F(VPNManagerResilienceTest, SelfHealIsSpacedBySixtySecondsCappedPerDayAndCountsAgainTheNextDay) {
   group_.setInteger("iosFixes.selfHealMaxPerDay", 2);
   bringUp();
-  auto heals = [&] { return log_.count("[self-heal] connect (state, disconnected)"); };
   drop();
-  EXPECT_EQ(heals(), 1u);
-  loop_.advance(1s);
-  EXPECT_EQ(service_.status(id()), Status::connected);
-
-  loop_.advance(58s);  // 59 s after the first attempt
-  drop();
-  EXPECT_EQ(heals(), 1u);
-  bringUp();
-  drop();  // exactly 60 s after it
-  EXPECT_EQ(heals(), 2u);
+  auto due = [&] { return manager_->selfHealIfNeeded(Status::disconnected); };
+  EXPECT_TRUE(due());
+  EXPECT_TRUE(log_.hasLine("[self-heal] connect (state, disconnected)"));
+  loop_.advance(59s);
+  EXPECT_FALSE(due());
+  loop_.advance(1s);  // exactly 60 s after the first attempt
+  EXPECT_TRUE(due());
   EXPECT_EQ(standard_.stringValue("app.selfHealDay"), "2027-01-15");
 
   loop_.advance(2min);
-  drop();
-  EXPECT_EQ(heals(), 2u);
+  EXPECT_FALSE(due());
   EXPECT_TRUE(log_.hasLine("[self-heal] дневной лимит исчерпан (2/2)"));
 
   loop_.advance(16h);  // past midnight
-  bringUp();
-  drop();
-  EXPECT_EQ(heals(), 3u);
+  EXPECT_TRUE(due());
   EXPECT_EQ(standard_.stringValue("app.selfHealDay"), "2027-01-16");
   EXPECT_EQ(standard_.integerValue("app.selfHealCount"), 1);
+  EXPECT_EQ(log_.count("[self-heal] connect (state, disconnected)"), 3u);
+  EXPECT_FALSE(manager_->selfHealIfNeeded(Status::connecting)) << "only a drop to disconnected";
 }
 
-TEST_F(VPNManagerResilienceTest, SelfHealLeavesATunnelThatTheUserOrTheApplicationStopped) {
-  group_.setInteger("iosFixes.selfHealMaxPerDay", 5);
+TEST_F(VPNManagerResilienceTest, SelfHealLeavesATunnelThatSomebodyStopped) {
+  group_.setInteger("iosFixes.selfHealMaxPerDay", 50);
+  auto due = [&] {
+    loop_.advance(2min);  // past the spacing
+    return manager_->selfHealIfNeeded(Status::disconnected);
+  };
   bringUp();
   service_.stopFromSystemControls(id());
-  loop_.advance(2min);
+  EXPECT_FALSE(due()) << "the user, from the system's controls";
   bringUp();
   manager_->disconnect();
-  loop_.advance(2min);
+  loop_.advance(1s);
   EXPECT_EQ(standard_.boolValue("app.userIntentOn"), false);
+  EXPECT_FALSE(due()) << "the user, in the application";
+
   bringUp();
+  drop();
+  manager_->setServerChangeInProgress(true);
+  EXPECT_FALSE(due()) << "a server change";
+  manager_->setServerChangeInProgress(false);
   ASSERT_TRUE(install().has_value());  // a key refresh stops the tunnel as the application
-  loop_.advance(2min);
-  EXPECT_FALSE(log_.contains("[self-heal]"));
-  EXPECT_EQ(service_.status(id()), Status::disconnected);
+  EXPECT_FALSE(manager_->selfHealIfNeeded(Status::disconnected)) << "the application, within 5 s";
+  EXPECT_TRUE(due()) << "a drop nobody asked for";
+  EXPECT_EQ(log_.count("[self-heal] connect"), 1u);
 }
 
 TEST_F(VPNManagerResilienceTest, AHealthCheckFollowsTheReconnectWhenTheModeAsksForIt) {
@@ -294,6 +299,9 @@ TEST_F(VPNManagerResilienceTest, AHealthCheckFollowsTheReconnectWhenTheModeAsksF
   bringUp();
   service_.setConnectHangs(true);
   drop();
+  ASSERT_TRUE(manager_->selfHealIfNeeded(Status::disconnected));
+  manager_->connectAutomatically([](auto) {});
+  manager_->followUpSelfHeal();
   loop_.advance(1999ms);
   EXPECT_FALSE(log_.contains("reconnect: still"));
   loop_.advance(1ms);
@@ -310,8 +318,8 @@ TEST_F(VPNManagerResilienceTest, ASilentRestartBringsTheTunnelBackWithoutShowing
   manager_->silentTunnelRestart(500, 5000, [&](const Restart& r) { first = r; });
   manager_->silentTunnelRestart(500, 5000, [&](const Restart& r) { second = r; });
   loop_.runUntil([&] { return first.has_value(); });
-  EXPECT_EQ(second, (Restart{false, "precondition", "починка уже идёт"}));
-  EXPECT_EQ(first, (Restart{true, "", ""}));
+  EXPECT_EQ(second, (Restart{false, RestartStep::precondition, "починка уже идёт"}));
+  EXPECT_EQ(first, (Restart{true, RestartStep::none, ""}));
   EXPECT_EQ(loop_.elapsed() - 1s, 900ms) << "100 ms to go down, the 500 ms delay, 300 ms to come up";
   EXPECT_TRUE(log_.hasLine("[VPNManager] [SmartStatus] silentTunnelRestart: start delay=500ms connectTimeout=5000ms"));
   EXPECT_TRUE(log_.hasLine("[VPNManager] [SmartStatus] silentTunnelRestart: end ok=true failStep="));
@@ -321,14 +329,14 @@ TEST_F(VPNManagerResilienceTest, ASilentRestartBringsTheTunnelBackWithoutShowing
 }
 
 TEST_F(VPNManagerResilienceTest, ARestartThatAPreconditionBlocksTouchesNothing) {
-  EXPECT_EQ(restart(0, 1000), (Restart{false, "precondition", "конфигурация отсутствует"}));
+  EXPECT_EQ(restart(0, 1000), (Restart{false, RestartStep::precondition, "конфигурация отсутствует"}));
   bringUp();
   const std::size_t saves = service_.saveCount();
   const VPNManager::RepairToken old = manager_->repairToken();
   manager_->connect([](auto) {});  // the user acted since the repair began
   loop_.advance(1s);
   group_.setBool("routing.userInitiatedStop", true);
-  manager_->isServerChangeInProgress = true;
+  manager_->setServerChangeInProgress(true);
 
   EXPECT_EQ(restart(0, 1000, old).reason, "токен сброшен");
   EXPECT_EQ(restart(0, 1000).reason, "стоп инициирован пользователем");
@@ -351,7 +359,7 @@ TEST_F(VPNManagerResilienceTest, AUserActionDuringTheRestartStopsItBeforeTheTunn
   loop_.advance(500ms);
   manager_->disconnect();
   loop_.advance(2s);
-  EXPECT_EQ(result, (Restart{false, "precondition", "токен сброшен"}));
+  EXPECT_EQ(result, (Restart{false, RestartStep::precondition, "токен сброшен"}));
   EXPECT_EQ(manager_->connectionState().get(), Status::disconnected) << "the real state is published";
   EXPECT_EQ(service_.startOptions().size(), 1u);
 
@@ -362,24 +370,24 @@ TEST_F(VPNManagerResilienceTest, AUserActionDuringTheRestartStopsItBeforeTheTunn
   loop_.advance(1s);  // waiting for connected
   manager_->disconnect();
   loop_.advance(100ms);
-  EXPECT_EQ(result, (Restart{false, "precondition", "токен сброшен"})) << "at once, not at the time-out";
+  EXPECT_EQ(result, (Restart{false, RestartStep::precondition, "токен сброшен"})) << "at once, not at the time-out";
 }
 
 TEST_F(VPNManagerResilienceTest, EachStepFailsWithItsNameAndReasonAfterExactlyItsTime) {
   bringUp();
   service_.setConnectHangs(true);
-  EXPECT_EQ(restart(200, 4321), (Restart{false, "connect", "не дождались .connected за 4321ms"}));
+  EXPECT_EQ(restart(200, 4321), (Restart{false, RestartStep::connect, "не дождались .connected за 4321ms"}));
   EXPECT_EQ(took, 100ms + 200ms + 4321ms);
   EXPECT_TRUE(log_.hasLine("[VPNManager] [SmartStatus] silentTunnelRestart: end ok=false failStep=connect"));
   EXPECT_TRUE(log_.hasLine("[VPNManager] [SmartStatus] applyRealStatus: raw=connecting selfHeal=false"));
   EXPECT_EQ(manager_->connectionState().get(), Status::connecting);
 
   service_.setDisconnectDelay(10s);
-  EXPECT_EQ(restart(0, 1000), (Restart{false, "disconnect", "не дождались .disconnected за 3000ms"}));
+  EXPECT_EQ(restart(0, 1000), (Restart{false, RestartStep::disconnect, "не дождались .disconnected за 3000ms"}));
   EXPECT_EQ(took, 3000ms);
 }
 
-TEST_F(VPNManagerResilienceTest, ARestartWhoseStartFailsLeavesTheDropToSelfHeal) {
+TEST_F(VPNManagerResilienceTest, ARestartWhoseStartFailsPublishesTheDropForSelfHeal) {
   group_.setInteger("iosFixes.selfHealMaxPerDay", 1);
   bringUp();
   std::optional<Restart> result;
@@ -387,10 +395,12 @@ TEST_F(VPNManagerResilienceTest, ARestartWhoseStartFailsLeavesTheDropToSelfHeal)
   loop_.advance(1s);
   service_.failNextLoadAll(makeNEVPNError(NEVPNErrorCode::configurationReadWriteFailed, "locked"));
   loop_.advance(6s);
-  EXPECT_EQ(result, (Restart{false, "connect", "locked"}));
+  EXPECT_EQ(result, (Restart{false, RestartStep::connect, "locked"}));
   EXPECT_TRUE(log_.hasLine("[VPNManager] [SmartStatus] подъём туннеля в починке не удался: locked"));
   EXPECT_TRUE(log_.hasLine("[VPNManager] [SmartStatus] applyRealStatus: raw=disconnected selfHeal=true"));
-  EXPECT_EQ(log_.count("[self-heal] connect (state, disconnected)"), 1u);
+  EXPECT_EQ(manager_->connectionState().get(), Status::disconnected);
+  EXPECT_FALSE(manager_->isSilentRestartRunning());
+  EXPECT_TRUE(manager_->selfHealIfNeeded(Status::disconnected)) << "the drop is one the owner of the intent may heal";
 }
 
 }  // namespace

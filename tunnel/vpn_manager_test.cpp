@@ -247,28 +247,43 @@ TEST_F(VPNManagerTest, AStopFromTheSystemsControlsIsTheUsersUnlessTheApplication
 }
 
 TEST_F(VPNManagerTest, TheWidgetsDisconnectRequestCountsForLessThanTenSeconds) {
+  int requests = 0;
+  auto watch = manager_->disconnectRequested().subscribe([&] { ++requests; });
   // The request file is read every second from start-up on: at 1 s, 2 s, 3 s …
   group_.setBool("shouldDisconnectVPN", true);
   group_.setDouble("disconnectRequestTime", clock_.secondsSince1970() - 9.0);
   loop_.advance(1s);  // read when exactly 10.0 s old
   EXPECT_EQ(group_.boolValue("shouldDisconnectVPN"), false) << "the request is used up either way";
-  EXPECT_FALSE(manager_->lastApplicationStop().has_value());
+  EXPECT_EQ(requests, 0);
   EXPECT_TRUE(log_.contains("[VPNManager] запрос виджета на отключение устарел"));
 
   group_.setBool("shouldDisconnectVPN", true);
   group_.setDouble("disconnectRequestTime", clock_.secondsSince1970() - 8.9);
   loop_.advance(1s);  // 9.9 s old
-  EXPECT_EQ(manager_->lastApplicationStop(), clock_.now());
+  EXPECT_EQ(requests, 1) << "the user's disconnect, for the owner of the intent";
   EXPECT_EQ(group_.boolValue("shouldDisconnectVPN"), false);
+  EXPECT_FALSE(manager_->lastApplicationStop().has_value()) << "recognised, not acted on here";
 }
 
-TEST_F(VPNManagerTest, ADisconnectNotificationFromTheWidgetStopsTheTunnel) {
+TEST_F(VPNManagerTest, TheWidgetsDisconnectNotificationAndAStopFromTheSystemAreHandedOn) {
+  int disconnects = 0;
+  int systemStops = 0;
+  auto watchDisconnects = manager_->disconnectRequested().subscribe([&] { ++disconnects; });
+  auto watchStops = manager_->stoppedFromSystemControls().subscribe([&] { ++systemStops; });
   ASSERT_TRUE(install().has_value());
   ASSERT_TRUE(connect().has_value());
   loop_.advance(1s);
   notifications_.post("com.Quillon.disconnect.vpn");
   loop_.advance(1s);
-  EXPECT_EQ(manager_->connectionState().get(), Status::disconnected);
+  EXPECT_EQ(disconnects, 1);
+  EXPECT_EQ(manager_->connectionState().get(), Status::connected);
+
+  service_.stopFromSystemControls(stored().identifier);
+  loop_.advance(1s);
+  EXPECT_EQ(systemStops, 1);
+  manager_->disconnect();
+  loop_.advance(1s);
+  EXPECT_EQ(systemStops, 1) << "the application's own stop is not the user's";
 }
 
 TEST_F(VPNManagerTest, StartUpPublishesTheSystemsStateAndChecksItHalfASecondLater) {

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 
+#include <fmt/format.h>
+
 #include "platform/files.h"
 #include "tunnel/menu_bar_model.h"
 #include "tunnel/vpn_manager.h"
@@ -10,13 +12,6 @@ namespace norvik {
 namespace {
 
 using Seconds = std::chrono::duration<double>;
-
-bool isUp(TunnelStatus s) {
-  return s == TunnelStatus::connected || s == TunnelStatus::connecting || s == TunnelStatus::reasserting;
-}
-bool isSettled(TunnelStatus s) {
-  return s == TunnelStatus::connected || s == TunnelStatus::disconnected || s == TunnelStatus::invalid;
-}
 
 // A link as it may be logged: links come from other programs and may be anything.
 std::string shortened(std::string_view text) {
@@ -42,13 +37,15 @@ WidgetCommandCenter::WidgetCommandCenter(Dependencies d)
       notifications_(d.notifications),
       vpn_(d.vpn),
       tunnels_(d.tunnels),
+      intents_(d.intents),
       container_(std::move(d.container)),
-      actions_(std::move(d.actions)),
+      bringToFront_(std::move(d.bringToFront)),
       reloadWidget_(std::move(d.reloadWidget)) {}
 
 WidgetCommandCenter::~WidgetCommandCenter() = default;
 
 void WidgetCommandCenter::start() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (started_) return;
   started_ = true;
   running_ = true;
@@ -65,6 +62,7 @@ void WidgetCommandCenter::start() {
 }
 
 void WidgetCommandCenter::stop() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!running_) return;
   running_ = false;
   commandObserver_.reset();
@@ -81,12 +79,14 @@ void WidgetCommandCenter::stop() {
 // --- Inputs ---
 
 void WidgetCommandCenter::setHealth(std::optional<std::string> healthRaw) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (healthRaw == healthRaw_) return;
   healthRaw_ = std::move(healthRaw);
   schedulePublish();
 }
 
 void WidgetCommandCenter::setTraffic(std::optional<std::string> down, std::optional<std::string> up) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (down == lastTrafficDown_ && up == lastTrafficUp_) return;
   lastTrafficDown_ = std::move(down);
   lastTrafficUp_ = std::move(up);
@@ -94,6 +94,7 @@ void WidgetCommandCenter::setTraffic(std::optional<std::string> down, std::optio
 }
 
 void WidgetCommandCenter::setBusy(bool busy) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (busy == busy_) return;
   busy_ = busy;
   schedulePublish();
@@ -134,8 +135,10 @@ WidgetVPNState WidgetCommandCenter::currentState() {
   state.phase = std::string(widgetPhase(status));
   state.connectedSince = connectedSince(status);
   state.statusText = std::string(tunnelStateText(status));
-  state.canToggle = isSettled(status) && !busy_;
-  state.canChangeServer = state.canToggle;
+  // The toggle always works (the last word wins); a server change waits for one that runs, or for a
+  // key being installed.
+  state.canToggle = running_;
+  state.canChangeServer = running_ && !busy_;
   state.updatedAt = clock_.now();
   state.healthRaw = healthRaw_;
   state.appRunning = running_;
@@ -228,7 +231,7 @@ void WidgetCommandCenter::handleCommandFile() {
     case WidgetCommand::Kind::toggle:
       return toggle();
     case WidgetCommand::Kind::changeServer:
-      return changeServerAction();
+      return changeServerAction(IntentOrigin::widget);
     default:
       return;
   }
@@ -246,40 +249,46 @@ void WidgetCommandCenter::toggle() {
     }
   }
   lastToggleAt_ = now;
-  const TunnelStatus status = vpn_.connectionState().get();
-  // Reasserting is a connected tunnel finding its way again: a toggle then means off, too.
-  if (isUp(status)) return disconnectAction();
-  connectAction();
+  // Off when the tunnel is connected or on its way up (a key being fetched counts), on otherwise.
+  if (intents_.wantsTunnelUp() || isLive(vpn_.connectionState().get())) return disconnectAction(IntentOrigin::widget);
+  connectAction(IntentOrigin::widget);
 }
 
-void WidgetCommandCenter::connectAction() {
-  const TunnelStatus status = vpn_.connectionState().get();
-  if (isUp(status)) {
-    log_.format("[Widget] подключить: туннель уже поднят ({}) — ничего не делаю", toString(status));
+std::string WidgetCommandCenter::describeTunnel() const {
+  const std::string_view status = toString(vpn_.connectionState().get());
+  const std::string_view intent = intents_.stateName();
+  if (intent == status) return std::string(status);
+  return fmt::format("{}, {}", status, intent);
+}
+
+void WidgetCommandCenter::connectAction(IntentOrigin origin) {
+  if (intents_.wantsTunnelUp()) {
+    log_.format("[Widget] подключить: туннель уже поднят ({}) — ничего не делаю", describeTunnel());
     return;
   }
-  log_.format("[Widget] подключить ({})", toString(status));
-  if (actions_.connect) actions_.connect();
+  log_.format("[Widget] подключить ({})", describeTunnel());
+  intents_.connect(origin, nullptr);
 }
 
-void WidgetCommandCenter::disconnectAction() {
-  const TunnelStatus status = vpn_.connectionState().get();
-  if (!isUp(status)) {
-    log_.format("[Widget] отключить: туннель уже выключен ({}) — ничего не делаю", toString(status));
+void WidgetCommandCenter::disconnectAction(IntentOrigin origin) {
+  // Down, and the user's last word was off: nothing to undo.
+  if (!intents_.isTargetOn() && !isLive(vpn_.connectionState().get())) {
+    log_.format("[Widget] отключить: туннель уже выключен ({}) — ничего не делаю", describeTunnel());
     return;
   }
-  log_.format("[Widget] отключить ({})", toString(status));
-  if (actions_.disconnect) actions_.disconnect();
+  log_.format("[Widget] отключить ({})", describeTunnel());
+  intents_.disconnect(origin, nullptr);
 }
 
-void WidgetCommandCenter::changeServerAction() {
-  log_.format("[Widget] сменить сервер ({})", toString(vpn_.connectionState().get()));
-  if (actions_.changeServer) actions_.changeServer();
+void WidgetCommandCenter::changeServerAction(IntentOrigin origin) {
+  log_.format("[Widget] сменить сервер ({})", describeTunnel());
+  intents_.changeServer(origin, nullptr);
 }
 
 // --- Links ---
 
 bool WidgetCommandCenter::handleURL(std::string_view link) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   log_.format("[Widget] ссылка: {}", shortened(link));
   // Scheme and host are case-insensitive; a query, a fragment or a final slash change nothing.
   std::string_view rest = link;
@@ -296,11 +305,11 @@ bool WidgetCommandCenter::handleURL(std::string_view link) {
   const std::string_view route = slash == std::string_view::npos ? std::string_view{} : rest.substr(slash + 1);
 
   if (host == "widget") {
-    if (route == "connect") return connectAction(), true;
-    if (route == "disconnect") return disconnectAction(), true;
-    if (route == "change-server") return changeServerAction(), true;
+    if (route == "connect") return connectAction(IntentOrigin::link), true;
+    if (route == "disconnect") return disconnectAction(IntentOrigin::link), true;
+    if (route == "change-server") return changeServerAction(IntentOrigin::link), true;
     if (route == "open") {
-      if (actions_.bringToFront) actions_.bringToFront();
+      if (bringToFront_) bringToFront_();
       return true;
     }
   }

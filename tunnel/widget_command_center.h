@@ -16,6 +16,7 @@
 #include "platform/published.h"
 #include "platform/tunnel_service.h"
 #include "platform/weak_ptr_factory.h"
+#include "tunnel/tunnel_intents.h"
 #include "tunnel/widget_files.h"
 
 namespace norvik {
@@ -29,9 +30,8 @@ class VPNManager;
 // the notification and, as a fall-back, on a poll; each id acts once, a command more than 3.0 s
 // old is dropped, and a toggle within 1.5 s of the last one is taken for a double click.
 //
-// Threading: a main-loop object. Ownership: borrows the manager, the tunnel service and the
-// platform services, which outlive it; the actions are the application's (connect and disconnect
-// through the home screen's controller, the server change through its change-server action).
+// Threading: a main-loop object. Ownership: borrows the manager, the tunnel service, the owner of
+// the user's intent and the platform services, which outlive it.
 class WidgetCommandCenter {
  public:
   static constexpr std::string_view kStateNotification = "com.norvik.macos.widget.state";
@@ -46,13 +46,6 @@ class WidgetCommandCenter {
   static constexpr std::chrono::seconds kConnectedDateRetryDelay{2};
   static constexpr std::size_t kRememberedCommandIDs = 256;
 
-  struct Actions {
-    std::function<void()> connect;
-    std::function<void()> disconnect;
-    std::function<void()> changeServer;
-    std::function<void()> bringToFront;
-  };
-
   struct Dependencies {
     EventLoop& loop;
     Clock& clock;
@@ -60,8 +53,11 @@ class WidgetCommandCenter {
     NamedNotificationCenter& notifications;
     VPNManager& vpn;
     TunnelService& tunnels;
+    // The owner of the user's intent: connect, disconnect and the server change go there.
+    TunnelIntents& intents;
     std::filesystem::path container;  // the group container
-    Actions actions;
+    // Brings the main window to the front ("norvikvpn://widget/open"); may be empty.
+    std::function<void()> bringToFront{};
     // Asks the system to redraw the widget from the state file; may be empty.
     std::function<void()> reloadWidget{};
   };
@@ -102,9 +98,11 @@ class WidgetCommandCenter {
   void handleCommandFile();
   [[nodiscard]] bool rememberCommand(const std::string& id);
   void toggle();
-  void connectAction();
-  void disconnectAction();
-  void changeServerAction();
+  void connectAction(IntentOrigin origin);
+  void disconnectAction(IntentOrigin origin);
+  void changeServerAction(IntentOrigin origin);
+  // What the logs say about the tunnel when an action is decided.
+  [[nodiscard]] std::string describeTunnel() const;
 
   EventLoop& loop_;
   Clock& clock_;
@@ -112,8 +110,9 @@ class WidgetCommandCenter {
   NamedNotificationCenter& notifications_;
   VPNManager& vpn_;
   TunnelService& tunnels_;
+  TunnelIntents& intents_;
   std::filesystem::path container_;
-  Actions actions_;
+  std::function<void()> bringToFront_;
   std::function<void()> reloadWidget_;
 
   bool started_ = false;

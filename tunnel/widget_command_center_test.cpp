@@ -5,6 +5,7 @@
 
 #include "platform/files.h"
 #include "platform/simulated_tunnel_service.h"
+#include "testing/direct_tunnel_intents.h"
 #include "testing/fake_named_notifications.h"
 #include "testing/fakes.h"
 #include "testing/temp_dir.h"
@@ -56,21 +57,9 @@ class WidgetCommandCenterTest : public ::testing::Test {
   }
 
   std::unique_ptr<WidgetCommandCenter> makeCenter() {
-    WidgetCommandCenter::Actions actions{
-        [this] {
-          actions_.emplace_back("connect");
-          vpn_.connect([](auto) {});
-        },
-        [this] {
-          actions_.emplace_back("disconnect");
-          vpn_.disconnect();
-        },
-        [this] { actions_.emplace_back("changeServer"); },
-        [this] { actions_.emplace_back("bringToFront"); },
-    };
-    return std::make_unique<WidgetCommandCenter>(
-        WidgetCommandCenter::Dependencies{loop_, clock_, log_, notifications_, vpn_, dates_, dir_ / "group",
-                                          std::move(actions), [this] { reloads_.push_back(loop_.elapsed()); }});
+    return std::make_unique<WidgetCommandCenter>(WidgetCommandCenter::Dependencies{
+        loop_, clock_, log_, notifications_, vpn_, dates_, intents_, dir_ / "group",
+        [this] { actions_.emplace_back("bringToFront"); }, [this] { reloads_.push_back(loop_.elapsed()); }});
   }
 
   // The widget's side: a command file and its notification.
@@ -105,6 +94,7 @@ class WidgetCommandCenterTest : public ::testing::Test {
   LateDateTunnelService dates_{tunnels_};
   VPNManager vpn_{{loop_, tunnels_, notifications_, group_, standard_, clock_, log_, analytics_, {}}};
   std::vector<std::string> actions_;
+  testing::DirectTunnelIntents intents_{loop_, vpn_, &actions_};
   std::vector<EventLoop::Duration> reloads_;
   std::unique_ptr<WidgetCommandCenter> center_ = makeCenter();
 };
@@ -142,7 +132,7 @@ TEST_F(WidgetCommandCenterTest, TheStateFollowsTheTunnelWithItsConnectionDateAnd
   vpn_.disconnect();
   loop_.advance(10ms);
   EXPECT_EQ(stateFile()["phase"], "disconnecting");
-  EXPECT_EQ(stateFile()["canToggle"], false);
+  EXPECT_EQ(stateFile()["canToggle"], true) << "the last word wins: a toggle now brings it back";
   loop_.advance(1s);
   EXPECT_EQ(stateFile()["phase"], "disconnected");
   EXPECT_FALSE(stateFile().contains("connectedSince"));

@@ -271,12 +271,12 @@ TEST_F(TunnelLeakTest, OnlyTheTunnelLeavesInEveryModeThroughEveryChange) {
   EXPECT_TRUE(!questions.empty() && std::ranges::all_of(questions, [&](const auto& q) { return q.from == address; }));
 
   // --- full mode: key refresh (the backend issues a new key; the agent reads it with the next
-  // main configuration, here asked for at once with SIGHUP) ---
+  // main configuration, here asked for at once with SIGUSR1) ---
   const std::size_t handshakes = agentLogCount("первое рукопожатие");
   ASSERT_EQ(norvik({"debug", "api", "getkey"}).exitStatus, 0);
   (void)admitActivePeer("lab-2", wgB_);
   traffic.stream(true);
-  ASSERT_EQ(::kill(agent_->pid(), SIGHUP), 0);
+  ASSERT_EQ(::kill(agent_->pid(), SIGUSR1), 0);
   EXPECT_TRUE(waitFor([&] { return agentLogCount("первое рукопожатие") > handshakes; }, 30s)) << agent_->output();
   ready = resolversAre(kTunnelResolverB, originalResolvers);
   traffic.stream(false);

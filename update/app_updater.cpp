@@ -39,7 +39,7 @@ std::string describe(const AppUpdateState& state) {
 }
 
 AppUpdater::AppUpdater(EventLoop& loop, HttpTransport& transport, std::unique_ptr<AppcastUpdater> updater,
-                       DiskImageInstaller& installer, Log& log, AppUpdaterConfig config, Hooks hooks)
+                       UpdateInstaller& installer, Log& log, AppUpdaterConfig config, Hooks hooks)
     : loop_(loop),
       transport_(transport),
       installer_(installer),
@@ -51,6 +51,7 @@ AppUpdater::AppUpdater(EventLoop& loop, HttpTransport& transport, std::unique_pt
 AppUpdater::~AppUpdater() = default;
 
 void AppUpdater::start() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!updater_) {
     log_.write("[Update] Sparkle не стартовал: нет модуля обновлений");
     return;
@@ -194,6 +195,7 @@ void AppUpdater::loadReleaseNotes(const AppcastItem& item) {
 }
 
 void AppUpdater::postpone() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   const auto* available = state_.get().as<AppUpdateState::Available>();
   if (!available || !available->dismissible) return;
   const std::string version = available->version;
@@ -204,17 +206,19 @@ void AppUpdater::postpone() {
 }
 
 void AppUpdater::installUpdate() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!offeredItem_) return;
   if (busy()) {
     log_.format("[Update] установка: модуль обновлений занят ({})", busyReason());
     return;
   }
   const AppcastItem& item = *offeredItem_;
-  runInstall(DiskImageSource{item.enclosureURL, item.displayVersion(), item.enclosureLength, item.edSignature,
-                             installer_.config().ed25519PublicKey.has_value()});
+  runInstall(UpdateSource{item.enclosureURL, item.displayVersion(), item.enclosureLength, item.edSignature,
+                          installer_.checksFeedSignatures()});
 }
 
 void AppUpdater::installMandatoryUpdate(const MandatoryUpdate& update) {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   msiURL_ = update.msiURL;
   msiVersion_ = update.version;
   msiWebLink_ = update.webLink;
@@ -225,7 +229,7 @@ void AppUpdater::installMandatoryUpdate(const MandatoryUpdate& update) {
     return;
   }
   if (msiURL_) {
-    return runInstall(DiskImageSource{*msiURL_, msiVersion_, std::nullopt, std::nullopt, false});
+    return runInstall(UpdateSource{*msiURL_, msiVersion_, std::nullopt, std::nullopt, false});
   }
   if (updater_) {
     autoInstallWhenReady_ = true;
@@ -243,7 +247,7 @@ void AppUpdater::takePendingMandatory() {
 
 void AppUpdater::cancelDownload() { installer_.cancel(); }
 
-void AppUpdater::runInstall(DiskImageSource source) {
+void AppUpdater::runInstall(UpdateSource source) {
   installingVersion_ = source.version;
   state_.set({AppUpdateState::Downloading{source.version, 0, source.expectedLength}});
   installer_.install(

@@ -16,7 +16,7 @@
 #include "platform/weak_ptr_factory.h"
 #include "update/app_version_checker.h"
 #include "update/appcast_updater.h"
-#include "update/disk_image_installer.h"
+#include "update/update_installer.h"
 
 namespace norvik {
 
@@ -76,6 +76,10 @@ struct AppUpdateState {
 [[nodiscard]] std::string describe(const AppUpdateState& state);
 
 inline constexpr std::string_view kAppcastPath = "/mac/appcast.xml";
+// The feed of the Linux packages, on the same hosts.
+inline constexpr std::string_view kLinuxAppcastPath = "/linux/appcast.xml";
+inline constexpr std::string_view kUpdateHost = "https://updates.norvik.app";
+inline constexpr std::string_view kMirrorUpdateHost = "https://norvik-updates.net";
 
 struct AppUpdaterConfig {
   // The feed and its mirror: the update host's kAppcastPath. The mirror lives on another
@@ -92,7 +96,7 @@ struct AppUpdaterConfig {
 
 // Keeps the application current: checks the update feed (main host, then the mirror after a
 // failure) now and then and on request, offers what it finds with its release notes, and installs
-// either the feed's release or the disk image of a forced update through the disk-image installer.
+// either the feed's release or the file of a forced update through this system's installer.
 //
 // Threading: main loop. Ownership: owns the appcast updater (which may be absent), borrows the
 // rest. Hooks run on the loop.
@@ -104,7 +108,7 @@ class AppUpdater {
   };
 
   AppUpdater(EventLoop& loop, HttpTransport& transport, std::unique_ptr<AppcastUpdater> updater,
-             DiskImageInstaller& installer, Log& log, AppUpdaterConfig config = {}, Hooks hooks = {});
+             UpdateInstaller& installer, Log& log, AppUpdaterConfig config = {}, Hooks hooks = {});
   AppUpdater(const AppUpdater&) = delete;
   AppUpdater& operator=(const AppUpdater&) = delete;
   ~AppUpdater();
@@ -139,7 +143,7 @@ class AppUpdater {
   void onFeed(AppcastResult result);
   void offer(const AppcastItem& item);
   void loadReleaseNotes(const AppcastItem& item);
-  void runInstall(DiskImageSource source);
+  void runInstall(UpdateSource source);
   void onInstallProgress(const InstallProgress& progress);
   void onInstalled(InstallResult result);
   void takePendingMandatory();
@@ -149,7 +153,7 @@ class AppUpdater {
 
   EventLoop& loop_;
   HttpTransport& transport_;
-  DiskImageInstaller& installer_;
+  UpdateInstaller& installer_;
   Log& log_;
   AppUpdaterConfig config_;
   Hooks hooks_;

@@ -58,6 +58,7 @@ std::string AppVersionChecker::releaseHash(const UpdateInfo& info) {
 }
 
 void AppVersionChecker::check() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (isChecking_) return;
   const auto now = loop_.now();
   if (lastCheckTime_ && now - *lastCheckTime_ < kMinCheckInterval) {
@@ -181,6 +182,7 @@ void AppVersionChecker::clearPrompt() {
 }
 
 void AppVersionChecker::dismiss() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   if (!prompt_.get().showUpdateAlert) return;
   switch (kind_) {
     case UpdatePromptKind::forced:
@@ -208,6 +210,7 @@ void AppVersionChecker::dismiss() {
 }
 
 void AppVersionChecker::pressMainButton() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
   const UpdatePrompt& current = prompt_.get();
   if (!current.showUpdateAlert) return;
   if (kind_ == UpdatePromptKind::forced && inAppUpdate_) {

@@ -8,7 +8,6 @@
 #include <fmt/format.h>
 
 #include "platform/text.h"
-#include "update/file_signature.h"
 #include "update/update_texts.h"
 
 namespace norvik {
@@ -58,21 +57,6 @@ std::string appleScriptString(std::string_view text) {
   }
   out += '"';
   return out;
-}
-
-std::filesystem::path temporaryDirectory(const DiskImageInstallerConfig& config) {
-  if (!config.temporaryDirectory.empty()) return config.temporaryDirectory;
-  std::error_code ec;
-  auto dir = std::filesystem::temp_directory_path(ec);
-  return ec ? std::filesystem::path("/tmp") : dir;
-}
-
-// The URL the download may use: http is upgraded, anything else is refused.
-std::expected<std::string, std::string> downloadURL(std::string_view url) {
-  const auto trimmed = trimWhitespace(url);
-  if (trimmed.starts_with("https://")) return std::string(trimmed);
-  if (trimmed.starts_with("http://")) return "https://" + std::string(trimmed.substr(7));
-  return std::unexpected(fmt::format("\"{}\" is not an https URL", utf8Prefix(trimmed, 200)));
 }
 
 bool hasLine(std::string_view text, std::string_view wanted) {
@@ -135,7 +119,7 @@ std::optional<std::string> attachedTarget(std::string_view output, const std::fi
 
 DiskImageInstaller::DiskImageInstaller(EventLoop& loop, FileDownloader& downloader, ProcessRunner& processes, Log& log,
                                        DiskImageInstallerConfig config)
-    : loop_(loop), downloader_(downloader), processes_(processes), log_(log), config_(std::move(config)) {}
+    : processes_(processes), log_(log), config_(std::move(config)), download_(loop, downloader, log) {}
 
 DiskImageInstaller::~DiskImageInstaller() {
   download_.cancel();
@@ -154,83 +138,24 @@ void DiskImageInstaller::install(DiskImageSource source, InstallProgressHandler 
   completion_ = std::move(completion);
   attached_.reset();
   privateStagingDirectory_.reset();
-  downloadedFile_.clear();
 
   if (config_.runningBundle && config_.runningBundle->lexically_normal() != config_.installedApp().lexically_normal()) {
     return fail(texts::kMoveToApplications, fmt::format("the app runs from {}, not {}", config_.runningBundle->string(),
                                                         config_.installedApp().string()));
   }
-  auto url = downloadURL(source_.url);
-  if (!url) return fail(texts::kDownloadFailed, url.error());
-
-  // The file is made here, with a name nobody can predict, before anything is written into it.
-  std::string pattern = (temporaryDirectory(config_) / "Norvik-update-XXXXXX.dmg").string();
-  const int fd = ::mkstemps(pattern.data(), 4);
-  if (fd < 0) return fail(texts::kDownloadNotSaved, fmt::format("mkstemps {}: {}", pattern, std::strerror(errno)));
-  ::close(fd);
-  downloadedFile_ = pattern;
-
-  log_.write("[Update] msi: скачивание");
-  report(InstallStep::downloading, DownloadProgress{0, source_.expectedLength});
-  DownloadRequest request{*url, downloadedFile_, config_.downloadStallTimeout, source_.expectedLength};
-  download_ = downloader_.download(
-      std::move(request),
+  download_.start(
+      source_,
+      VerifiedDownload::Settings{config_.temporaryDirectory, ".dmg", config_.ed25519PublicKey,
+                                 config_.downloadStallTimeout},
       [weak = weakFactory_.weak()](DownloadProgress p) {
-        auto self = weak.lock();
-        if (!self) return;
-        // Before the server's headers arrive the total is the feed's word for it.
-        if (!p.total) p.total = self->source_.expectedLength;
-        self->report(InstallStep::downloading, p);
-      },
-      [weak = weakFactory_.weak()](DownloadResult result) {
-        if (auto self = weak.lock()) self->onDownloaded(std::move(result));
-      });
-}
-
-void DiskImageInstaller::cancel() { download_.cancel(); }
-
-void DiskImageInstaller::onDownloaded(DownloadResult result) {
-  download_ = {};
-  if (!result) {
-    const DownloadError& e = result.error();
-    switch (e.kind) {
-      case DownloadErrorKind::cancelled:
-        return fail(texts::kCancelled, "the download was cancelled");
-      case DownloadErrorKind::file:
-        return fail(texts::kDownloadNotSaved, e.message);
-      case DownloadErrorKind::tooLarge:
-        return fail(texts::kFileDamaged, "download larger than the feed says: " + e.message);
-      case DownloadErrorKind::network:
-      case DownloadErrorKind::httpStatus:
-      default:
-        return fail(texts::kDownloadFailed, e.message);
-    }
-  }
-  if (source_.expectedLength && result->bytes != *source_.expectedLength) {
-    return fail(texts::kFileDamaged,
-                fmt::format("downloaded {} bytes, the feed says {}", result->bytes, *source_.expectedLength));
-  }
-  if (!source_.edSignature) {
-    if (source_.signatureRequired) return fail(texts::kFileDamaged, "the feed item carries no Ed25519 signature");
-    return mount();
-  }
-  if (!config_.ed25519PublicKey) {
-    return fail(texts::kCouldNotUpdate, "the download is signed, but no Ed25519 public key is provisioned");
-  }
-  // Hashing a large image takes a while: off the loop.
-  runBlockingThenReply(
-      loop_,
-      [file = downloadedFile_, signature = *source_.edSignature,
-       key = *config_.ed25519PublicKey]() -> std::expected<void, InstallFailure> {
-        auto verified = verifyEd25519FileSignature(file, signature, key);
-        if (!verified)
-          return std::unexpected(InstallFailure{str(texts::kFileDamaged), "Ed25519 signature: " + verified.error()});
-        return {};
+        if (auto self = weak.lock()) self->report(InstallStep::downloading, p);
       },
       [weak = weakFactory_.weak()](std::expected<void, InstallFailure> checked) {
         if (auto self = weak.lock()) self->onDownloadChecked(std::move(checked));
       });
 }
+
+void DiskImageInstaller::cancel() { download_.cancel(); }
 
 void DiskImageInstaller::onDownloadChecked(std::expected<void, InstallFailure> checked) {
   if (!checked) return fail(checked.error().userMessage, checked.error().detail);
@@ -247,7 +172,7 @@ void DiskImageInstaller::runTool(std::vector<std::string> argv, Next next, std::
 
 void DiskImageInstaller::mount() {
   report(InstallStep::mounting);
-  runTool({str(tools::kHdiutil), "attach", "-nobrowse", "-noautoopen", "-noverify", downloadedFile_.string()},
+  runTool({str(tools::kHdiutil), "attach", "-nobrowse", "-noautoopen", "-noverify", download_.file().string()},
           [](DiskImageInstaller& self, ProcessRunResult result) {
             bool isMountPoint = false;
             std::optional<std::string> target;
@@ -315,7 +240,7 @@ void DiskImageInstaller::stageInApplications() {
 // The Applications folder refused the staging copy (it is not writable for this user). The copy
 // goes to a private directory instead, and the replacement will need the administrator.
 void DiskImageInstaller::stageOutsideApplications(std::string reason) {
-  std::string pattern = (temporaryDirectory(config_) / "Norvik-update-XXXXXX").string();
+  std::string pattern = (updateTemporaryDirectory(config_.temporaryDirectory) / "Norvik-update-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) {
     return fail(texts::kNoAccessToApplications,
                 fmt::format("{}; mkdtemp {}: {}", reason, pattern, std::strerror(errno)));
@@ -417,8 +342,7 @@ void DiskImageInstaller::report(InstallStep step, DownloadProgress download) {
 
 void DiskImageInstaller::cleanUp() {
   std::error_code ec;
-  if (!downloadedFile_.empty()) std::filesystem::remove(downloadedFile_, ec);
-  downloadedFile_.clear();
+  download_.removeFile();
   if (privateStagingDirectory_) std::filesystem::remove_all(*privateStagingDirectory_, ec);
   privateStagingDirectory_.reset();
 }

@@ -15,6 +15,8 @@
 #include "platform/log.h"
 #include "platform/process_runner.h"
 #include "platform/weak_ptr_factory.h"
+#include "update/update_installer.h"
+#include "update/verified_download.h"
 
 namespace norvik {
 
@@ -51,34 +53,8 @@ struct DiskImageInstallerConfig {
   [[nodiscard]] std::filesystem::path stagingApp() const { return applicationsDirectory / (appBundleName + ".update"); }
 };
 
-// What to install: the disk image and what the feed (or the version check) says about it.
-struct DiskImageSource {
-  std::string url;
-  std::string version;
-  std::optional<std::uint64_t> expectedLength{};
-  std::optional<std::string> edSignature{};
-  // Refuse a download without a signature (the feed's items when a key is provisioned).
-  bool signatureRequired = false;
-};
-
-enum class InstallStep { downloading, mounting, verifying, staging, replacing, relaunching };
-
-struct InstallProgress {
-  InstallStep step = InstallStep::downloading;
-  DownloadProgress download{};  // meaningful while downloading
-};
-
-// Why an install ended: the fixed text for the user and the detail for the log.
-struct InstallFailure {
-  std::string userMessage;
-  std::string detail;
-  bool operator==(const InstallFailure&) const = default;
-};
-
-// Success means the new application is in place and its relaunch is under way; the caller quits.
-using InstallResult = std::expected<void, InstallFailure>;
-using InstallCompletion = std::move_only_function<void(InstallResult)>;
-using InstallProgressHandler = std::function<void(const InstallProgress&)>;
+// The macOS name of what to install: the disk image and what the feed says about it.
+using DiskImageSource = UpdateSource;
 
 // Installs an update from a disk image: download (size and Ed25519 signature checked before
 // anything is opened), mount, find the app, verify its code signature and team, assess it, stage a
@@ -88,20 +64,21 @@ using InstallProgressHandler = std::function<void(const InstallProgress&)>;
 //
 // Threading: a main-loop object. One install at a time; the completion runs on the loop and is
 // dropped if the installer is gone.
-class DiskImageInstaller {
+class DiskImageInstaller final : public UpdateInstaller {
  public:
   DiskImageInstaller(EventLoop& loop, FileDownloader& downloader, ProcessRunner& processes, Log& log,
                      DiskImageInstallerConfig config = {});
   DiskImageInstaller(const DiskImageInstaller&) = delete;
   DiskImageInstaller& operator=(const DiskImageInstaller&) = delete;
-  ~DiskImageInstaller();
+  ~DiskImageInstaller() override;
 
   // Refused at once (with `kCouldNotUpdate`) while another install runs.
-  void install(DiskImageSource source, InstallProgressHandler progress, InstallCompletion completion);
+  void install(DiskImageSource source, InstallProgressHandler progress, InstallCompletion completion) override;
   // Stops a running download; the install then ends with `kCancelled`. Later steps are not
   // interrupted: a half-done replacement is worse than a finished one.
-  void cancel();
-  [[nodiscard]] bool isRunning() const { return running_; }
+  void cancel() override;
+  [[nodiscard]] bool isRunning() const override { return running_; }
+  [[nodiscard]] bool checksFeedSignatures() const override { return config_.ed25519PublicKey.has_value(); }
   [[nodiscard]] const DiskImageInstallerConfig& config() const { return config_; }
 
  private:
@@ -115,7 +92,6 @@ class DiskImageInstaller {
     runTool(std::move(argv), std::move(next), config_.toolTimeout);
   }
 
-  void onDownloaded(DownloadResult result);
   void onDownloadChecked(std::expected<void, InstallFailure> checked);
   void mount();
   void verifyCodeSignature();
@@ -129,8 +105,6 @@ class DiskImageInstaller {
   void relaunch();
   void cleanUp();
 
-  EventLoop& loop_;
-  FileDownloader& downloader_;
   ProcessRunner& processes_;
   Log& log_;
   DiskImageInstallerConfig config_;
@@ -139,8 +113,7 @@ class DiskImageInstaller {
   DiskImageSource source_;
   InstallProgressHandler progress_;
   InstallCompletion completion_;
-  DownloadHandle download_;
-  std::filesystem::path downloadedFile_;
+  VerifiedDownload download_;
   std::optional<std::string> attached_;  // mount point (or device) while the image is attached
   std::filesystem::path mountedApp_;
   std::filesystem::path staging_;                                 // where the staged copy is

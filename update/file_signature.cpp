@@ -77,8 +77,15 @@ std::expected<Bytes, std::string> parseEd25519PublicKey(std::string_view base64)
   return std::move(*key);
 }
 
-std::expected<void, std::string> verifyEd25519FileSignature(const std::filesystem::path& file,
-                                                            std::string_view signatureBase64, ByteView publicKey) {
+namespace {
+
+// A decoded signature and a usable key, ready to check bytes against.
+struct Verification {
+  Bytes signature;
+  std::unique_ptr<EVP_PKEY, PkeyFree> key;
+};
+
+std::expected<Verification, std::string> prepare(std::string_view signatureBase64, ByteView publicKey) {
   auto signature = base64Decode(trimWhitespace(signatureBase64));
   if (!signature || signature->size() != kSignatureSize) {
     return std::unexpected(
@@ -88,20 +95,38 @@ std::expected<void, std::string> verifyEd25519FileSignature(const std::filesyste
   std::unique_ptr<EVP_PKEY, PkeyFree> key(
       EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, publicKey.data(), publicKey.size()));
   if (!key) return std::unexpected("the Ed25519 public key is not a valid point");
-  auto mapped = MappedFile::open(file);
-  if (!mapped) return std::unexpected(mapped.error());
+  return Verification{std::move(*signature), std::move(key)};
+}
 
+std::expected<void, std::string> verify(const Verification& v, const unsigned char* data, std::size_t size) {
   std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
-  if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key.get()) != 1) {
+  if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, v.key.get()) != 1) {
     return std::unexpected("OpenSSL could not set up Ed25519 verification");
   }
-  const int verdict =
-      EVP_DigestVerify(ctx.get(), signature->data(), signature->size(), (*mapped)->data(), (*mapped)->size());
+  const int verdict = EVP_DigestVerify(ctx.get(), v.signature.data(), v.signature.size(), data, size);
   if (verdict != 1) {
     ERR_clear_error();  // leave this thread's OpenSSL error queue clean for the next user
     return std::unexpected("mismatch");
   }
   return {};
+}
+
+}  // namespace
+
+std::expected<void, std::string> verifyEd25519FileSignature(const std::filesystem::path& file,
+                                                            std::string_view signatureBase64, ByteView publicKey) {
+  auto prepared = prepare(signatureBase64, publicKey);
+  if (!prepared) return std::unexpected(prepared.error());
+  auto mapped = MappedFile::open(file);
+  if (!mapped) return std::unexpected(mapped.error());
+  return verify(*prepared, (*mapped)->data(), (*mapped)->size());
+}
+
+std::expected<void, std::string> verifyEd25519Signature(std::string_view data, std::string_view signatureBase64,
+                                                        ByteView publicKey) {
+  auto prepared = prepare(signatureBase64, publicKey);
+  if (!prepared) return std::unexpected(prepared.error());
+  return verify(*prepared, reinterpret_cast<const unsigned char*>(data.data()), data.size());
 }
 
 }  // namespace norvik

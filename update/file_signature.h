@@ -22,4 +22,9 @@ namespace norvik {
                                                                           std::string_view signatureBase64,
                                                                           ByteView publicKey);
 
+// The same check over bytes in memory.
+[[nodiscard]] std::expected<void, std::string> verifyEd25519Signature(std::string_view data,
+                                                                      std::string_view signatureBase64,
+                                                                      ByteView publicKey);
+
 }  // namespace norvik

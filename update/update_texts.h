@@ -44,4 +44,7 @@ inline constexpr std::string_view kNoAccessToApplications =
     "Не удалось установить обновление (нет доступа к «Программам»)";
 inline constexpr std::string_view kCouldNotFinish = "Не удалось завершить установку обновления";
 
+// The Linux package install's own failure (the rest are shared with the disk image's).
+inline constexpr std::string_view kWrongArchitecture = "Обновление собрано для другой системы";
+
 }  // namespace norvik::update_texts

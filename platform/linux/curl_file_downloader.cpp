@@ -69,31 +69,7 @@ int onProgress(void* userData, curl_off_t dlTotal, curl_off_t, curl_off_t, curl_
 }
 
 DownloadError networkFailure(CURL* curl, CURLcode code, const char* detail) {
-  NetworkError error;
-  error.osCode = static_cast<int>(code);
-  error.message = detail && *detail ? detail : curl_easy_strerror(code);
-  switch (code) {
-    case CURLE_OPERATION_TIMEDOUT:
-      error.kind = NetworkErrorKind::timedOut;
-      break;
-    case CURLE_COULDNT_CONNECT:
-      error.kind = NetworkErrorKind::cannotConnect;
-      break;
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY:
-      error.kind = NetworkErrorKind::hostNotFound;
-      break;
-    case CURLE_PEER_FAILED_VERIFICATION: {
-      long verify = 0;
-      curl_easy_getinfo(curl, CURLINFO_SSL_VERIFYRESULT, &verify);
-      error.certificateOutOfDate = verify == X509_V_ERR_CERT_HAS_EXPIRED || verify == X509_V_ERR_CERT_NOT_YET_VALID;
-      error.kind = NetworkErrorKind::other;
-      break;
-    }
-    default:
-      error.kind = NetworkErrorKind::other;
-      break;
-  }
+  NetworkError error = curl_support::classifyFailure(curl, code, detail);
   return DownloadError{DownloadErrorKind::network, error.message, error, 0};
 }
 

@@ -62,7 +62,7 @@ TEST_F(CurlHttpTransportTest, AServerOutsideTheTrustStoreIsRefused) {
   auto http = transport(/*trustServer=*/false);
   auto result = send(*http, {"GET", server_.url("/"), {}, "", 5s});
   ASSERT_FALSE(result.has_value());
-  EXPECT_EQ(result.error().kind, NetworkErrorKind::other);
+  EXPECT_EQ(result.error().kind, NetworkErrorKind::certificate) << "the user can act on it: another network";
   EXPECT_FALSE(result.error().certificateOutOfDate);
   EXPECT_TRUE(server_.requests().empty());
 }
@@ -120,6 +120,7 @@ TEST(CurlHttpTransportCertificates, AnExpiredCertificateIsMarkedAsOutOfDate) {
                 [&](HttpResult r) { result = std::move(r); });
   loop.runUntilIdle();
   ASSERT_TRUE(result && !result->has_value());
+  EXPECT_EQ(result->error().kind, NetworkErrorKind::certificate);
   EXPECT_TRUE(result->error().certificateOutOfDate) << result->error().message;
 }
 

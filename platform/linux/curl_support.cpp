@@ -1,5 +1,7 @@
 #include "platform/linux/curl_support.h"
 
+#include <openssl/x509_vfy.h>
+
 #include <mutex>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -62,6 +64,36 @@ void configureTrust(CURL* curl, const std::string& extraPem) {
   if (extraPem.empty()) return;
   curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, &addExtraCa);
   curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, const_cast<std::string*>(&extraPem));
+}
+
+NetworkError classifyFailure(CURL* curl, CURLcode code, const char* detail) {
+  NetworkError error;
+  error.osCode = static_cast<int>(code);
+  error.message = detail && *detail ? detail : curl_easy_strerror(code);
+  switch (code) {
+    case CURLE_OPERATION_TIMEDOUT:
+      error.kind = NetworkErrorKind::timedOut;
+      break;
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_INTERFACE_FAILED:
+      error.kind = NetworkErrorKind::cannotConnect;
+      break;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      error.kind = NetworkErrorKind::hostNotFound;
+      break;
+    case CURLE_PEER_FAILED_VERIFICATION: {
+      long verify = 0;
+      curl_easy_getinfo(curl, CURLINFO_SSL_VERIFYRESULT, &verify);
+      error.certificateOutOfDate = verify == X509_V_ERR_CERT_HAS_EXPIRED || verify == X509_V_ERR_CERT_NOT_YET_VALID;
+      error.kind = NetworkErrorKind::certificate;
+      break;
+    }
+    default:
+      error.kind = NetworkErrorKind::other;
+      break;
+  }
+  return error;
 }
 
 }  // namespace norvik::curl_support

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/error.h"
+#include "platform/http_transport.h"
 
 namespace norvik::curl_support {
 
@@ -21,5 +22,10 @@ void initialiseOnce();
 // bundle into each handle's store: with one handle per worker thread the parsed bundles alone held
 // 4 MB of the agent's memory.
 void configureTrust(CURL* curl, const std::string& extraPem);
+
+// What a failed transfer means for the user: timed out, cannot connect, host not found, a server
+// certificate that could not be verified (and whether only because it is not valid at this
+// device's time), or something else.
+[[nodiscard]] NetworkError classifyFailure(CURL* curl, CURLcode code, const char* detail);
 
 }  // namespace norvik::curl_support

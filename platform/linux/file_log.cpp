@@ -19,9 +19,17 @@ std::string timestamp() {
                      ms.count());
 }
 
+// Writes a whole line with one call and drops it if the stream cannot take it (a closed stderr, a
+// full disk): a log has nowhere to report its own failure, and must never end the process.
+void putLine(std::FILE* stream, const std::string& text) { (void)std::fwrite(text.data(), 1, text.size(), stream); }
+
 std::FILE* openAppend(const std::filesystem::path& path) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  if (fd < 0) return nullptr;
+  auto opened = openRegularFile(path, O_WRONLY | O_CREAT | O_APPEND, 0600);
+  if (!opened) {
+    errno = opened.error().code;
+    return nullptr;
+  }
+  const int fd = *opened;
   std::FILE* file = ::fdopen(fd, "a");
   if (!file) ::close(fd);
   return file;
@@ -55,18 +63,16 @@ FileLog::~FileLog() {
 void FileLog::write(std::string_view line) {
   std::lock_guard lock(mutex_);
   if (file_) {
-    fmt::print(file_, "{} {}\n", timestamp(), line);
+    putLine(file_, fmt::format("{} {}\n", timestamp(), line));
     (void)std::fflush(file_);
   }
-  if (toStderr_) {
-    fmt::print(stderr, "{}\n", line);
-  }
+  if (toStderr_) putLine(stderr, fmt::format("{}\n", line));
 }
 
 void FileAnalytics::record(std::string_view tag) {
   std::lock_guard lock(mutex_);
   if (std::FILE* file = openAppend(file_)) {
-    fmt::print(file, "{} {}\n", timestamp(), tag);
+    putLine(file, fmt::format("{} {}\n", timestamp(), tag));
     (void)std::fclose(file);
   }
 }

@@ -67,6 +67,9 @@ OSStatus FileSecureItemStore::load(std::vector<Item>& items) const {
       case EACCES:
       case EPERM:
         return errSecInteractionNotAllowed;
+      case EINVAL:  // not a regular file: nothing that can be items
+      case EFBIG:   // far larger than any set of items
+        return errSecDecode;
       default:
         return errSecIO;
     }
@@ -100,7 +103,31 @@ OSStatus FileSecureItemStore::save(const std::vector<Item>& items) const {
   }
   const std::string text =
       nlohmann::json{{"items", std::move(list)}}.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
-  return writeFileAtomically(directory_ / kItemsFile, text, 0600) ? errSecSuccess : errSecIO;
+  auto written = writeFileAtomically(directory_ / kItemsFile, text, 0600);
+  if (written) return errSecSuccess;
+  switch (written.error().code) {
+    case ENOSPC:
+    case EDQUOT:
+      return errSecDiskFull;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return errSecWrPerm;
+    default:
+      return errSecIO;
+  }
+}
+
+std::optional<StoreReset> FileSecureItemStore::setAsideIfDamaged() {
+  std::lock_guard guard(mutex_);
+  FileLock lock(directory_ / kLockFile, /*exclusive=*/true);
+  std::vector<Item> items;
+  if (load(items) != errSecDecode) return std::nullopt;
+  auto contents = readFile(directory_ / kItemsFile, 4u << 20);
+  const std::string reason = contents ? "the items cannot be read" : contents.error().message;
+  const auto aside = setDamagedFileAside(directory_ / kItemsFile);
+  if (aside.empty()) return std::nullopt;
+  return StoreReset{"secure items", reason, aside, 0};
 }
 
 template <class Body>

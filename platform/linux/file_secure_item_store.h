@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/secure_item_store.h"
+#include "platform/store_reset.h"
 
 namespace norvik {
 
@@ -12,7 +13,9 @@ namespace norvik {
 // file 0600), written through a temporary file and a rename under an advisory lock so that
 // several processes may use it. The store answers errSecInteractionNotAllowed, as a locked
 // keychain does, while a file named "locked" exists in its directory or when the items cannot be
-// read; a damaged file answers errSecDecode and is never overwritten.
+// read; a damaged file answers errSecDecode and is never overwritten. A write that does not reach
+// the disk answers errSecDiskFull (no space), errSecWrPerm (no permission) or errSecIO, and the
+// items stay as they were.
 class FileSecureItemStore final : public SecureItemStore {
  public:
   explicit FileSecureItemStore(std::filesystem::path directory);
@@ -24,6 +27,10 @@ class FileSecureItemStore final : public SecureItemStore {
   OSStatus remove(const SecureItemQuery& query) override;
 
   [[nodiscard]] const std::filesystem::path& directory() const { return directory_; }
+
+  // At start-up: an items file that cannot be read as items (damaged, or not a regular file) is
+  // set aside as "items.json.damaged" and the store starts empty. Says what was done, if anything.
+  [[nodiscard]] std::optional<StoreReset> setAsideIfDamaged();
 
  private:
   struct Item {

@@ -69,6 +69,22 @@ TEST_F(FileSecureItemStoreTest, ADamagedFileIsReportedAndNeverOverwritten) {
   EXPECT_EQ(*readFile(storeDir_ / "items.json"), "{\"items\": [") << "what was there is kept for recovery";
 }
 
+// At start-up a damaged file is set aside and the store begins empty, so that the identifier can
+// come back from its mirror and new items can be written.
+TEST_F(FileSecureItemStoreTest, AtStartADamagedFileIsSetAsideAndTheStoreStartsEmpty) {
+  ASSERT_EQ(store_.add({"acct"}, toBytes("secret")), errSecSuccess);
+  EXPECT_FALSE(store_.setAsideIfDamaged().has_value()) << "a sound file stays";
+  ASSERT_TRUE(writeFileAtomically(storeDir_ / "items.json", "{\"items\": [", 0600));
+
+  auto reset = store_.setAsideIfDamaged();
+  ASSERT_TRUE(reset.has_value());
+  EXPECT_EQ(reset->store, "secure items");
+  EXPECT_EQ(reset->setAside, storeDir_ / "items.json.damaged");
+  EXPECT_EQ(*readFile(storeDir_ / "items.json.damaged"), "{\"items\": [");
+  EXPECT_EQ(store_.copyData({"acct"}).status, errSecItemNotFound);
+  EXPECT_EQ(store_.add({"acct"}, toBytes("again")), errSecSuccess);
+}
+
 TEST_F(FileSecureItemStoreTest, TwoProcessesAddingAtOnceKeepBothItems) {
   constexpr int kItems = 40;
   pid_t child = fork();

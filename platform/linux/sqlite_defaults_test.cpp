@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <fmt/format.h>
 
 #include "platform/files.h"
 #include "testing/fakes.h"
@@ -97,6 +100,64 @@ TEST_F(SqliteDefaultsTest, AHomeThatCannotHoldTheStoreIsAClearErrorAtOpen) {
   auto store = SqliteDefaults::open(dir_ / "blocked" / "defaults" / "x.sqlite3", log_);
   ASSERT_FALSE(store.has_value());
   EXPECT_NE(store.error().message.find("blocked"), std::string::npos) << store.error().message;
+}
+
+// A file that is not a database at all (random bytes where the settings were): set aside beside
+// itself, readable only by its user, and the suite starts empty and usable.
+TEST_F(SqliteDefaultsTest, AFileThatIsNoDatabaseIsSetAsideAndTheSuiteStartsAfresh) {
+  ASSERT_TRUE(makeDirectories(file_.parent_path(), 0700));
+  std::string noise(16384, '\0');
+  for (std::size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>((i * 7919) % 251);
+  ASSERT_TRUE(writeFileAtomically(file_, noise, 0644));
+
+  auto d = open();
+  ASSERT_TRUE(d);
+  ASSERT_TRUE(d->reset().has_value());
+  EXPECT_EQ(d->reset()->store, "settings");
+  EXPECT_EQ(d->reset()->recovered, 0u);
+  EXPECT_EQ(*readFile(file_.string() + ".damaged"), noise) << "kept as it was found";
+  struct stat st {};
+  ASSERT_EQ(::stat((file_.string() + ".damaged").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_TRUE(log_.contains("[Defaults] settings повреждены ("));
+  EXPECT_TRUE(d->setString("after", "works"));
+  EXPECT_EQ(d->stringValue("after"), "works");
+}
+
+// A file cut short: whatever rows still read are carried over, and the rest start from nothing.
+TEST_F(SqliteDefaultsTest, ATruncatedFileKeepsTheRowsThatStillRead) {
+  constexpr int kRows = 300;
+  {
+    auto d = open();
+    for (int i = 0; i < kRows; ++i)
+      d->setString(fmt::format("key{:04}", i), std::string(1000, static_cast<char>('a' + i % 26)));
+  }
+  auto whole = readFile(file_);
+  ASSERT_TRUE(whole.has_value());
+  ASSERT_GT(whole->size(), 100'000u);
+  ASSERT_TRUE(writeFileAtomically(file_, whole->substr(0, whole->size() / 2), 0600));
+
+  auto d = open();
+  ASSERT_TRUE(d);
+  ASSERT_TRUE(d->reset().has_value());
+  const std::size_t recovered = d->reset()->recovered;
+  EXPECT_GT(recovered, 0u);
+  EXPECT_LT(recovered, static_cast<std::size_t>(kRows));
+  EXPECT_EQ(d->stringValue("key0000"), std::string(1000, 'a'));
+  EXPECT_TRUE(log_.contains(fmt::format("восстановлено значений: {}", recovered)));
+}
+
+// SQLite would wait for ever on a FIFO's header: it is refused and set aside before SQLite sees it.
+TEST_F(SqliteDefaultsTest, AFifoInPlaceOfTheFileIsSetAsideWithoutBlocking) {
+  ASSERT_TRUE(makeDirectories(file_.parent_path(), 0700));
+  ASSERT_EQ(::mkfifo(file_.c_str(), 0600), 0);
+  auto d = open();
+  ASSERT_TRUE(d);
+  ASSERT_TRUE(d->reset().has_value());
+  EXPECT_NE(d->reset()->reason.find("not a regular file"), std::string::npos) << d->reset()->reason;
+  struct stat st {};
+  ASSERT_EQ(::lstat((file_.string() + ".damaged").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISFIFO(st.st_mode));
 }
 
 }  // namespace

@@ -15,6 +15,8 @@ using nlohmann::json;
 constexpr std::size_t kMaxRecords = 10'000;
 constexpr std::int64_t kMoveCodeLifetime = 15 * 60;
 constexpr std::string_view kFeedPath = "/mac/appcast.xml";
+// The Linux client reads its own feed; here both offer the same release file.
+constexpr std::string_view kLinuxFeedPath = "/linux/appcast.xml";
 constexpr std::string_view kDownloadsPrefix = "/mac/downloads/";
 constexpr std::string_view kNotesPrefix = "/mac/notes/";
 
@@ -137,7 +139,7 @@ BackendReply DevBackendService::handle(const BackendRequest& request) {
     entry.at = serverTime();
     entry.method = request.method;
     entry.path = request.path;
-    if (request.path.starts_with("/mac/")) {
+    if (request.path.starts_with("/mac/") || request.path == kLinuxFeedPath) {
       reply = handleFeed(request, entry);
     } else if (request.path.starts_with(config_.apiBase)) {
       reply = handleApi(request, request.path.substr(config_.apiBase.size()), entry);
@@ -419,7 +421,7 @@ BackendReply DevBackendService::handleFeed(const BackendRequest& request, Reques
     return errorReply(405, "Ошибка запроса", "Только GET.");
   }
 
-  if (request.path == kFeedPath) {
+  if (request.path == kFeedPath || request.path == kLinuxFeedPath) {
     entry.endpoint = "appcast";
     const auto fault = faults_.takeBeforeServing("appcast");
     if (fault.status) {

@@ -1,0 +1,41 @@
+# fish completion for norvik(1)
+
+set -l commands agent status connect disconnect toggle change-server mode sites watch logs update debug
+
+complete -c norvik -f
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -l home -r -a '(__fish_complete_directories)' -d 'Directory of all local state'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -l backend -r -d 'Backend base URL'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -l ca-file -r -F -d 'Extra trusted CA certificate'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -l provisioning -r -F -d 'Provisioning file'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -l tunnel -x -a 'simulated wireguard' -d 'Tunnel service of the agent'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -s v -l verbose -d 'Print log lines on stderr'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version'
+
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a agent -d 'Run the agent in this terminal'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a status -d 'The VPN state'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a connect -d 'Connect the VPN'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a disconnect -d 'Disconnect the VPN'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a toggle -d 'Switch the VPN'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a change-server -d 'Move to another server'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a mode -d 'Show or change the routing mode'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a sites -d 'Sites that go through the VPN'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a watch -d 'Print every change of state'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a logs -d 'The agent log'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a update -d 'The update feed and the install'
+complete -c norvik -n "not __fish_seen_subcommand_from $commands" -a debug -d 'Tools for engineers'
+
+complete -c norvik -n "__fish_seen_subcommand_from agent" -l simulated-connect-ms -x -d 'Simulated connect time (ms)'
+complete -c norvik -n "__fish_seen_subcommand_from status" -l json -d 'Machine-readable output'
+complete -c norvik -n "__fish_seen_subcommand_from mode" -a 'full smart services'
+complete -c norvik -n "__fish_seen_subcommand_from mode" -l yes -d 'Confirm the full mode'
+complete -c norvik -n "__fish_seen_subcommand_from sites" -a 'list on off add remove enable disable'
+complete -c norvik -n "__fish_seen_subcommand_from logs" -s n -l lines -x -d 'Last lines'
+complete -c norvik -n "__fish_seen_subcommand_from logs" -s f -l follow -d 'Follow new lines'
+complete -c norvik -n "__fish_seen_subcommand_from update" -a 'check install'
+complete -c norvik -n "__fish_seen_subcommand_from update" -l feed -x -d 'Update feed URL'
+complete -c norvik -n "__fish_seen_subcommand_from update" -l mirror -x -d 'Mirror feed URL'
+complete -c norvik -n "__fish_seen_subcommand_from update" -l current-version -x -d 'Compare with this version'
+complete -c norvik -n "__fish_seen_subcommand_from update" -l beta -d 'Offer beta releases'
+complete -c norvik -n "__fish_seen_subcommand_from update" -l msi-url -x -d 'Install this package'
+complete -c norvik -n "__fish_seen_subcommand_from update" -l msi-version -x -d 'Its version'
+complete -c norvik -n "__fish_seen_subcommand_from debug" -a 'vendor-id api secure-store'
