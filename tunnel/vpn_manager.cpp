@@ -42,7 +42,7 @@ void VPNManager::start(std::move_only_function<void()> loaded) {
   initialStateCheck_.start(context_.loop, kInitialStateCheckDelay, [this] {
     context_.log.format("[VPNManager] Checking initial VPN state: {}", toString(record_.connectionState.get()));
   });
-  appGroupsCheckTimer_.start(context_.loop, kWidgetRequestPeriod, [this] { checkWidgetDisconnectRequest(); });
+  appGroupsCheckTimer_.startAligned(context_.loop, kWidgetRequestPeriod, [this] { checkWidgetDisconnectRequest(); });
 }
 
 void VPNManager::adoptConfigurations(const std::vector<TunnelConfiguration>& managers) {
