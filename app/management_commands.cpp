@@ -26,7 +26,7 @@ std::optional<std::size_t> buttonIndex(const Json& button, const std::vector<std
     return static_cast<std::size_t>(button.get<std::uint64_t>());
   }
   if (!button.is_string()) return std::nullopt;
-  const std::string& name = button.get_ref<const std::string&>();
+  const auto& name = button.get_ref<const std::string&>();
   for (std::size_t i = 0; i < titles.size(); ++i) {
     if (titles[i] == name || (i < aliases.size() && aliases[i] == name)) return i;
   }
@@ -102,6 +102,7 @@ void ControlCommands::answerOverlay(std::uint64_t id, const Json& request, const
     return finishError(reply, "not-showing", "", fmt::format("Окно {} сейчас не на экране.", overlayAnswerId(id)));
   }
   std::vector<std::string> titles;
+  titles.reserve(shown->buttons.size());
   for (const auto& button : shown->buttons) titles.push_back(button.title);
   const auto index = buttonIndex(request["button"], titles);
   if (!index) {
@@ -240,6 +241,7 @@ void ControlCommands::menu(const Json& request, const ControlReply& reply) {
     return reply.finish(Json{{"ok", true}, {"menu", topicValue(app_, ManagementTopic::menu)}, {"status", status()}});
   }
   std::vector<std::string> titles;
+  titles.reserve(menu.items.size());
   for (const auto& item : menu.items) titles.push_back(item.title);
   const auto index = buttonIndex(request["item"], titles);
   if (!index) return finishError(reply, "usage", "", fmt::format("нет такого пункта: {}", request["item"].dump()));
