@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include "app/application.h"
 #include "app/control_commands.h"
 #include "app/control_server.h"
+#include "backend/network_service.h"
 #include "platform/files.h"
 
 namespace norvik::cli {
@@ -49,7 +51,7 @@ std::expected<InstanceLock, CommandError> takeInstanceLock(const AppPaths& paths
 CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOptions) {
   // A write to a client, a helper or a standard error that has gone away fails with EPIPE where it
   // is made; it never ends the agent.
-  ::signal(SIGPIPE, SIG_IGN);
+  (void)::signal(SIGPIPE, SIG_IGN);
   const AppPaths paths = AppPaths::resolve(global.home);
   auto lock = takeInstanceLock(paths);
   if (!lock) return std::unexpected(lock.error());
@@ -93,10 +95,26 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
       [&commands](const nlohmann::json& request, const ControlReply& reply) { commands.handle(request, reply); });
   if (!server) return failure(ExitCode::usage, server.error().description());
 
+  // SIGUSR1 asks for the main configuration again now rather than at the next occasion (a changed
+  // key is then refreshed, a changed GeoIP version downloaded). SIGHUP is taken above: it means the
+  // terminal went away.
+  asio::signal_set reload(loop.context(), SIGUSR1);
+  std::function<void()> awaitReload = [&] {
+    reload.async_wait([&](const asio::error_code& error, int) {
+      if (error) return;
+      log->write("[Agent] SIGUSR1 — главная конфигурация запрошена заново");
+      (*app)->network().loadMainConfiguration();
+      awaitReload();
+    });
+  };
+  awaitReload();
+
   (*app)->start();
   log->format("[Agent] запущен, управление: {}", (paths.runtime() / "agent.sock").string());
   loop.run();
 
+  asio::error_code ignored;
+  reload.cancel(ignored);
   server->reset();
   (*app)->shutDown();
   loop.joinWorkers();

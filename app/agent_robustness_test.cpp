@@ -125,6 +125,7 @@ TEST_F(AgentRobustnessTest, ClientsThatNeverReadAreDisconnectedAndTheMemoryComes
   long peak = before;
   int disconnected = 0;
   std::vector<int> clients;
+  clients.reserve(5);
   for (int i = 0; i < 5; ++i) clients.push_back(connectTo(socket()));
   const auto until = std::chrono::steady_clock::now() + 3s;
   while (std::chrono::steady_clock::now() < until && disconnected < 5) {

@@ -25,6 +25,7 @@
 #include "app/control_client.h"
 #include "platform/files.h"
 #include "testing/background_process.h"
+#include "testing/env_setting.h"
 #include "testing/subprocess.h"
 #include "testing/temp_dir.h"
 
@@ -99,12 +100,12 @@ class AgentStressTest : public ::testing::Test {
 };
 
 TEST_F(AgentStressTest, BurstsOfConcurrentCommandsEndAsTheLastOneAsked) {
-  const char* burstsSetting = std::getenv("NORVIK_STRESS_BURSTS");
-  const int fixedBursts = burstsSetting ? std::atoi(burstsSetting) : 0;
-  const char* secondsSetting = std::getenv("NORVIK_STRESS_SECONDS");
-  const auto budget = std::chrono::seconds(secondsSetting ? std::atoi(secondsSetting) : kDefaultSeconds);
-
-  std::mt19937 random(20261124);
+  const int fixedBursts = testing::envSetting("NORVIK_STRESS_BURSTS", 0);
+  const auto budget = std::chrono::seconds(testing::envSetting("NORVIK_STRESS_SECONDS", kDefaultSeconds));
+  // A fixed default, so that CI runs the same bursts; NORVIK_STRESS_SEED explores others.
+  const auto seed = testing::envSetting<std::uint32_t>("NORVIK_STRESS_SEED", 20261124U);
+  RecordProperty("seed", std::to_string(seed));
+  std::mt19937 random(seed);
   const std::vector<Json> commands = {
       {{"command", "connect"}},
       {{"command", "disconnect"}},
@@ -125,6 +126,7 @@ TEST_F(AgentStressTest, BurstsOfConcurrentCommandsEndAsTheLastOneAsked) {
     const std::size_t logBefore = agent_->output().size();
     const int clients = std::uniform_int_distribution<int>(2, 5)(random);
     std::vector<Json> sent;
+    sent.reserve(static_cast<std::size_t>(clients));
     for (int i = 0; i < clients; ++i) {
       sent.push_back(commands[std::uniform_int_distribution<std::size_t>(0, commands.size() - 1)(random)]);
     }
@@ -231,7 +233,7 @@ TEST_F(AgentStressTest, TheDemosWalkFiftyTimesInARowEndsDisconnectedEveryTime) {
                                                       {"mode", "smart"},
                                                       {"disconnect"},
                                                       {"status", "--json"}};
-  const int rounds = std::getenv("NORVIK_DEMO_ROUNDS") ? std::atoi(std::getenv("NORVIK_DEMO_ROUNDS")) : 50;
+  const int rounds = testing::envSetting("NORVIK_DEMO_ROUNDS", 50);
   for (int round = 1; round <= rounds; ++round) {
     testing::ProcessResult last;
     for (const auto& step : walk) {

@@ -151,7 +151,7 @@ void Application::startSurfaces() {
     if ((status == TunnelStatus::connected || status == TunnelStatus::reasserting) && !self->trafficPollRunning_) {
       self->trafficPollRunning_ = true;
       self->pollTraffic();
-      self->trafficTimer_.start(self->loop_, kTrafficPollPeriod, [weak] {
+      self->trafficTimer_.startAligned(self->loop_, kTrafficPollPeriod, [weak] {
         if (auto* owner = weak.lock()) owner->pollTraffic();
       });
     } else if (isDown(status) && self->trafficPollRunning_) {

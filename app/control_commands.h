@@ -59,7 +59,8 @@ class ControlCommands {
   void answerPrompt(std::uint64_t id, const nlohmann::json& request, const ControlReply& reply);
   void openURL(const nlohmann::json& request, const ControlReply& reply);
   void update(const nlohmann::json& request, const ControlReply& reply);
-  void updateAndWait(const ControlReply& reply, bool install);
+  // `checkWhenFree`: a check is to start once the updater's own has ended.
+  void updateAndWait(const ControlReply& reply, bool install, bool checkWhenFree = false);
   void menu(const nlohmann::json& request, const ControlReply& reply);
   void smartMode(const nlohmann::json& request, const ControlReply& reply);
 

@@ -133,7 +133,7 @@ TEST(ControlServerOpen, ASocketPathThatCannotExistIsAClearError) {
 }
 
 // The limits, with the whole agent on virtual time behind the real socket.
-const std::string kStatus = std::string(R"({"command":"status"})") + "\n";
+constexpr std::string_view kStatus = "{\"command\":\"status\"}\n";
 
 TEST(ControlServerLimitsTest, AClientThatDoesNotReadIsDisconnectedAndTheOthersCarryOn) {
   testing::AgentHost host(ControlLimits{.maxUnreadOutput = 64 * 1024});

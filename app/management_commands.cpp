@@ -26,7 +26,7 @@ std::optional<std::size_t> buttonIndex(const Json& button, const std::vector<std
     return static_cast<std::size_t>(button.get<std::uint64_t>());
   }
   if (!button.is_string()) return std::nullopt;
-  const std::string& name = button.get_ref<const std::string&>();
+  const auto& name = button.get_ref<const std::string&>();
   for (std::size_t i = 0; i < titles.size(); ++i) {
     if (titles[i] == name || (i < aliases.size() && aliases[i] == name)) return i;
   }
@@ -102,6 +102,7 @@ void ControlCommands::answerOverlay(std::uint64_t id, const Json& request, const
     return finishError(reply, "not-showing", "", fmt::format("Окно {} сейчас не на экране.", overlayAnswerId(id)));
   }
   std::vector<std::string> titles;
+  titles.reserve(shown->buttons.size());
   for (const auto& button : shown->buttons) titles.push_back(button.title);
   const auto index = buttonIndex(request["button"], titles);
   if (!index) {
@@ -164,8 +165,11 @@ void ControlCommands::update(const Json& request, const ControlReply& reply) {
     reply.finish(Json{{"ok", true}, {"updater", topicValue(app_, ManagementTopic::updater)}, {"status", status()}});
   };
   if (*action == "check") {
-    updater->checkForUpdates();
-    return updateAndWait(reply, false);
+    // A check of the agent's own may be under way: the user's starts when it has ended, so that
+    // its outcome is always shown.
+    const bool free = updater->canCheck().get();
+    if (free) updater->checkForUpdates();
+    return updateAndWait(reply, false, !free);
   }
   if (*action == "install") {
     if (!msiURL->empty()) {
@@ -188,7 +192,7 @@ void ControlCommands::update(const Json& request, const ControlReply& reply) {
   finishError(reply, "usage", "", fmt::format("unknown update action \"{}\"", *action));
 }
 
-void ControlCommands::updateAndWait(const ControlReply& reply, bool install) {
+void ControlCommands::updateAndWait(const ControlReply& reply, bool install, bool checkWhenFree) {
   AppUpdater& updater = *app_.updater();
   // An install may download for long; the limit only guards the client against a fault of ours.
   const auto limit = install ? std::chrono::seconds(std::chrono::hours(2)) : std::chrono::seconds(300);
@@ -197,8 +201,25 @@ void ControlCommands::updateAndWait(const ControlReply& reply, bool install) {
   });
   Wait* w = wait.get();
   track(std::move(wait));
-  auto decide = [this, w, install, &updater] {
+  // The user's check waits for the agent's own to end (queued), then starts (started); what the
+  // updater shows before it started is not its outcome.
+  enum class Check { none, queued, starting };
+  auto check = std::make_shared<Check>(checkWhenFree ? Check::queued : Check::none);
+  auto decide = [this, w, install, &updater, check] {
     using S = AppUpdateState;
+    if (*check == Check::starting) return false;
+    if (*check == Check::queued) {
+      if (!updater.canCheck().get()) return false;
+      // Out of this notification: the check publishes new values of its own.
+      *check = Check::starting;
+      app_.loop().post([weak = w->weak(), &updater, check] {
+        auto* waiting = weak.lock();
+        if (!waiting || waiting->finished()) return;
+        *check = Check::none;
+        updater.checkForUpdates();
+      });
+      return false;
+    }
     const AppUpdateState& state = updater.state().get();
     const Json value = topicValue(app_, ManagementTopic::updater);
     if (install) w->reply().event(Json{{"event", "changed"}, {"topic", "updater"}, {"value", value}});
@@ -232,6 +253,7 @@ void ControlCommands::updateAndWait(const ControlReply& reply, bool install) {
   if (decide()) return;
   w->watch<AppUpdateState>(updater.state(), [decide](const AppUpdateState&) { return decide(); });
   w->watch<bool>(updater.releaseNotesLoading(), [decide](const bool&) { return decide(); });
+  if (checkWhenFree) w->watch<bool>(updater.canCheck(), [decide](const bool&) { return decide(); });
 }
 
 void ControlCommands::menu(const Json& request, const ControlReply& reply) {
@@ -240,6 +262,7 @@ void ControlCommands::menu(const Json& request, const ControlReply& reply) {
     return reply.finish(Json{{"ok", true}, {"menu", topicValue(app_, ManagementTopic::menu)}, {"status", status()}});
   }
   std::vector<std::string> titles;
+  titles.reserve(menu.items.size());
   for (const auto& item : menu.items) titles.push_back(item.title);
   const auto index = buttonIndex(request["item"], titles);
   if (!index) return finishError(reply, "usage", "", fmt::format("нет такого пункта: {}", request["item"].dump()));

@@ -112,7 +112,7 @@ Subscription ManagementFeed::subscribe(std::set<ManagementTopic> topics, Sink si
 void ManagementFeed::delivered(ManagementTopic topic, const Json& value) {
   if (topic == ManagementTopic::prompt && value.is_object()) app_.versionChecker().markSeen();
   if (topic == ManagementTopic::sites && value.is_object()) {
-    const Json& empty = value["emptyScreen"];
+    const Json empty = value.value("emptyScreen", Json());
     if (!empty.is_object()) {
       emptySitesReported_.reset();
     } else if (const bool tunnelOn = empty.value("tunnelOn", false); emptySitesReported_ != tunnelOn) {

@@ -3,8 +3,13 @@
 // (testing/agent_host.h).
 #include <gtest/gtest.h>
 
+#include <set>
+#include <string>
+#include <vector>
+
 #include "app/control_commands.h"
 #include "testing/agent_host.h"
+#include "update/platform_update_installer.h"
 
 namespace norvik {
 namespace {
@@ -219,6 +224,65 @@ TEST_F(ManagementInterfaceTest, TheMenuShowsTheLoginItemAndItsItemsAct) {
   EXPECT_EQ(ask({{"command", "menu"}, {"item", 0}})["ok"], true);  // "Подключить"
   ASSERT_TRUE(
       host_.runUntil([&] { return host_.app().vpn().connectionState().get() == TunnelStatus::connected; }, 1min));
+}
+
+TEST_F(ManagementInterfaceTest, AnEmptySelectionOfSitesCountsAsSeenOnlyWhenAFrontEndReceivesIt) {
+  auto& analytics = static_cast<testing::CapturingAnalytics&>(*host_.app().platform().analytics);
+  ASSERT_TRUE(host_.app().modes().select(VPNRoutingMode::services));
+  for (const std::string& key : std::set<std::string>(host_.app().sites().selectedServices().get())) {
+    ASSERT_TRUE(host_.app().sites().toggle(key, false));
+  }
+  host_.settle();
+  ASSERT_TRUE(host_.app().sites().isSelectionEmpty());
+  EXPECT_EQ(analytics.count("empty_sites_off_screen"), 0u) << "no front-end, no screen";
+
+  Subscriber sites = subscribe(Json::array({"sites"}));
+  ASSERT_EQ(sites.events.size(), 1u);
+  EXPECT_EQ(sites.events[0]["value"]["emptyScreen"]["title"], "Выберите хотя бы один сайт");
+  EXPECT_EQ(analytics.count("empty_sites_off_screen"), 1u);
+  Subscriber another = subscribe(Json::array({"sites"}));
+  EXPECT_EQ(analytics.count("empty_sites_off_screen"), 1u) << "the same screen, still empty";
+
+  // Chosen again, then emptied again: a new empty screen.
+  ASSERT_TRUE(host_.app().sites().toggle("youtube", true));
+  waitFor(sites, "sites", [](const Json& v) { return v["emptyScreen"].is_null(); });
+  ASSERT_TRUE(host_.app().sites().toggle("youtube", false));
+  waitFor(sites, "sites", [](const Json& v) { return v["emptyScreen"].is_object(); });
+  EXPECT_EQ(analytics.count("empty_sites_off_screen"), 2u);
+}
+
+TEST_F(ManagementInterfaceTest, TheAgentChecksItsFeedAtLaunchAndOnItsIntervalAndFallsBackToTheMirror) {
+  const AppUpdaterConfig config = platformUpdaterConfig();
+  auto feedRequests = [&] {
+    std::vector<std::string> feeds;
+    for (const std::string& url : host_.backend().urls()) {
+      if (url.ends_with("/appcast.xml")) feeds.push_back(url);
+    }
+    return feeds;
+  };
+  EXPECT_TRUE(feedRequests().empty()) << "the first check waits a little after the start";
+  EXPECT_TRUE(host_.log().contains("[Update] Sparkle запущен, интервал 14400с, канал beta: false"));
+
+  // The feed answers 404 here: the mirror is tried at once; a background check shows no failure.
+  host_.advance(30s);
+  EXPECT_EQ(feedRequests(), (std::vector<std::string>{config.feedURL, config.mirrorFeedURL}));
+  EXPECT_TRUE(host_.log().contains("[Update] фид: зеркало"));
+  Subscriber updater = subscribe(Json::array({"updater"}));
+  EXPECT_EQ(updater.events[0]["value"]["state"], "idle");
+
+  // Four hours on, the next check starts on the main feed. While it runs, the user asks for one:
+  // that one starts when the agent's own has ended, and its failure is reported in words.
+  host_.advance(4h - 31s + 50ms);
+  ASSERT_EQ(feedRequests().size(), 3u);
+  EXPECT_EQ(feedRequests()[2], config.feedURL);
+  const Json checked = ask({{"command", "update"}, {"action", "check"}});
+  EXPECT_EQ(feedRequests(), (std::vector<std::string>{config.feedURL, config.mirrorFeedURL, config.feedURL,
+                                                      config.mirrorFeedURL, config.feedURL, config.mirrorFeedURL}));
+  EXPECT_EQ(checked["code"], "failed");
+  EXPECT_EQ(checked["updater"]["state"], "failed");
+  EXPECT_FALSE(checked["updater"]["failure"].get<std::string>().empty());
+  EXPECT_EQ(checked["error"]["message"], checked["updater"]["failure"]);
+  EXPECT_EQ(ask({{"command", "update"}, {"action", "explode"}})["code"], "usage");
 }
 
 // --- Update prompts: the agent meets the backend's answer at launch ---

@@ -19,6 +19,7 @@
 #include <fmt/format.h>
 
 #include "testing/agent_host.h"
+#include "testing/env_setting.h"
 #include "tunnel/widget_files.h"
 
 namespace norvik {
@@ -163,7 +164,7 @@ class IntentModel {
   }
 
   void homeScreen() {
-    auto done = [this, id = directs_.size()](IntentOutcome) { ++directs_[id]; };
+    auto done = [this, id = directs_.size()](const IntentOutcome&) { ++directs_[id]; };
     directs_.push_back(0);
     if (chance(70)) {
       const bool wanted = machine().wantsTunnelUp();
@@ -307,7 +308,7 @@ class IntentModel {
       case 0: {
         repairs_.push_back(0);
         machine().silentTunnelRestart(machine().repairToken(), uniform(0, 500), uniform(500, 4000),
-                                      [this, id = repairs_.size() - 1](SilentRestartResult) { ++repairs_[id]; });
+                                      [this, id = repairs_.size() - 1](const SilentRestartResult&) { ++repairs_[id]; });
         faultSinceIntent_ = true;  // a repair may fail and leave the tunnel down
         return note("the health engine repairs");
       }
@@ -416,8 +417,7 @@ TEST(TunnelIntentModel, TheTunnelEndsAsTheUserLastAskedAndEveryRequestIsAnswered
   if (const char* one = std::getenv("NORVIK_MODEL_SEED")) {
     seeds.push_back(std::strtoull(one, nullptr, 10));
   } else {
-    int count = kDefaultSequences;
-    if (const char* n = std::getenv("NORVIK_MODEL_SEQUENCES")) count = std::atoi(n);
+    const int count = testing::envSetting("NORVIK_MODEL_SEQUENCES", kDefaultSequences);
     // A fixed base, so that CI runs the same sequences; a failing seed reproduces alone.
     for (int i = 0; i < count; ++i) seeds.push_back(20261124ULL * 1000 + static_cast<std::uint64_t>(i));
   }

@@ -21,7 +21,7 @@ std::chrono::nanoseconds WakeDetector::systemSleepOffset() { return read(CLOCK_B
 void WakeDetector::start() {
   NORVIK_ASSERT_ON_LOOP(loop_);
   last_ = offset_();
-  timer_.start(loop_, kPeriod, [this] { check(); });
+  timer_.startAligned(loop_, kPeriod, [this] { check(); });
 }
 
 void WakeDetector::check() {

@@ -67,10 +67,10 @@ TEST(OverlayQueue, EachShowingHasItsOwnIdAndAnAnswerByIdRunsTheButtonAndTheChoic
   testing::VirtualEventLoop loop;
   OverlayQueue queue(loop);
   std::vector<std::string> happened;
-  OverlayItem confirm = dialog("settings_smart_mode_disable", [&] { happened.push_back("confirm"); });
-  confirm.buttons.push_back({"Оставить", [&] { happened.push_back("keep"); }});
-  confirm.choice =
-      OverlayChoice{"Больше не показывать", [&](bool checked) { happened.push_back(checked ? "hide" : "ask again"); }};
+  OverlayItem confirm = dialog("settings_smart_mode_disable", [&] { happened.emplace_back("confirm"); });
+  confirm.buttons.push_back({"Оставить", [&] { happened.emplace_back("keep"); }});
+  confirm.choice = OverlayChoice{"Больше не показывать",
+                                 [&](bool checked) { happened.emplace_back(checked ? "hide" : "ask again"); }};
   const std::uint64_t first = queue.enqueue(confirm);
   const std::uint64_t second = queue.enqueue(dialog("connection_error"));
   ASSERT_NE(first, 0u);

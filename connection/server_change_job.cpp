@@ -15,7 +15,7 @@ void TunnelStateMachine::ChangeServerJob::start() {
   oldServer_ = currentServerIP();
   log().format("Смена сервера: {}", oldServer_.value_or("none"));
 
-  const TunnelStatus status = vpn().connectionState().get();
+  const TunnelStatus status = vpn().systemStatus();
   if (isDown(status)) return request();
   screen().setBusy(busy_texts::disconnectingForChange());
   if (isLive(status)) vpn().stopTunnel();
@@ -78,7 +78,7 @@ void TunnelStateMachine::ChangeServerJob::connectToNewServer() {
     if (!started) return failChange(texts::kServerChangeTitle, std::string(texts::kChangedButNotConnected));
     waitUntilConnected(kReconnectLimit, [this](bool connected) {
       if (!connected) {
-        if (isLive(vpn().connectionState().get())) vpn().stopTunnel();
+        if (isLive(vpn().systemStatus())) vpn().stopTunnel();
         return failChange(texts::kServerChangeTitle, std::string(texts::kChangedButNotConnected));
       }
       const auto newServer = currentServerIP();

@@ -30,22 +30,22 @@ std::optional<std::string> TunnelStateMachine::Job::serverError(const VPNKeyResp
 }
 
 std::optional<std::string> TunnelStateMachine::Job::currentServerIP() {
-  const auto ip = vpn().serverAddress();
+  auto ip = vpn().serverAddress();
   log().format("Current server IP: {}", ip.value_or("none"));
   return ip;
 }
 
 // --- Waiting for the tunnel ---
 
-TunnelStateMachine::TunnelWait::TunnelWait(EventLoop& loop, Published<TunnelStatus>& state, Verdict verdict,
-                                           EventLoop::Duration limit, std::move_only_function<void(bool)> then)
+TunnelStateMachine::TunnelWait::TunnelWait(EventLoop& loop, VPNManager& vpn, Verdict verdict, EventLoop::Duration limit,
+                                           std::move_only_function<void(bool)> then)
     : loop_(loop), then_(std::move(then)) {
-  if (verdict(state.get()) == true) {
+  if (verdict(vpn.systemStatus()) == true) {
     answerLater(true);
     return;
   }
-  subscription_ = state.subscribe([this, verdict](const TunnelStatus& s) {
-    if (auto decided = verdict(s)) answerLater(*decided);
+  subscription_ = vpn.connectionState().subscribe([this, &vpn, verdict](const TunnelStatus& /*published*/) {
+    if (auto decided = verdict(vpn.systemStatus())) answerLater(*decided);
   });
   timer_.start(loop, limit, [this] { answer(false); });
 }
@@ -62,12 +62,11 @@ void TunnelStateMachine::TunnelWait::answer(bool ok) {
 }
 
 void TunnelStateMachine::Job::waitUntilConnected(EventLoop::Duration limit, std::move_only_function<void(bool)> then) {
-  wait_ =
-      std::make_unique<TunnelWait>(machine_.loop_, vpn().connectionState(), &untilConnected, limit, std::move(then));
+  wait_ = std::make_unique<TunnelWait>(machine_.loop_, vpn(), &untilConnected, limit, std::move(then));
 }
 
 void TunnelStateMachine::Job::waitUntilDown(EventLoop::Duration limit, std::move_only_function<void(bool)> then) {
-  wait_ = std::make_unique<TunnelWait>(machine_.loop_, vpn().connectionState(), &untilDown, limit, std::move(then));
+  wait_ = std::make_unique<TunnelWait>(machine_.loop_, vpn(), &untilDown, limit, std::move(then));
 }
 
 void TunnelStateMachine::Job::installKey(const std::string& keyText, bool fresh,
@@ -124,7 +123,7 @@ std::optional<std::string> TunnelStateMachine::keyInstallFailure(const Error& er
 
 void TunnelStateMachine::ConnectJob::start() {
   machine_.setState(State::connecting);
-  const Status status = vpn().connectionState().get();
+  const Status status = vpn().systemStatus();
   if (status == Status::connected) return finish();
   if (!byUser_) return checkConfiguration();
 
@@ -145,7 +144,7 @@ void TunnelStateMachine::ConnectJob::start() {
 }
 
 void TunnelStateMachine::ConnectJob::checkConfiguration() {
-  if (isLive(vpn().connectionState().get())) return waitForConnected();
+  if (isLive(vpn().systemStatus())) return waitForConnected();
   vpn().checkConfigurationExists(operation<bool>([this](bool exists) {
     if (exists) return startTunnel();
     fetchKeyThenStart();
@@ -194,7 +193,7 @@ void TunnelStateMachine::ConnectJob::startTunnel() {
 void TunnelStateMachine::ConnectJob::waitForConnected() {
   waitUntilConnected(kConnectLimit, [this](bool connected) {
     if (connected) return finish();
-    if (isLive(vpn().connectionState().get())) {
+    if (isLive(vpn().systemStatus())) {
       // Not up in time: it does not stay half-way.
       log().format("[HomeView] VPN connection failed: не подключились за {} с", kConnectLimit.count());
       vpn().stopTunnel();
@@ -216,7 +215,7 @@ void TunnelStateMachine::ConnectJob::abandon() {
 
 void TunnelStateMachine::DisconnectJob::start() {
   machine_.setState(State::disconnecting);
-  const Status status = vpn().connectionState().get();
+  const Status status = vpn().systemStatus();
   if (isDown(status)) {
     log().format("Tunnel is not active or already disconnected (status: {})", toString(status));
   } else {
@@ -241,7 +240,7 @@ void TunnelStateMachine::ApplyKeyJob::start() {
     // Nothing installed yet: the next install takes the settings as they are then.
     return finish();
   }
-  if (machine_.target_.get() == Target::on && !isDown(vpn().connectionState().get())) {
+  if (machine_.target_.get() == Target::on && !isDown(vpn().systemStatus())) {
     machine_.setState(State::reconnecting);
   }
   if (newKey_) {
@@ -281,12 +280,12 @@ void TunnelStateMachine::ApplyKeyJob::reconnect() {
 void TunnelStateMachine::ApplyKeyJob::done(bool connected) {
   if (!newKey_) {
     if (connected) return finish();
-    if (isLive(vpn().connectionState().get())) vpn().stopTunnel();
+    if (isLive(vpn().systemStatus())) vpn().stopTunnel();
     return fail(texts::kConnectErrorTitle, std::string(texts::kConnectFailed));
   }
   screen().endOperation();
   if (!connected) {
-    if (isLive(vpn().connectionState().get())) vpn().stopTunnel();
+    if (isLive(vpn().systemStatus())) vpn().stopTunnel();
     machine_.analytics_.record("key_ip fail reconnect");
     return fail(texts::kRefreshTitle, std::string(texts::kRefreshedButNotConnected));
   }
@@ -344,7 +343,7 @@ void TunnelStateMachine::FetchKeyJob::end(bool installed) {
 void TunnelStateMachine::RestartJob::start() {
   machine_.setState(State::reconnecting);
   log().format("[Intent] перезапуск туннеля: {}", reason_);
-  if (isLive(vpn().connectionState().get())) vpn().stopTunnel();
+  if (isLive(vpn().systemStatus())) vpn().stopTunnel();
   waitUntilDown(kServerChangeDisconnectLimit, [this](bool down) {
     if (!down) return end(false);
     vpn().connectAutomatically(operation<std::expected<void, Error>>([this](std::expected<void, Error> started) {
@@ -356,7 +355,7 @@ void TunnelStateMachine::RestartJob::start() {
 
 void TunnelStateMachine::RestartJob::end(bool connected) {
   auto done = std::exchange(done_, nullptr);
-  if (!connected && isLive(vpn().connectionState().get())) vpn().stopTunnel();
+  if (!connected && isLive(vpn().systemStatus())) vpn().stopTunnel();
   // The restart's own outcome goes to whoever asked; the user's target is settled by the machine.
   finish();
   if (done) done(connected);

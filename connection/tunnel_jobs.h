@@ -13,15 +13,17 @@
 
 namespace norvik {
 
-// Waits until the tunnel's published state gives a verdict (yes or no) or a time limit passes (no),
-// and answers once, on a later turn of the loop: never inside the caller, and after whatever else
-// the same change sets off (a crash report, say) has been heard. The state at the start counts only
-// when it is already a yes: a start just accepted still shows the old state until its first change.
+// Waits until the tunnel's state gives a verdict (yes or no) or a time limit passes (no), and
+// answers once, on a later turn of the loop: never inside the caller, and after whatever else the
+// same change sets off (a crash report, say) has been heard. The published state only wakes it: the
+// verdict is taken on the system's status as it is at that moment, because the published changes
+// arrive a turn late and one from before the operation (a stop that just ended) must not decide it.
+// The state at the start counts only when it is already a yes.
 class TunnelStateMachine::TunnelWait {
  public:
   using Verdict = std::optional<bool> (*)(TunnelStatus);
 
-  TunnelWait(EventLoop& loop, Published<TunnelStatus>& state, Verdict verdict, EventLoop::Duration limit,
+  TunnelWait(EventLoop& loop, VPNManager& vpn, Verdict verdict, EventLoop::Duration limit,
              std::move_only_function<void(bool)> then);
   TunnelWait(const TunnelWait&) = delete;
   TunnelWait& operator=(const TunnelWait&) = delete;

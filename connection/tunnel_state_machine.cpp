@@ -277,7 +277,7 @@ void TunnelStateMachine::networkAvailable(std::string_view why) {
 
 bool TunnelStateMachine::settled(Target target) const {
   if (target_.get() != target || job_ || opsInFlight_ > 0 || failure_ || hasPendingWork()) return false;
-  const TunnelStatus status = vpn_.connectionState().get();
+  const TunnelStatus status = vpn_.systemStatus();
   return target == Target::on ? state_.get() == State::connected && status == TunnelStatus::connected
                               : state_.get() == State::disconnected && isDown(status);
 }
@@ -379,7 +379,7 @@ void TunnelStateMachine::scheduleAdvance() {
 void TunnelStateMachine::advance() {
   advanceScheduled_ = false;
   if (!restored_ || job_ || opsInFlight_ > 0) return;
-  const TunnelStatus status = vpn_.connectionState().get();
+  const TunnelStatus status = vpn_.systemStatus();
   const Target target = target_.get();
 
   // Pending work first: each is one install at most, and a tunnel the user wants up follows it.

@@ -47,7 +47,7 @@ void VPNViewModel::changeServerAction(IntentDone done) {
 }
 
 std::optional<std::string> VPNViewModel::currentServerIP() {
-  const auto ip = vpn_.serverAddress();
+  auto ip = vpn_.serverAddress();
   log_.format("Current server IP: {}", ip.value_or("none"));
   return ip;
 }

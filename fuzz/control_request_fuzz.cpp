@@ -29,7 +29,7 @@ using norvik::testing::AgentHost;
 using Json = nlohmann::json;
 
 // Longer than the longest command's own limit (a server change, 120 s).
-constexpr auto kAnswerLimit = norvik::ControlCommands::kChangeServerLimit + std::chrono::seconds(10);
+constexpr auto kAnswerLimit = norvik::ControlCommands::kIntentLimit + std::chrono::seconds(10);
 
 [[noreturn]] void fail(std::string_view what, std::string_view detail) {
   (void)std::fprintf(stderr, "control_request: %.*s: %.*s\n", static_cast<int>(what.size()), what.data(),

@@ -17,6 +17,16 @@ void RepeatingTimer::start(EventLoop& loop, EventLoop::Duration period, std::fun
   stop();
   loop_ = &loop;
   period_ = period;
+  aligned_ = false;
+  task_ = std::move(task);
+  schedule();
+}
+
+void RepeatingTimer::startAligned(EventLoop& loop, EventLoop::Duration period, std::function<void()> task) {
+  stop();
+  loop_ = &loop;
+  period_ = period;
+  aligned_ = true;
   task_ = std::move(task);
   schedule();
 }
@@ -25,7 +35,12 @@ void RepeatingTimer::stop() { handle_.cancel(); }
 
 void RepeatingTimer::schedule() {
   // The timer cancels its pending run when destroyed, so `this` is alive whenever the task runs.
-  handle_ = loop_->postAfter(period_, [this] {
+  EventLoop::Duration delay = period_;
+  if (aligned_ && period_ > EventLoop::Duration::zero()) {
+    // To the next whole multiple of the period; a run that came due exactly on one waits a period.
+    delay = period_ - loop_->now().time_since_epoch() % period_;
+  }
+  handle_ = loop_->postAfter(delay, [this] {
     schedule();
     // A copy, so that the task may stop or even destroy this timer while it runs.
     auto task = task_;

@@ -41,6 +41,26 @@ TEST(RepeatingTimer, FiresEveryPeriodUntilStoppedEvenFromItsOwnTask) {
   EXPECT_FALSE(timer.isRunning());
 }
 
+TEST(RepeatingTimer, AlignedTimersComeDueTogetherWheneverTheyStart) {
+  testing::VirtualEventLoop loop;
+  loop.advance(300ms);
+  RepeatingTimer everySecond;
+  RepeatingTimer everyFiveSeconds;
+  std::vector<EventLoop::Duration> seconds;
+  std::vector<EventLoop::Duration> fives;
+  everySecond.startAligned(loop, 1s, [&] { seconds.push_back(loop.elapsed()); });
+  loop.advance(2200ms);
+  everyFiveSeconds.startAligned(loop, 5s, [&] { fives.push_back(loop.elapsed()); });
+  loop.advance(2500ms);
+  // At whole seconds of the loop's clock, whenever started: the five-second run comes due with a
+  // one-second run, not 5 s after its own start.
+  EXPECT_EQ(seconds, (std::vector<EventLoop::Duration>{1s, 2s, 3s, 4s, 5s}));
+  EXPECT_EQ(fives, (std::vector<EventLoop::Duration>{5s}));
+  everySecond.stop();
+  everyFiveSeconds.stop();
+  EXPECT_EQ(loop.pendingTimerCount(), 0u);
+}
+
 TEST(TaskHandle, CancelAfterRunIsHarmless) {
   testing::VirtualEventLoop loop;
   int runs = 0;

@@ -63,7 +63,9 @@ std::expected<int, Error> openRegularFile(const std::filesystem::path& path, int
 }
 
 std::expected<void, Error> writeFileAtomically(const std::filesystem::path& target, std::string_view contents,
-                                               mode_t mode, const std::string& temporaryName) {
+                                               mode_t mode, const std::string& temporaryName,
+                                               FileDurability durability) {
+  const bool durable = durability == FileDurability::durable;
   const auto directory = target.has_parent_path() ? target.parent_path() : std::filesystem::path(".");
   const auto temporary = directory / (temporaryName.empty() ? target.filename().string() + ".tmp" : temporaryName);
 
@@ -79,10 +81,11 @@ std::expected<void, Error> writeFileAtomically(const std::filesystem::path& targ
   // The mode of an existing temporary file is not changed by open(); make it right.
   if (::fchmod(fd.get(), mode) != 0) return fail("chmod");
   if (!writeAll(fd.get(), contents)) return fail("write");
-  if (::fsync(fd.get()) != 0) return fail("fsync");
+  if (durable && ::fsync(fd.get()) != 0) return fail("fsync");
   if (::close(fd.release()) != 0) return fail("close");
   if (::rename(temporary.c_str(), target.c_str()) != 0) return fail("rename");
 
+  if (!durable) return {};
   // Make the rename itself durable.
   FileDescriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (dir.get() >= 0) ::fsync(dir.get());

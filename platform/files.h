@@ -10,13 +10,19 @@
 
 namespace norvik {
 
+// Whether a written file must survive a crash of the machine: `durable` for settings and caches;
+// `replaceOnly` for state that is written again at every start and every few seconds (the widget's
+// state, cross-process notifications), where an fsync would only wake the process and wear the disk.
+enum class FileDurability { durable, replaceOnly };
+
 // Writes `contents` to `target` so that a reader sees either the old file or the whole new one:
 // a temporary file beside the target (`temporaryName`, or the target's name with ".tmp"), fsync,
-// rename over the target, fsync of the directory. On any failure the old file is left as it was
-// and the temporary file is removed.
+// rename over the target, fsync of the directory (both fsyncs left out for `replaceOnly`). On any
+// failure the old file is left as it was and the temporary file is removed.
 [[nodiscard]] std::expected<void, Error> writeFileAtomically(const std::filesystem::path& target,
                                                              std::string_view contents, mode_t mode = 0644,
-                                                             const std::string& temporaryName = {});
+                                                             const std::string& temporaryName = {},
+                                                             FileDurability durability = FileDurability::durable);
 
 // Reads a whole file. Only a regular file is read: a FIFO, a device, a socket or a directory in
 // its place is refused without blocking (EINVAL, "… is not a regular file"), and so is a file

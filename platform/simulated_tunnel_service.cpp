@@ -9,7 +9,6 @@ SimulatedTunnelService::SimulatedTunnelService(EventLoop& loop, Clock& clock, Lo
                                                NamedNotificationCenter* notifications, Options options)
     : loop_(loop),
       clock_(clock),
-      log_(log),
       notifications_(notifications),
       options_(std::move(options)),
       store_(log, options_.storeFile),

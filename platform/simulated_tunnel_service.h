@@ -94,7 +94,6 @@ class SimulatedTunnelService final : public TunnelService {
 
   EventLoop& loop_;
   Clock& clock_;
-  Log& log_;
   NamedNotificationCenter* notifications_;
   Options options_;
   TunnelPreferencesStore store_;

@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/files.h"
+#include "platform/text.h"
+#include "routing/geoip_payload.h"
 #include "routing/routing_test_environment.h"
 
 namespace norvik {
@@ -106,6 +108,28 @@ TEST(GeoIPPayloadTest, RecognisesCidrs) {
                    "10.0.0.0/8/8", "010.0.0.0/8", "10.0.0.0/-1", "1.2.3.4 /8", "a.b.c.d/8", "2001:db8:::/64"}) {
     EXPECT_FALSE(isCidr(bad)) << bad;
   }
+}
+
+TEST(GeoIPPayloadTest, KeepsExactlyTheLinesThatAreCidrsWhateverTheirForm) {
+  // The quick path for plain IPv4 lines and the general one must agree, line by line.
+  const std::vector<std::string> lines = {
+      "1.2.3.4/8",   "1.2.3.04/8",  "256.1.1.1/8", "255.255.255.255/32", "1.2.3.4/33",   "1.2.3.4/08",  "1.2.3.4/0",
+      "1.2.3/8",     "1.2.3.4.5/8", "1.2.3.4/",    "1234.1.1.1/8",       "0.0.0.0/0",    "00.1.1.1/8",  "1.2.3.4/3a",
+      "1..3.4/8",    "9.9.9.9/100", "2a00::/16",   " 7.7.7.0/24",        "8.8.8.0/24\r", "1.2.3.4/32 ", "",
+      "# 5.5.5.0/24"};
+  std::string body = padding();  // a comment, past the size gate
+  std::string expected;
+  for (const std::string& line : lines) {
+    body += line + "\n";
+    const auto trimmed = trimWhitespace(line);
+    if (isCidr(trimmed)) expected += std::string(trimmed) + "\n";
+  }
+  body += cidrList(1000) + "9.8.7.0/24";  // the last line without its newline
+  expected += cidrList(1000) + "9.8.7.0/24\n";
+  auto list = acceptGeoIPPayload(body);
+  ASSERT_TRUE(list.has_value());
+  EXPECT_EQ(list->text, expected);
+  EXPECT_EQ(list->cidrCount, static_cast<std::size_t>(std::ranges::count(expected, '\n')));
 }
 
 class GeoIPCacheTest : public ::testing::Test, protected testing::RoutingEnvironment {

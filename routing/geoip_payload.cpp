@@ -14,6 +14,40 @@ namespace {
 constexpr std::size_t kMaxAddressLength = 45;  // the longest IPv6 text form
 constexpr std::size_t kMalformedQuoteBytes = 64;
 
+// The common line of a list, "a.b.c.d/n\n", judged as it is read: octets of one to three digits
+// without a leading zero, at most 255, and a prefix length of at most 32 without a leading zero —
+// what inet_pton and isCidr accept. Answers where the next line starts, or nullptr for any other
+// line (which isCidr then judges), the last line without its newline included.
+const char* plainIPv4Line(const char* p, const char* const end) {
+  for (int octet = 0; octet < 4; ++octet) {
+    if (octet > 0) {
+      if (p == end || *p != '.') return nullptr;
+      ++p;
+    }
+    if (p == end || *p < '0' || *p > '9') return nullptr;
+    const bool leadingZero = *p == '0';
+    auto value = static_cast<unsigned>(*p++ - '0');
+    for (int digits = 1; p != end && *p >= '0' && *p <= '9'; ++digits) {
+      if (leadingZero || digits == 3) return nullptr;
+      value = value * 10 + static_cast<unsigned>(*p++ - '0');
+    }
+    if (value > 255) return nullptr;
+  }
+  if (p == end || *p != '/') return nullptr;
+  ++p;
+  if (p == end || *p < '0' || *p > '9') return nullptr;
+  const bool zero = *p == '0';
+  auto bits = static_cast<unsigned>(*p++ - '0');
+  if (p != end && *p >= '0' && *p <= '9') {
+    if (zero) return nullptr;
+    bits = bits * 10 + static_cast<unsigned>(*p++ - '0');
+  }
+  if (bits > 32 || p == end || *p != '\n') return nullptr;
+  return p + 1;
+}
+
+bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
+
 class ListBuilder {
  public:
   explicit ListBuilder(GeoIPList& list) : list_(list) {}
@@ -30,13 +64,41 @@ class ListBuilder {
     ++list_.cidrCount;
   }
 
+  // A list is mostly lines that are already what the cache file holds: runs of them are copied as
+  // they are, in one piece, and only the other lines are trimmed, skipped or judged one by one.
   void lines(std::string_view text) {
-    while (!text.empty()) {
-      const std::size_t end = text.find('\n');
-      line(text.substr(0, end));
-      if (end == std::string_view::npos) break;
-      text.remove_prefix(end + 1);
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    const char* run = p;  // the start of the current run of lines kept as they are
+    std::size_t runLines = 0;
+    auto flush = [&](const char* upTo) {
+      list_.text.append(run, static_cast<std::size_t>(upTo - run));
+      list_.cidrCount += runLines;
+      runLines = 0;
+    };
+    while (p != end) {
+      if (const char* next = plainIPv4Line(p, end)) {
+        ++runLines;
+        p = next;
+        continue;
+      }
+      const auto* newline = static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
+      if (!newline) {
+        flush(p);
+        line(std::string_view(p, static_cast<std::size_t>(end - p)));
+        return;
+      }
+      const std::string_view entry(p, static_cast<std::size_t>(newline - p));
+      if (!entry.empty() && !isSpace(entry.front()) && !isSpace(entry.back()) && isCidr(entry)) {
+        ++runLines;  // an IPv6 range, already as the cache file holds it
+      } else {
+        flush(p);
+        line(entry);
+        run = newline + 1;
+      }
+      p = newline + 1;
     }
+    flush(p);
   }
 
  private:

@@ -49,6 +49,7 @@ class ScriptedBackend final : public HttpTransport {
   void send(HttpRequest request, HttpCompletion completion) override {
     const std::string endpoint = request.url.substr(request.url.rfind('/') + 1);
     ++counts_[endpoint];
+    urls_.push_back(request.url);
     HttpResult result = HttpResponse{404, {}, R"({"message":"not found"})"};
     if (auto found = answers_.find(endpoint); found != answers_.end()) result = found->second;
     loop_.postAfter(latency_, [completion = std::move(completion), result = std::move(result)]() mutable {
@@ -65,6 +66,8 @@ class ScriptedBackend final : public HttpTransport {
     auto found = counts_.find(endpoint);
     return found == counts_.end() ? 0 : found->second;
   }
+  // Every address asked, in order.
+  [[nodiscard]] const std::vector<std::string>& urls() const { return urls_; }
 
   // A WireGuard key text that names `server` as its endpoint, and the key endpoints' answer with it.
   static std::string keyText(const std::string& server) {
@@ -80,6 +83,7 @@ class ScriptedBackend final : public HttpTransport {
   EventLoop& loop_;
   std::map<std::string, HttpResult> answers_;
   std::map<std::string, int> counts_;
+  std::vector<std::string> urls_;
   EventLoop::Duration latency_{std::chrono::milliseconds(100)};
 };
 

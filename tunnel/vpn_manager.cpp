@@ -6,7 +6,7 @@ namespace norvik {
 
 VPNManager::VPNManager(Dependencies d)
     : context_{d.loop, d.tunnels, d.groupDefaults, d.standardDefaults, d.clock, d.log, d.analytics, record_},
-      softRemoval_(context_, [this](std::string keyText,
+      softRemoval_(context_, [this](const std::string& keyText,
                                     Done completion) { installer_.installKey(keyText, std::move(completion)); }),
       connector_(context_, softRemoval_),
       installer_(context_, connector_, softRemoval_, std::move(d.extrasSnapshot)),
@@ -42,7 +42,7 @@ void VPNManager::start(std::move_only_function<void()> loaded) {
   initialStateCheck_.start(context_.loop, kInitialStateCheckDelay, [this] {
     context_.log.format("[VPNManager] Checking initial VPN state: {}", toString(record_.connectionState.get()));
   });
-  appGroupsCheckTimer_.start(context_.loop, kWidgetRequestPeriod, [this] { checkWidgetDisconnectRequest(); });
+  appGroupsCheckTimer_.startAligned(context_.loop, kWidgetRequestPeriod, [this] { checkWidgetDisconnectRequest(); });
 }
 
 void VPNManager::adoptConfigurations(const std::vector<TunnelConfiguration>& managers) {

@@ -57,8 +57,8 @@ void WidgetCommandCenter::start() {
   stateSubscription_ = vpn_.connectionState().subscribe([this](const TunnelStatus&) { schedulePublish(); });
   configuredSubscription_ = vpn_.isConfigured().subscribe([this](const bool&) { schedulePublish(); });
   publish(false);
-  pollTimer_.start(loop_, kPollPeriod, [this] { handleCommandFile(); });
-  heartbeatTimer_.start(loop_, kHeartbeatPeriod, [this] { publish(true); });
+  pollTimer_.startAligned(loop_, kPollPeriod, [this] { handleCommandFile(); });
+  heartbeatTimer_.startAligned(loop_, kHeartbeatPeriod, [this] { publish(true); });
 }
 
 void WidgetCommandCenter::stop() {
@@ -117,7 +117,9 @@ void WidgetCommandCenter::schedulePublish() {
 void WidgetCommandCenter::publish(bool heartbeat) {
   WidgetVPNState state = currentState();
   if (!heartbeat && lastPublished_ && lastPublished_->sameContent(state)) return;
-  if (auto written = writeFileAtomically(stateFile(), encodeWidgetState(state)); !written) {
+  // Written at start and on every change: a crash loses nothing the next start does not rewrite.
+  if (auto written = writeFileAtomically(stateFile(), encodeWidgetState(state), 0644, {}, FileDurability::replaceOnly);
+      !written) {
     // The last state stays unwritten in lastPublished_, so the next change tries again.
     log_.format("[Widget] не удалось записать состояние: {}", written.error().description());
     return;

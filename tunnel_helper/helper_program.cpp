@@ -17,6 +17,7 @@
 #include "tunnel_helper/netlink_configurator.h"
 #include "tunnel_helper/privilege.h"
 #include "tunnel_helper/session_preparation.h"
+#include "tunnel_helper/system_dns.h"
 #include "tunnel_helper/wireguard_go_device.h"
 
 namespace norvik::tunnel_helper {
@@ -29,6 +30,8 @@ struct RunOptions {
   std::string interfacePrefix = "norvik";
   std::string wireguardGo = "wireguard-go";
   long long handshakeTimeoutMs = 20000;
+  SystemDnsChoice dns;
+  std::string resolvedBus;  // empty: the system bus
 };
 
 // Log lines go to standard error, where the application picks them up for its own log.
@@ -144,6 +147,7 @@ int runSession(const RunOptions& options) {
                              command ? "первой должна прийти конфигурация туннеля" : command.error()));
     return 1;
   }
+  const auto preparing = std::chrono::steady_clock::now();
   auto prepared = prepareSession(command->configuration, systemResolver(std::chrono::seconds(5)));
   if (!prepared) {
     fail(log, prepared.error());
@@ -152,14 +156,28 @@ int runSession(const RunOptions& options) {
   for (const std::string& note : prepared->notes) log.format("[Tunnel] {}", note);
   const RoutingPlan& plan = prepared->session.plan;
   const auto bypass = std::ranges::count_if(plan.routes, [](const PlannedRoute& r) { return r.bypass; });
-  log.format("[Tunnel] режим {}: {} маршрутов в туннель, {} в обход, пиров {}", toString(prepared->settings.mode),
-             plan.routes.size() - static_cast<std::size_t>(bypass), bypass, prepared->settings.key.peers.size());
+  log.format(
+      "[Tunnel] режим {}: {} маршрутов в туннель, {} в обход{}, пиров {}; подготовка за {} мс",
+      toString(prepared->settings.mode), plan.routes.size() - static_cast<std::size_t>(bypass), bypass,
+      plan.bypassList ? " и список GeoIP после подключения" : "", prepared->settings.key.peers.size(),
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - preparing).count());
 
   AsioEventLoop loop(1);
   StdoutReporter reporter(loop);
   WireGuardGoDevice device(log, WireGuardGoDevice::Options{options.wireguardGo, options.interfacePrefix});
   NetlinkConfigurator network(log);
-  TunnelSession session(loop, log, device, network, reporter,
+  // Left-overs of any kind first (a saved resolv.conf outlives a crash of the machine), then the way
+  // this machine's resolvers are set today.
+  repairDnsLeftovers(log, options.dns);
+  auto dns = chooseSystemDns(log, options.dns, makeSdBusResolved(options.resolvedBus));
+  if (plan.dns) {
+    std::string servers;
+    for (const IpAddress& server : plan.dns->servers) servers += (servers.empty() ? "" : ", ") + server.toString();
+    log.format("[Tunnel] DNS туннеля: {} — через {}", servers, dns->name());
+  } else if (prepared->settings.mode == TunnelRoutingMode::services) {
+    log.write("[Tunnel] режим services: DNS системы не меняется");
+  }
+  TunnelSession session(loop, log, device, network, *dns, reporter,
                         TunnelSession::Options{std::chrono::milliseconds(options.handshakeTimeoutMs)});
 
   asio::signal_set stopSignals(loop.context(), SIGTERM, SIGINT, SIGHUP);
@@ -252,8 +270,18 @@ int runTunnelHelper(int argc, char** argv) {
       ->envname("NORVIK_WIREGUARD_GO");
   app.add_option("--handshake-timeout-ms", options.handshakeTimeoutMs, "Give up when no handshake completes by then")
       ->check(CLI::Range(1000LL, 600000LL));
+  app.add_option("--state-dir", options.dns.stateDir,
+                 "Where the machine's own resolver settings are kept while a tunnel replaces them")
+      ->envname("NORVIK_TUNNEL_STATE_DIR")
+      ->capture_default_str();
+  app.add_option("--resolvconf", options.dns.resolvconfProgram, "The resolvconf program")
+      ->envname("NORVIK_RESOLVCONF")
+      ->capture_default_str();
+  app.add_option("--resolved-bus", options.resolvedBus, "D-Bus address of systemd-resolved (default: the system bus)")
+      ->envname("NORVIK_RESOLVED_BUS");
   auto* probe = app.add_subcommand("probe", "Exit status 0 when a tunnel can be run here");
-  auto* cleanup = app.add_subcommand("cleanup", "Remove rules and routes a killed helper left behind");
+  auto* cleanup = app.add_subcommand(
+      "cleanup", "Remove the rules and routes a killed helper left behind and give the machine its resolvers back");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -269,6 +297,7 @@ int runTunnelHelper(int argc, char** argv) {
   if (cleanup->parsed()) {
     StderrLog log;
     NetlinkConfigurator(log).removeLeftovers();
+    repairDnsLeftovers(log, options.dns);
     return 0;
   }
   return runSession(options);

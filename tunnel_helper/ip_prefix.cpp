@@ -3,19 +3,24 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
+#include <cstring>
 
 namespace norvik::tunnel_helper {
 
 std::optional<IpAddress> IpAddress::parse(std::string_view text) {
   // inet_pton wants a terminated string; nothing valid is longer than this.
   if (text.empty() || text.size() >= INET6_ADDRSTRLEN) return std::nullopt;
-  const std::string terminated(text);
+  char terminated[INET6_ADDRSTRLEN];
+  std::memcpy(terminated, text.data(), text.size());
+  terminated[text.size()] = '\0';
   IpAddress address;
-  if (::inet_pton(AF_INET, terminated.c_str(), address.bytes.data()) == 1) {
+  // One family is tried: lists of tens of thousands of ranges are read at every smart-mode start.
+  const bool v6 = text.find(':') != std::string_view::npos;
+  if (!v6 && ::inet_pton(AF_INET, terminated, address.bytes.data()) == 1) {
     address.family = AF_INET;
     return address;
   }
-  if (::inet_pton(AF_INET6, terminated.c_str(), address.bytes.data()) == 1) {
+  if (v6 && ::inet_pton(AF_INET6, terminated, address.bytes.data()) == 1) {
     address.family = AF_INET6;
     return address;
   }

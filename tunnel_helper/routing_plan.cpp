@@ -60,20 +60,57 @@ RoutingPlan planRouting(const TunnelSettings& settings, const std::vector<IpPref
       if (!settings.geoBypassAllowed) {
         plan.notes.emplace_back("обход по GeoIP запрещён бэкендом — умный режим ведёт всё через туннель");
       } else {
-        const bool anyIPv6 =
-            added.contains(defaultRoute(AF_INET6)) ||
-            std::ranges::any_of(plan.routes, [](const PlannedRoute& r) { return !r.prefix.address.isV4(); });
-        for (const IpPrefix& range : geoip) {
-          if (!range.address.isV4() && !anyIPv6) continue;
-          if (added.insert(range.masked()).second) plan.routes.push_back({range.masked(), true});
-        }
+        auto bypass = bypassRoutes(geoip, plan.routes);
+        plan.routes.insert(plan.routes.end(), bypass.begin(), bypass.end());
       }
     }
   }
   for (const PlannedRoute& r : plan.routes) {
     (r.prefix.address.isV4() ? plan.ipv4 : plan.ipv6) = true;
   }
+  if (settings.mode != TunnelRoutingMode::services && !key.interface.dns.empty()) {
+    DnsPlan dns;
+    for (const IpAddress& server : key.interface.dns) {
+      // A resolver the tunnel cannot reach would leave the machine without names.
+      const bool carried = server.isV4() || carriesIPv6;
+      const bool routed = std::ranges::any_of(plan.routes, [&](const PlannedRoute& r) {
+        return !r.bypass && r.prefix.address.family == server.family && r.prefix.contains(server);
+      });
+      if (carried && routed) {
+        dns.servers.push_back(server);
+      } else {
+        plan.notes.push_back(fmt::format("DNS {} не идёт через туннель — не используется", server.toString()));
+      }
+    }
+    dns.searchDomains = key.interface.dnsSearch;
+    if (dns.servers.empty()) {
+      plan.notes.emplace_back("ни один DNS ключа не идёт через туннель — DNS системы не меняется");
+    } else {
+      plan.dns = std::move(dns);
+    }
+  }
   return plan;
+}
+
+std::vector<PlannedRoute> bypassRoutes(const std::vector<IpPrefix>& geoip,
+                                       const std::vector<PlannedRoute>& tunnelRoutes) {
+  const bool anyIPv6 =
+      std::ranges::any_of(tunnelRoutes, [](const PlannedRoute& r) { return !r.bypass && !r.prefix.address.isV4(); });
+  // Tens of thousands of ranges: repeats among them go by one look along the list, not by a set.
+  std::vector<IpPrefix> kept;
+  kept.reserve(geoip.size());
+  for (const IpPrefix& range : geoip) {
+    if (!range.address.isV4() && !anyIPv6) continue;
+    const IpPrefix masked = range.masked();
+    const bool intoTunnel =
+        std::ranges::any_of(tunnelRoutes, [&](const PlannedRoute& r) { return !r.bypass && r.prefix == masked; });
+    if (!intoTunnel) kept.push_back(masked);
+  }
+  removeRepeats(kept);
+  std::vector<PlannedRoute> out;
+  out.reserve(kept.size());
+  for (const IpPrefix& range : kept) out.push_back({range, true});
+  return out;
 }
 
 }  // namespace norvik::tunnel_helper

@@ -105,6 +105,24 @@ TEST(TunnelSettingsTest, TheGeoIPListSkipsWhatWouldSwallowEverything) {
   EXPECT_FALSE(readGeoIPRanges(dir / "missing.txt").has_value());
 }
 
+TEST(TunnelSettingsTest, RepeatsGoAndTheOrderStaysWhateverTheListsOrder) {
+  auto texts = [](const std::vector<IpPrefix>& prefixes) {
+    Strings out;
+    for (const auto& p : prefixes) out.push_back(p.toString());
+    return out;
+  };
+  std::vector<IpPrefix> sorted{prefix("5.8.0.0/16"), prefix("5.8.0.0/24"), prefix("9.0.0.0/8"), prefix("2a00::/16")};
+  removeRepeats(sorted);
+  EXPECT_EQ(texts(sorted), (Strings{"5.8.0.0/16", "5.8.0.0/24", "9.0.0.0/8", "2a00::/16"}));
+  std::vector<IpPrefix> unsorted{prefix("9.0.0.0/8"), prefix("2a00::/16"), prefix("5.8.0.0/16")};
+  removeRepeats(unsorted);
+  EXPECT_EQ(texts(unsorted), (Strings{"9.0.0.0/8", "2a00::/16", "5.8.0.0/16"}));
+  std::vector<IpPrefix> repeated{prefix("9.0.0.0/8"), prefix("2a00::/16"), prefix("9.0.0.0/8"), prefix("1.0.0.0/8"),
+                                 prefix("2a00::/16")};
+  removeRepeats(repeated);
+  EXPECT_EQ(texts(repeated), (Strings{"9.0.0.0/8", "2a00::/16", "1.0.0.0/8"}));
+}
+
 TEST(RoutingPlanTest, FullModeSendsEverythingThroughTheTunnelBesideTheLocalNetwork) {
   const auto settings =
       settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32, fd00:66::2/128")}, {"routing.goMode", "2"}});
@@ -119,9 +137,9 @@ TEST(RoutingPlanTest, FullModeSendsEverythingThroughTheTunnelBesideTheLocalNetwo
   // Rules: the main table's narrower routes first, then the tunnel for all but the marked packets.
   const auto rules = rulesFor(plan);
   ASSERT_EQ(rules.size(), 4u);
-  EXPECT_EQ(rules[0], (RoutingRule{AF_INET, 28276, 254, std::nullopt, false, 0}));
+  EXPECT_EQ(rules[0], (RoutingRule{AF_INET, 28276, 254, std::nullopt, false, 0, std::nullopt}));
   EXPECT_EQ(rules[1], (RoutingRule{AF_INET, 28277, routing_constants::kTable, routing_constants::kFirewallMark, true,
-                                   std::nullopt}));
+                                   std::nullopt, std::nullopt}));
   EXPECT_EQ(rules[3].family, AF_INET6);
 }
 
@@ -184,6 +202,40 @@ TEST(RoutingPlanTest, ServicesModeRoutesOnlyTheServicesAndTheWatchedAddresses) {
   const auto rules = rulesFor(plan);
   ASSERT_EQ(rules.size(), 1u);
   EXPECT_EQ(rules[0].table, routing_constants::kTable);
+}
+
+TEST(RoutingPlanTest, TheKeysResolversServeFullAndSmartThroughTheTunnelAndServicesKeepsTheSystems) {
+  const std::string key = keyText("10.66.1.2/32", "0.0.0.0/0", "DNS = 10.64.0.1, fd00::53, corp.example");
+  for (const char* mode : {"2", "0"}) {
+    const auto plan = planRouting(settingsFor(Json{{"wgQuickConfig", key}, {"routing.goMode", mode}}), {}, {});
+    ASSERT_TRUE(plan.dns.has_value()) << mode;
+    // No IPv6 in the tunnel: an IPv6 resolver could not be reached, so it is not used.
+    EXPECT_EQ(plan.dns->servers, (std::vector{*IpAddress::parse("10.64.0.1")})) << mode;
+    EXPECT_EQ(plan.dns->searchDomains, (Strings{"corp.example"}));
+    EXPECT_NE(std::ranges::find(plan.notes, "DNS fd00::53 не идёт через туннель — не используется"), plan.notes.end());
+    // The resolver's own rule comes first, so a local network covering 10.64.0.1 cannot take it;
+    // before it, the tunnel's own marked packets go to the main table, whatever their address.
+    const auto rules = rulesFor(plan);
+    ASSERT_GE(rules.size(), 2u);
+    EXPECT_EQ(rules[0],
+              (RoutingRule{AF_INET, 28274, 254, routing_constants::kFirewallMark, false, std::nullopt, std::nullopt}));
+    EXPECT_EQ(rules[1], (RoutingRule{AF_INET, 28275, routing_constants::kTable, std::nullopt, false, std::nullopt,
+                                     prefix("10.64.0.1/32")}));
+    EXPECT_TRUE(std::ranges::none_of(rules, [](const RoutingRule& r) { return r.invert && r.destination; }))
+        << "an inverted rule with a destination would also catch the tunnel's own packets";
+  }
+  const auto services = planRouting(
+      settingsFor(Json{{"wgQuickConfig", key}, {"routing.goMode", "1"}, {"routing.serviceCIDRs", "8.8.8.0/24"}}), {},
+      {});
+  EXPECT_FALSE(services.dns.has_value());
+  EXPECT_EQ(rulesFor(services).size(), 1u) << "no resolver rules: the system's resolvers stay";
+
+  // A key whose resolvers lie outside what it carries leaves the system's resolvers alone.
+  const auto partial =
+      planRouting(settingsFor(Json{{"wgQuickConfig", keyText("10.66.1.2/32", "10.0.0.0/8", "DNS = 1.1.1.1")},
+                                   {"routing.goMode", "2"}}),
+                  {}, {});
+  EXPECT_FALSE(partial.dns.has_value());
 }
 
 TEST(RoutingPlanTest, TheKeysOwnMtuWinsOverTheBackendsHint) {

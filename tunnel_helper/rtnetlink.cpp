@@ -96,6 +96,7 @@ std::optional<std::uint32_t> u32Attribute(
 
 std::string describeRule(const RoutingRule& rule) {
   std::string text = fmt::format("rule {} pref {}", rule.family == AF_INET ? "-4" : "-6", rule.priority);
+  if (rule.destination) text += " to " + rule.destination->toString();
   if (rule.firewallMark) text += fmt::format(" {}fwmark {:#x}", rule.invert ? "not " : "", *rule.firewallMark);
   text += fmt::format(" table {}", rule.table);
   if (rule.suppressPrefixLength) text += fmt::format(" suppress_prefixlength {}", *rule.suppressPrefixLength);
@@ -135,16 +136,26 @@ RouteNetlink::~RouteNetlink() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages, bool ignoreMissing) {
+std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages, bool ignoreMissing,
+                                                  bool acknowledgeLastOnly) {
   std::size_t next = 0;
   while (next < messages.size()) {
     // A batch: as many messages as fit, each with its own sequence number.
     std::vector<std::uint8_t> buffer;
-    std::map<std::uint32_t, std::size_t> pending;
+    std::map<std::uint32_t, std::size_t> inBatch;
+    std::size_t pending = 0;  // acknowledgements still to come
     while (next < messages.size() && (buffer.empty() || buffer.size() + messages[next].bytes.size() <= kBatchBytes)) {
       auto* header = reinterpret_cast<nlmsghdr*>(messages[next].bytes.data());
       header->nlmsg_seq = sequence_++;
-      pending[header->nlmsg_seq] = next;
+      inBatch[header->nlmsg_seq] = next;
+      const bool lastOfBatch = next + 1 == messages.size() ||
+                               buffer.size() + header->nlmsg_len + messages[next + 1].bytes.size() > kBatchBytes;
+      // The kernel handles a batch in order within the send; errors are reported whether asked for
+      // or not, so one acknowledgement at the end of a batch says that all of it was handled.
+      if (acknowledgeLastOnly && !lastOfBatch) {
+        header->nlmsg_flags = static_cast<std::uint16_t>(header->nlmsg_flags & ~NLM_F_ACK);
+      }
+      if ((header->nlmsg_flags & NLM_F_ACK) != 0) ++pending;
       buffer.insert(buffer.end(), messages[next].bytes.begin(), messages[next].bytes.end());
       ++next;
     }
@@ -152,11 +163,11 @@ std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages,
     kernel.nl_family = AF_NETLINK;
     const ssize_t sent =
         ::sendto(fd_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
-    if (sent < 0) return std::unexpected(netlinkError(errno, messages[pending.begin()->second].what));
+    if (sent < 0) return std::unexpected(netlinkError(errno, messages[inBatch.begin()->second].what));
 
     std::optional<Error> firstError;
     std::vector<std::uint8_t> answer(64 * 1024);
-    while (!pending.empty()) {
+    while (pending > 0) {
       const ssize_t n = ::recv(fd_, answer.data(), answer.size(), 0);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) return std::unexpected(netlinkError(errno, "recv(NETLINK_ROUTE)"));
@@ -164,14 +175,17 @@ std::expected<void, Error> RouteNetlink::transact(std::vector<Message> messages,
       for (auto* header = reinterpret_cast<nlmsghdr*>(answer.data()); NLMSG_OK(header, length);
            header = NLMSG_NEXT(header, length)) {
         if (header->nlmsg_type != NLMSG_ERROR) continue;
-        auto it = pending.find(header->nlmsg_seq);
-        if (it == pending.end()) continue;
+        auto it = inBatch.find(header->nlmsg_seq);
+        if (it == inBatch.end()) continue;
         const auto* error = reinterpret_cast<const nlmsgerr*>(NLMSG_DATA(header));
         const int err = -error->error;
         const bool missing = err == ENOENT || err == ESRCH || err == ENODEV;
         if (err != 0 && !(ignoreMissing && missing) && !firstError)
           firstError = netlinkError(err, messages[it->second].what);
-        pending.erase(it);
+        const auto* request = reinterpret_cast<const nlmsghdr*>(messages[it->second].bytes.data());
+        // An error answers a message that asked for no acknowledgement too; only those that asked count.
+        if ((request->nlmsg_flags & NLM_F_ACK) != 0 && pending > 0) --pending;
+        inBatch.erase(it);
       }
     }
     if (firstError) return std::unexpected(*firstError);
@@ -278,7 +292,7 @@ std::expected<void, Error> RouteNetlink::addRoutes(std::uint32_t table, int inde
     messages.push_back({builder.finish(0), fmt::format("route {}{} table {}", route.bypass ? "throw " : "",
                                                        route.prefix.toString(), table)});
   }
-  return transact(std::move(messages));
+  return transact(std::move(messages), /*ignoreMissing=*/false, /*acknowledgeLastOnly=*/true);
 }
 
 std::expected<std::size_t, Error> RouteNetlink::flushTable(int family, std::uint32_t table) {
@@ -306,7 +320,9 @@ std::expected<std::size_t, Error> RouteNetlink::flushTable(int family, std::uint
     messages.push_back({builder.finish(0), fmt::format("delete route from table {}", table)});
   }
   const std::size_t count = messages.size();
-  if (auto done = transact(std::move(messages), /*ignoreMissing=*/true); !done) return std::unexpected(done.error());
+  if (auto done = transact(std::move(messages), /*ignoreMissing=*/true, /*acknowledgeLastOnly=*/true); !done) {
+    return std::unexpected(done.error());
+  }
   return count;
 }
 
@@ -320,7 +336,12 @@ std::vector<std::uint8_t> ruleMessage(std::uint16_t type, std::uint16_t flags, c
   body.table = rule.table < 256 ? static_cast<std::uint8_t>(rule.table) : kTableInAttribute;
   body.action = FR_ACT_TO_TBL;
   body.flags = rule.invert ? FIB_RULE_INVERT : 0;
+  if (rule.destination) body.dst_len = static_cast<std::uint8_t>(rule.destination->length);
   builder.fixed(body);
+  if (rule.destination) {
+    builder.attribute(FRA_DST, rule.destination->address.bytes.data(),
+                      static_cast<std::size_t>(rule.destination->address.byteLength()));
+  }
   builder.u32(FRA_PRIORITY, rule.priority);
   builder.u32(FRA_TABLE, rule.table);
   if (rule.firewallMark) {
@@ -362,6 +383,15 @@ std::expected<std::vector<RoutingRule>, Error> RouteNetlink::listRules(int famil
     rule.invert = (header.flags & FIB_RULE_INVERT) != 0;
     if (auto suppress = u32Attribute(attrs, FRA_SUPPRESS_PREFIXLEN); suppress && *suppress != 0xFFFFFFFFu) {
       rule.suppressPrefixLength = suppress;
+    }
+    if (auto dst = attrs.find(FRA_DST); dst != attrs.end()) {
+      IpPrefix prefix;
+      prefix.address.family = header.family;
+      prefix.length = header.dst_len;
+      if (dst->second.second == static_cast<std::size_t>(prefix.address.byteLength())) {
+        std::memcpy(prefix.address.bytes.data(), dst->second.first, dst->second.second);
+        rule.destination = prefix;
+      }
     }
     out.push_back(rule);
   }

@@ -13,7 +13,7 @@
 
 namespace norvik::tunnel_helper {
 
-// A routing policy rule, as far as the tunnel uses them: "[not] fwmark M lookup T" and
+// A routing policy rule, as far as the tunnel uses them: "[to P] [not] fwmark M lookup T" and
 // "lookup T suppress_prefixlength N", at a priority.
 struct RoutingRule {
   int family = AF_INET;
@@ -22,6 +22,7 @@ struct RoutingRule {
   std::optional<std::uint32_t> firewallMark;  // with a full mask
   bool invert = false;                        // "not": the rule applies to what does not match
   std::optional<std::uint32_t> suppressPrefixLength;
+  std::optional<IpPrefix> destination;  // "to P"
   bool operator==(const RoutingRule&) const = default;
 };
 
@@ -59,7 +60,8 @@ class RouteNetlink {
     std::vector<std::uint8_t> bytes;
     std::string what;  // names the change in errors
   };
-  [[nodiscard]] std::expected<void, Error> transact(std::vector<Message> messages, bool ignoreMissing = false);
+  [[nodiscard]] std::expected<void, Error> transact(std::vector<Message> messages, bool ignoreMissing = false,
+                                                    bool acknowledgeLastOnly = false);
   [[nodiscard]] std::expected<std::vector<std::vector<std::uint8_t>>, Error> dump(std::uint16_t type, int family);
 
   int fd_ = -1;

@@ -146,20 +146,11 @@ std::expected<Preparation, Error> prepareSession(const nlohmann::json& configura
     endpoints.push_back({addresses->front(), peer.endpoint.port});
   }
 
-  std::vector<IpPrefix> geoip;
-  if (settings->mode == TunnelRoutingMode::smart && settings->geoBypassAllowed) {
-    if (!settings->geoipPath) {
-      out.notes.emplace_back("списка GeoIP нет — умный режим ведёт всё через туннель");
-    } else if (auto ranges = readGeoIPRanges(*settings->geoipPath); !ranges) {
-      out.notes.push_back(
-          fmt::format("список GeoIP не прочитан ({}) — умный режим ведёт всё через туннель", ranges.error()));
-    } else {
-      geoip = std::move(ranges->ranges);
-      if (ranges->skippedLines > 0) {
-        out.notes.push_back(fmt::format("GeoIP: пропущено строк {}, первая «{}»", ranges->skippedLines,
-                                        ranges->firstSkipped.value_or("")));
-      }
-    }
+  // The GeoIP list is read after the connect, with its routes (NetlinkConfigurator): a country's
+  // tens of thousands of lines never delay the tunnel.
+  const bool bypassByList = settings->mode == TunnelRoutingMode::smart && settings->geoBypassAllowed;
+  if (bypassByList && !settings->geoipPath) {
+    out.notes.emplace_back("списка GeoIP нет — умный режим ведёт всё через туннель");
   }
 
   std::vector<IpAddress> watchAddresses;
@@ -172,7 +163,8 @@ std::expected<Preparation, Error> prepareSession(const nlohmann::json& configura
     }
   }
 
-  out.session.plan = planRouting(*settings, geoip, watchAddresses);
+  out.session.plan = planRouting(*settings, {}, watchAddresses);
+  if (bypassByList) out.session.plan.bypassList = settings->geoipPath;
   out.session.setRequest = uapiSetRequest(settings->key, endpoints, routing_constants::kFirewallMark);
   out.notes.insert(out.notes.end(), out.session.plan.notes.begin(), out.session.plan.notes.end());
   out.settings = std::move(*settings);

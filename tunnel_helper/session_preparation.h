@@ -39,9 +39,9 @@ struct Preparation {
 
 // Everything a session needs, checked and worked out before the system is touched: the key text
 // and extras are read (a bad key text is configurationInvalid), each peer's endpoint is resolved (a
-// name that does not resolve is connectionFailed), the GeoIP list is read for the smart mode (when
-// it cannot be read, everything goes through the tunnel and a note says why), the watch domains
-// are resolved for the services mode, and the routing plan and the device configuration are made.
+// name that does not resolve is connectionFailed), the watch domains are resolved for the services
+// mode, and the routing plan and the device configuration are made. The smart mode's GeoIP list is
+// only named in the plan (`bypassList`): it is read once the tunnel is connected.
 [[nodiscard]] std::expected<Preparation, Error> prepareSession(const nlohmann::json& configuration,
                                                                const HostResolver& resolve);
 

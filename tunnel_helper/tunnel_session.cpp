@@ -5,12 +5,13 @@
 namespace norvik::tunnel_helper {
 
 TunnelSession::TunnelSession(EventLoop& loop, Log& log, WireGuardDevice& device, NetworkConfigurator& network,
-                             SessionReporter& reporter, Options options)
-    : loop_(loop), log_(log), device_(device), network_(network), reporter_(reporter), options_(options) {}
+                             SystemDns& dns, SessionReporter& reporter, Options options)
+    : loop_(loop), log_(log), device_(device), network_(network), dns_(dns), reporter_(reporter), options_(options) {}
 
 TunnelSession::~TunnelSession() {
   // A session destroyed while running still gives the network back.
   if (state_ == State::connecting || state_ == State::connected) {
+    if (dnsApplied_) dns_.restore();
     network_.restore();
     device_.destroy();
   }
@@ -19,6 +20,7 @@ TunnelSession::~TunnelSession() {
 void TunnelSession::start(const PreparedSession& prepared) {
   if (state_ != State::idle) return;
   state_ = State::connecting;
+  dns_.repairLeftovers();
   network_.removeLeftovers();
 
   auto name = device_.create();
@@ -35,6 +37,14 @@ void TunnelSession::start(const PreparedSession& prepared) {
   if (auto applied = network_.apply(interfaceName_, prepared.plan); !applied) {
     return finish(makeNEVPNError(NEVPNErrorCode::configurationReadWriteFailed,
                                  "не удалось настроить маршруты: " + applied.error().message));
+  }
+  if (prepared.plan.dns) {
+    // Marked before the attempt: a half-done change is taken back like a whole one.
+    dnsApplied_ = true;
+    if (auto set = dns_.apply(interfaceName_, *prepared.plan.dns); !set) {
+      return finish(makeNEVPNError(NEVPNErrorCode::configurationReadWriteFailed,
+                                   "не удалось настроить DNS (" + dns_.name() + "): " + set.error().message));
+    }
   }
   reporter_.connecting(interfaceName_);
   deadline_.start(loop_, options_.handshakeTimeout, [weak = weakFactory_.weak()] {
@@ -55,6 +65,7 @@ void TunnelSession::poll() {
     deadline_.stop();
     log_.format("[Tunnel] первое рукопожатие на {} — подключено", interfaceName_);
     reporter_.connected(interfaceName_, *state->lastHandshake());
+    network_.connected();
     return;
   }
   if (!state) log_.format("[Tunnel] состояние устройства не прочитано: {}", state.error().message);
@@ -89,7 +100,10 @@ void TunnelSession::finish(std::optional<Error> error) {
   pollTimer_.stop();
   deadline_.stop();
   if (wasRunning) {
-    // Rules first (inside restore), then the device: traffic never meets a rule without a table.
+    // The system's resolvers first, while the tunnel still carries the names; then the rules
+    // (inside restore), then the device: traffic never meets a rule without a table.
+    if (dnsApplied_) dns_.restore();
+    dnsApplied_ = false;
     network_.restore();
     device_.destroy();
   }

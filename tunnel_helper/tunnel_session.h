@@ -10,6 +10,7 @@
 #include "platform/log.h"
 #include "platform/weak_ptr_factory.h"
 #include "tunnel_helper/routing_plan.h"
+#include "tunnel_helper/system_dns.h"
 #include "tunnel_helper/uapi.h"
 
 namespace norvik::tunnel_helper {
@@ -37,6 +38,9 @@ class NetworkConfigurator {
   // Addresses, MTU and link state of the interface, then the tunnel's table, then the rules that
   // send traffic into it (last, so that nothing is steered into an incomplete table).
   [[nodiscard]] virtual std::expected<void, Error> apply(const std::string& interfaceName, const RoutingPlan& plan) = 0;
+  // The tunnel carries traffic (its first handshake): what could wait until now follows — the
+  // smart mode's bypass routes, whose ranges use the tunnel until then.
+  virtual void connected() {}
   // Takes back what apply did: the rules first, then the table. Best effort; safe to repeat.
   virtual void restore() = 0;
 };
@@ -62,10 +66,12 @@ struct PreparedSession {
 };
 
 // One tunnel session of the helper: creates the device, configures it, applies the routing plan,
-// and reports connecting; connected once the first handshake completes; or, when none completes
-// within the handshake time-out, fails with NEVPNErrorDomain connectionFailed. Whatever ends the
-// session — a stop, the device ending on its own, a failed step — the rules, the table and the
-// device are taken back before the end is reported, so the machine's network is as it was.
+// makes the plan's DNS servers the machine's resolvers, and reports connecting; connected once the first handshake
+// completes; or, when none completes within the handshake time-out, fails with NEVPNErrorDomain connectionFailed.
+// Whatever ends the session — a stop, the device ending on its own, a failed step — the resolvers, the rules, the table
+// and the device are taken back before the end is reported, so the machine's network is as it was. A plan whose
+// resolvers cannot be set fails the session: in full and smart mode every name looked up would otherwise leave beside
+// the tunnel.
 //
 // Threading: a main-loop object. The device and configurator calls are short and made on the loop.
 class TunnelSession {
@@ -76,7 +82,7 @@ class TunnelSession {
   };
   enum class State { idle, connecting, connected, ended };
 
-  TunnelSession(EventLoop& loop, Log& log, WireGuardDevice& device, NetworkConfigurator& network,
+  TunnelSession(EventLoop& loop, Log& log, WireGuardDevice& device, NetworkConfigurator& network, SystemDns& dns,
                 SessionReporter& reporter, Options options);
   TunnelSession(const TunnelSession&) = delete;
   TunnelSession& operator=(const TunnelSession&) = delete;
@@ -98,10 +104,12 @@ class TunnelSession {
   Log& log_;
   WireGuardDevice& device_;
   NetworkConfigurator& network_;
+  SystemDns& dns_;
   SessionReporter& reporter_;
   Options options_;
   State state_ = State::idle;
   std::string interfaceName_;
+  bool dnsApplied_ = false;
   OneShotTimer pollTimer_;
   OneShotTimer deadline_;
   WeakPtrFactory<TunnelSession> weakFactory_{this};

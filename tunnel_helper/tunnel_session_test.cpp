@@ -59,7 +59,25 @@ class FakeNetwork final : public NetworkConfigurator {
     if (failApply) return std::unexpected(Error{"POSIX", EEXIST, "rule exists"});
     return {};
   }
+  void connected() override { journal_.emplace_back("connected"); }
   void restore() override { journal_.emplace_back("restore"); }
+  bool failApply = false;
+
+ private:
+  Journal& journal_;
+};
+
+class FakeDns final : public SystemDns {
+ public:
+  explicit FakeDns(Journal& journal) : journal_(journal) {}
+  std::string name() const override { return "fake"; }
+  void repairLeftovers() override { journal_.emplace_back("repairDns"); }
+  std::expected<void, Error> apply(const std::string& name, const DnsPlan& plan) override {
+    journal_.push_back(fmt::format("dns {} {}", name, plan.servers.front().toString()));
+    if (failApply) return std::unexpected(Error{"POSIX", EROFS, "Read-only file system"});
+    return {};
+  }
+  void restore() override { journal_.emplace_back("restoreDns"); }
   bool failApply = false;
 
  private:
@@ -98,13 +116,14 @@ class TunnelSessionTest : public ::testing::Test {
   Journal journal_;
   FakeDevice device_{journal_};
   FakeNetwork network_{journal_};
+  FakeDns dns_{journal_};
   RecordingReporter reporter_;
-  TunnelSession session_{loop_, log_, device_, network_, reporter_, TunnelSession::Options{10s, 200ms}};
+  TunnelSession session_{loop_, log_, device_, network_, dns_, reporter_, TunnelSession::Options{10s, 200ms}};
 };
 
 TEST_F(TunnelSessionTest, ConnectsOnTheFirstHandshakeAndStopsGivingTheNetworkBackFirst) {
   session_.start(PreparedSession{"set=1\n\n", {}});
-  EXPECT_EQ(journal_, (Journal{"removeLeftovers", "create", "configure", "apply norvik0"}));
+  EXPECT_EQ(journal_, (Journal{"repairDns", "removeLeftovers", "create", "configure", "apply norvik0"}));
   EXPECT_EQ(reporter_.events, (std::vector<std::string>{"connecting norvik0"}));
   EXPECT_EQ(device_.configured, "set=1\n\n");
 
@@ -123,7 +142,9 @@ TEST_F(TunnelSessionTest, ConnectsOnTheFirstHandshakeAndStopsGivingTheNetworkBac
   EXPECT_EQ(reporter_.events.back(), "telemetry 7 92");
 
   session_.stop();
-  EXPECT_EQ(journal_, (Journal{"removeLeftovers", "create", "configure", "apply norvik0", "restore", "destroy"}));
+  EXPECT_EQ(journal_, (Journal{"repairDns", "removeLeftovers", "create", "configure", "apply norvik0", "connected",
+                               "restore", "destroy"}))
+      << "no DNS in the plan: the system's resolvers are not touched; what can wait follows the handshake";
   EXPECT_EQ(reporter_.events.back(), "stopped");
   session_.stop();
   EXPECT_EQ(reporter_.events.size(), 4u) << "a second stop does nothing";
@@ -165,9 +186,10 @@ TEST_F(TunnelSessionTest, AFailedStepUndoesWhateverWasDoneBeforeIt) {
     Journal journal;
     FakeDevice device(journal);
     FakeNetwork network(journal);
+    FakeDns dns(journal);
     RecordingReporter reporter;
     c.breakIt(device, network);
-    TunnelSession session(loop_, log_, device, network, reporter, {});
+    TunnelSession session(loop_, log_, device, network, dns, reporter, {});
     session.start(PreparedSession{"set=1\n\n", {}});
     EXPECT_EQ(session.state(), TunnelSession::State::ended) << c.name;
     EXPECT_EQ(std::vector(journal.end() - 2, journal.end()), (Journal{"restore", "destroy"})) << c.name;
@@ -189,12 +211,51 @@ TEST_F(TunnelSessionTest, TheDeviceDyingEndsTheSessionAndDestroyingItRestoresToo
   Journal journal;
   FakeDevice device(journal);
   FakeNetwork network(journal);
+  FakeDns dns(journal);
   RecordingReporter reporter;
   {
-    TunnelSession running(loop_, log_, device, network, reporter, {});
+    TunnelSession running(loop_, log_, device, network, dns, reporter, {});
     running.start(PreparedSession{"set=1\n\n", {}});
   }
   EXPECT_EQ(std::vector(journal.end() - 2, journal.end()), (Journal{"restore", "destroy"}));
+}
+
+PreparedSession withDns() {
+  PreparedSession prepared{"set=1\n\n", {}};
+  prepared.plan.dns = DnsPlan{{*IpAddress::parse("10.64.0.1")}, {"corp.example"}};
+  return prepared;
+}
+
+TEST_F(TunnelSessionTest, ResolversAreSetAfterTheRoutesAndGivenBackBeforeThem) {
+  session_.start(withDns());
+  EXPECT_EQ(journal_,
+            (Journal{"repairDns", "removeLeftovers", "create", "configure", "apply norvik0", "dns norvik0 10.64.0.1"}));
+  session_.stop();
+  EXPECT_EQ(std::vector(journal_.end() - 3, journal_.end()), (Journal{"restoreDns", "restore", "destroy"}));
+
+  // A death of the device gives them back the same way, once.
+  Journal journal;
+  FakeDevice device(journal);
+  FakeNetwork network(journal);
+  FakeDns dns(journal);
+  RecordingReporter reporter;
+  TunnelSession dying(loop_, log_, device, network, dns, reporter, {});
+  dying.start(withDns());
+  dying.deviceEnded("сигнал 9");
+  dying.stop();
+  EXPECT_EQ(std::ranges::count(journal, std::string("restoreDns")), 1);
+}
+
+TEST_F(TunnelSessionTest, ResolversThatCannotBeSetFailTheSessionRatherThanLeakNames) {
+  dns_.failApply = true;
+  session_.start(withDns());
+  EXPECT_EQ(session_.state(), TunnelSession::State::ended);
+  ASSERT_TRUE(reporter_.lastError.has_value());
+  EXPECT_EQ(reporter_.lastError->code, static_cast<int>(NEVPNErrorCode::configurationReadWriteFailed));
+  EXPECT_EQ(reporter_.lastError->message, "не удалось настроить DNS (fake): Read-only file system");
+  EXPECT_EQ(std::vector(journal_.end() - 3, journal_.end()), (Journal{"restoreDns", "restore", "destroy"}))
+      << "a half-done change is taken back too";
+  EXPECT_EQ(std::ranges::count(reporter_.events, std::string("connecting norvik0")), 0);
 }
 
 // Preparation: all of it happens before the system is touched, so a refusal here changes nothing.
@@ -249,11 +310,19 @@ TEST(SessionPreparationTest, SmartWithoutAListAndServicesWithWatchDomains) {
       prepareSession(Json{{"wgQuickConfig", kSessionKey}, {"geodata.geoip_cache.path", "/nonexistent/geoip.txt"}},
                      resolverFor({{"vpn.example.net", "10.200.0.1"}}));
   ASSERT_TRUE(smart.has_value());
+  // The list is read after the connect, with its routes: nothing of it delays the start.
   EXPECT_TRUE(std::ranges::none_of(smart->session.plan.routes, [](const PlannedRoute& r) { return r.bypass; }));
-  EXPECT_NE(std::ranges::find(smart->notes,
-                              "список GeoIP не прочитан (не открывается /nonexistent/geoip.txt) — умный "
-                              "режим ведёт всё через туннель"),
-            smart->notes.end());
+  EXPECT_EQ(smart->session.plan.bypassList, std::filesystem::path("/nonexistent/geoip.txt"));
+  auto noList = prepareSession(Json{{"wgQuickConfig", kSessionKey}}, resolverFor({{"vpn.example.net", "10.200.0.1"}}));
+  ASSERT_TRUE(noList.has_value());
+  EXPECT_FALSE(noList->session.plan.bypassList.has_value());
+  EXPECT_NE(std::ranges::find(noList->notes, "списка GeoIP нет — умный режим ведёт всё через туннель"),
+            noList->notes.end());
+  auto full = prepareSession(
+      Json{{"wgQuickConfig", kSessionKey}, {"routing.goMode", "2"}, {"geodata.geoip_cache.path", "/var/geoip.txt"}},
+      resolverFor({{"vpn.example.net", "10.200.0.1"}}));
+  ASSERT_TRUE(full.has_value());
+  EXPECT_FALSE(full->session.plan.bypassList.has_value()) << "the list is for the smart mode only";
 
   std::vector<std::string> asked;
   auto services = prepareSession(

@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstring>
 #include <fstream>
 #include <set>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+
+#include "platform/files.h"
 
 namespace norvik::tunnel_helper {
 namespace {
@@ -144,13 +147,16 @@ std::expected<TunnelSettings, KeyTextError> readTunnelSettings(const nlohmann::j
 }
 
 std::expected<GeoIPRanges, std::string> readGeoIPRanges(const std::filesystem::path& file) {
-  std::ifstream in(file);
-  if (!in) return std::unexpected(fmt::format("не открывается {}", file.string()));
+  // Read whole and taken apart in place: a country's list is tens of thousands of lines, and the
+  // smart mode's start waits for it.
+  auto text = readFile(file, 64u << 20);
+  if (!text) return std::unexpected(fmt::format("не открывается {}", file.string()));
   GeoIPRanges out;
-  std::set<IpPrefix> seen;
-  std::string line;
-  while (std::getline(in, line)) {
-    std::string_view view = line;
+  std::string_view rest = *text;
+  while (!rest.empty()) {
+    const std::size_t end = std::min(rest.find('\n'), rest.size());
+    std::string_view view = rest.substr(0, end);
+    rest.remove_prefix(std::min(end + 1, rest.size()));
     while (!view.empty() && std::isspace(static_cast<unsigned char>(view.back()))) view.remove_suffix(1);
     while (!view.empty() && std::isspace(static_cast<unsigned char>(view.front()))) view.remove_prefix(1);
     if (view.empty() || view.front() == '#') continue;
@@ -165,9 +171,35 @@ std::expected<GeoIPRanges, std::string> readGeoIPRanges(const std::filesystem::p
       ++out.skippedLines;
       continue;
     }
-    if (seen.insert(prefix->masked()).second) out.ranges.push_back(prefix->masked());
+    out.ranges.push_back(prefix->masked());
   }
+  removeRepeats(out.ranges);
   return out;
+}
+
+namespace {
+
+// The order of IpPrefix's comparison (family, address bytes, length), with the bytes compared whole.
+bool comesBefore(const IpPrefix& a, const IpPrefix& b) {
+  if (a.address.family != b.address.family) return a.address.family < b.address.family;
+  const int bytes = std::memcmp(a.address.bytes.data(), b.address.bytes.data(), a.address.bytes.size());
+  return bytes != 0 ? bytes < 0 : a.length < b.length;
+}
+
+}  // namespace
+
+void removeRepeats(std::vector<IpPrefix>& prefixes) {
+  // A list carries each range once and, as the backend serves it, in order: one look along it
+  // shows that. Only a list out of order is sorted (a copy) to look for repeats, and only a list
+  // with repeats pays for dropping them in order.
+  const auto outOfOrder =
+      std::ranges::adjacent_find(prefixes, [](const IpPrefix& a, const IpPrefix& b) { return !comesBefore(a, b); });
+  if (outOfOrder == prefixes.end()) return;
+  std::vector<IpPrefix> sorted = prefixes;
+  std::ranges::sort(sorted, comesBefore);
+  if (std::ranges::adjacent_find(sorted) == sorted.end()) return;
+  std::set<IpPrefix> seen;
+  std::erase_if(prefixes, [&](const IpPrefix& p) { return !seen.insert(p).second; });
 }
 
 }  // namespace norvik::tunnel_helper

@@ -62,4 +62,7 @@ struct GeoIPRanges {
 };
 [[nodiscard]] std::expected<GeoIPRanges, std::string> readGeoIPRanges(const std::filesystem::path& file);
 
+// Drops the second and later occurrences of each prefix, keeping the order of the first ones.
+void removeRepeats(std::vector<IpPrefix>& prefixes);
+
 }  // namespace norvik::tunnel_helper

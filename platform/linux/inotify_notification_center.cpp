@@ -50,7 +50,9 @@ void InotifyNotificationCenter::post(std::string_view name) {
   if (!isUsableName(name)) return;
   // A temporary name of our own, so that two processes posting at once do not collide.
   const std::string temporary = fmt::format(".{}.{}.{}", name, ::getpid(), ++postCounter_);
-  (void)writeFileAtomically(directory_ / std::string(name), fmt::format("{}\n", ::getpid()), 0600, temporary);
+  // The file is the signal, not data to keep: no fsync, which would block the poster every time.
+  (void)writeFileAtomically(directory_ / std::string(name), fmt::format("{}\n", ::getpid()), 0600, temporary,
+                            FileDurability::replaceOnly);
 }
 
 Subscription InotifyNotificationCenter::observe(std::string name, std::function<void()> observer) {

@@ -129,7 +129,8 @@ TEST_F(SqliteDefaultsTest, ATruncatedFileKeepsTheRowsThatStillRead) {
   constexpr int kRows = 300;
   {
     auto d = open();
-    for (int i = 0; i < kRows; ++i) d->setString(fmt::format("key{:04}", i), std::string(1000, 'a' + i % 26));
+    for (int i = 0; i < kRows; ++i)
+      d->setString(fmt::format("key{:04}", i), std::string(1000, static_cast<char>('a' + i % 26)));
   }
   auto whole = readFile(file_);
   ASSERT_TRUE(whole.has_value());

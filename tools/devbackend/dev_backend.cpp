@@ -172,6 +172,7 @@ std::expected<void, Error> DevBackend::Impl::prepare() {
   config.mainPatch = o.mainPatch;
   config.appUpdate = o.appUpdate;
   config.geoIPCount = o.geoIPCount;
+  config.geoIPCountry = o.geoIPCountry;
   config.clockOffset = o.clockOffset;
   auto feed = feedRelease(o, *signer, provisioning.provisioning);
   if (!feed) return std::unexpected(feed.error());

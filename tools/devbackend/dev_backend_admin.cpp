@@ -75,6 +75,7 @@ BackendReply DevBackendService::handleAdmin(const BackendRequest& request) {
         return adminError(400, fmt::format("expected {{\"count\": 0…{}}}", kMaxGeoIPEntries));
       }
       config_.geoIPCount = count->get<int>();
+      config_.geoIPCountry = false;
       rebuildGeoIP(config_.geoIPCount);
     }
     if (method == "POST" || method == "GET") {

@@ -123,7 +123,7 @@ std::int64_t DevBackendService::serverTime() const {
 }
 
 void DevBackendService::rebuildGeoIP(int count) {
-  auto list = geoIPList(count);
+  auto list = config_.geoIPCountry ? countryGeoIPList() : geoIPList(count);
   geoIPText_ = std::move(list.text);
   geoIPVersion_ = std::move(list.version);
 }

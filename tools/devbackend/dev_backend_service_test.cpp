@@ -2,15 +2,20 @@
 #include "tools/devbackend/dev_backend_service.h"
 
 #include <gtest/gtest.h>
+
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "backend/endpoints.h"
+#include "routing/geoip_payload.h"
 #include "testing/fake_device_socket.h"
 #include "testing/temp_dir.h"
 #include "testing/test_provisioning.h"
 #include "tools/devbackend/devbackend_test_support.h"
+#include "tools/devbackend/documents.h"
 #include "tools/devbackend/wireguard_keys.h"
 #include "tunnel/key_text.h"
+#include "tunnel_helper/ip_prefix.h"
 
 namespace norvik::devbackend {
 namespace {
@@ -443,6 +448,61 @@ TEST_F(DevBackendServiceTest, AServerWithADeviceSocketGetsEachIssuedKeyAsAPeer) 
   auto back = changeServer();
   ASSERT_TRUE(back.has_value()) << back.error().message;
   EXPECT_TRUE(serverLog_.contains("did not take the peer")) << server.name;
+}
+
+}  // namespace
+}  // namespace norvik::devbackend
+
+namespace norvik::devbackend {
+namespace {
+
+// The country-sized list is what the smart mode is checked against at scale: it must have a real
+// list's size and shape, and the client must take all of it.
+TEST(CountryGeoIPListTest, TwentyThousandAndFiveThousandAggregatedRangesThatTheClientAccepts) {
+  const VersionedText list = countryGeoIPList();
+  EXPECT_EQ(list.text, countryGeoIPList().text) << "the same list on every run";
+  EXPECT_TRUE(list.version.starts_with("dev-country-"));
+  auto accepted = acceptGeoIPPayload(list.text);
+  ASSERT_TRUE(accepted.has_value());
+  EXPECT_EQ(accepted->cidrCount, 25'000u);
+  EXPECT_EQ(accepted->malformedCount, 0u);
+
+  std::vector<tunnel_helper::IpPrefix> v4;
+  std::vector<tunnel_helper::IpPrefix> v6;
+  std::size_t start = 0;
+  for (std::size_t end = list.text.find('\n'); end != std::string::npos; end = list.text.find('\n', start)) {
+    auto prefix = tunnel_helper::IpPrefix::parse(std::string_view(list.text).substr(start, end - start));
+    ASSERT_TRUE(prefix.has_value()) << list.text.substr(start, end - start);
+    EXPECT_EQ(*prefix, prefix->masked()) << prefix->toString();
+    (prefix->address.isV4() ? v4 : v6).push_back(*prefix);
+    start = end + 1;
+  }
+  ASSERT_EQ(v4.size(), 20'000u);
+  ASSERT_EQ(v6.size(), 5'000u);
+  EXPECT_EQ(v4.front().toString(), "5.3.0.0/24");
+  EXPECT_EQ(v6.front().toString(), "2a00:1148::/32");
+  std::map<int, int> lengths;
+  for (const auto* family : {&v4, &v6}) {
+    for (std::size_t i = 1; i < family->size(); ++i) {
+      const auto& previous = (*family)[i - 1];
+      const auto& next = (*family)[i];
+      ++lengths[next.length];
+      // Sorted, apart and not mergeable: the next range starts beyond the previous one's end,
+      // and two equal neighbours are never the halves of one shorter prefix.
+      EXPECT_LT(previous.address, next.address);
+      EXPECT_FALSE(previous.contains(next.address)) << previous.toString() << " " << next.toString();
+      if (previous.length == next.length && previous.length > 0) {
+        auto parent = previous;
+        parent.length -= 1;
+        EXPECT_FALSE(parent.masked().contains(next.address)) << previous.toString() << " " << next.toString();
+      }
+    }
+  }
+  // The shape of a real list: /24 the most common, a spread from /16 to /24 and /29 to /48.
+  EXPECT_GT(lengths[24], 8000);
+  EXPECT_GT(lengths[16], 50);
+  EXPECT_GT(lengths[48], 1000);
+  EXPECT_GT(lengths[29], 300);
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 #include "tools/devbackend/documents.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <ctime>
+#include <initializer_list>
+#include <netinet/in.h>
 #include <vector>
 
 #include <fmt/format.h>
@@ -133,6 +136,90 @@ VersionedText geoIPList(int count) {
   }
   for (int i = 0; i < v6; ++i) text += fmt::format("{}\n", kGeoIPv6[i]);
   std::string version = "dev-" + shortDigest(text);
+  return {std::move(text), std::move(version)};
+}
+
+namespace {
+
+// A small deterministic generator: the same list on every machine and every run.
+class SplitMix {
+ public:
+  std::uint64_t next() {
+    std::uint64_t z = (state_ += 0x9E3779B97F4A7C15ull);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+  }
+
+ private:
+  std::uint64_t state_ = 27;
+};
+
+// Prefix lengths by weight in percent, as in published country lists.
+int pickLength(SplitMix& random, std::initializer_list<std::pair<int, int>> weights) {
+  int roll = static_cast<int>(random.next() % 100);
+  for (const auto& [length, weight] : weights) {
+    if (roll < weight) return length;
+    roll -= weight;
+  }
+  return weights.begin()->first;
+}
+
+// Ranges no public list carries: private, shared, loopback, link-local, test and multicast space.
+bool reservedIPv4(std::uint32_t first, std::uint32_t last) {
+  static constexpr std::pair<std::uint32_t, int> kReserved[] = {
+      {0x0A000000, 8},  {0x64400000, 10}, {0x7F000000, 8},  {0xA9FE0000, 16}, {0xAC100000, 12}, {0xC0000000, 24},
+      {0xC0000200, 24}, {0xC0A80000, 16}, {0xC6120000, 15}, {0xC6336400, 24}, {0xCB007100, 24}, {0xE0000000, 3}};
+  for (const auto& [network, length] : kReserved) {
+    const std::uint32_t end = network | (0xFFFFFFFFu >> length);
+    if (first <= end && last >= network) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+VersionedText countryGeoIPList(int v4, int v6) {
+  SplitMix random;
+  std::string text;
+  text.reserve(static_cast<std::size_t>(v4) * 16 + static_cast<std::size_t>(v6) * 20);
+  // IPv4: walk upwards from 5.3.0.0, each range aligned to its length, with a gap after it so that
+  // neighbours never merge into a shorter prefix.
+  std::uint64_t cursor = 0x05030000;
+  for (int i = 0; i < v4;) {
+    const int length =
+        i == 0
+            ? 24
+            : pickLength(random, {{24, 45}, {23, 15}, {22, 20}, {21, 8}, {20, 5}, {19, 3}, {18, 2}, {17, 1}, {16, 1}});
+    const std::uint64_t size = 1ull << (32 - length);
+    cursor = (cursor + size - 1) / size * size;
+    if (cursor + size > 0xE0000000ull) break;  // never: the walk spends a fraction of the space
+    const auto first = static_cast<std::uint32_t>(cursor);
+    const auto last = static_cast<std::uint32_t>(cursor + size - 1);
+    // Skipping at least one block of the range's own size after it keeps it from aggregating.
+    const std::uint64_t gap = size * (1 + random.next() % 8) + (random.next() % 64) * 256;
+    if (!reservedIPv4(first, last)) {
+      text +=
+          fmt::format("{}.{}.{}.{}/{}\n", first >> 24, (first >> 16) & 255, (first >> 8) & 255, first & 255, length);
+      ++i;
+    }
+    cursor += size + gap;
+  }
+  // IPv6: the same walk over the top 64 bits, from 2a00:1148::.
+  std::uint64_t cursor6 = 0x2a00114800000000ull;
+  for (int i = 0; i < v6; ++i) {
+    const int length = i == 0 ? 32 : pickLength(random, {{32, 40}, {48, 30}, {29, 10}, {36, 10}, {40, 10}});
+    const std::uint64_t size = 1ull << (64 - length);
+    cursor6 = (cursor6 + size - 1) / size * size;
+    const std::uint64_t first = cursor6;
+    in6_addr address{};
+    for (int byte = 0; byte < 8; ++byte) address.s6_addr[byte] = static_cast<std::uint8_t>(first >> (56 - 8 * byte));
+    char shown[INET6_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET6, &address, shown, sizeof shown);
+    text += fmt::format("{}/{}\n", shown, length);
+    cursor6 += size * (2 + random.next() % 4);
+  }
+  std::string version = "dev-country-" + shortDigest(text);
   return {std::move(text), std::move(version)};
 }
 

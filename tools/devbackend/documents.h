@@ -28,6 +28,14 @@ struct VersionedText {
 inline constexpr int kMaxGeoIPEntries = 10000;
 [[nodiscard]] VersionedText geoIPList(int count);
 
+// A list with the size and shape of a real country's: `v4` IPv4 and `v6` IPv6 aggregated ranges
+// (no two overlap or could be merged), of the prefix lengths real lists are made of (mostly /24 to
+// /22 with some up to /16; IPv6 /29 to /48), spread over public address space, sorted. The first
+// ranges are 5.3.0.0/24 and 2a00:1148::/32, which tests reach on purpose.
+inline constexpr int kCountryIPv4Ranges = 20000;
+inline constexpr int kCountryIPv6Ranges = 5000;
+[[nodiscard]] VersionedText countryGeoIPList(int v4 = kCountryIPv4Ranges, int v6 = kCountryIPv6Ranges);
+
 // The "service_lists" answer: {"version", "services": {key: [CIDR, …]}} for the eight catalog
 // services, with its version.
 struct ServiceLists {

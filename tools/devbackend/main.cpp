@@ -71,6 +71,8 @@ void setUp(CLI::App& app, CommandLine& c) {
   app.add_option("--geoip-count", o.geoIPCount, "Ranges in the GeoIP list")
       ->capture_default_str()
       ->check(CLI::Range(0, 10000));
+  app.add_flag("--geoip-country", o.geoIPCountry,
+               "Serve a list the size of a real country's: 20 000 IPv4 and 5 000 IPv6 aggregated ranges");
   app.add_option("--feed-version", o.feedVersion, "Version the update feed offers")->capture_default_str();
   app.add_option("--feed-file", o.feedFile, "Disk image the update feed offers (default: a stand-in)")
       ->check(CLI::ExistingFile);
