@@ -201,6 +201,9 @@ class AgentHost {
     platform.groupDefaults = std::make_unique<MemoryDefaults>();
     platform.secureItems = std::make_unique<FakeSecureItemStore>();
     platform.physicalPaths = std::make_unique<FakePhysicalPathSource>();
+    auto networkReturns = std::make_unique<FakePhysicalPathSource>();
+    networkReturns_ = networkReturns.get();
+    platform.networkReturns = std::move(networkReturns);
     platform.clockChanges = std::make_unique<FakeClockChangeSource>();
     auto loginItem = std::make_unique<FakeLoginItem>();
     loginItem_ = loginItem.get();
@@ -273,6 +276,8 @@ class AgentHost {
   [[nodiscard]] ScriptedBackend& backend() { return *backend_; }
   [[nodiscard]] SimulatedTunnelService& tunnels() { return *tunnels_; }
   [[nodiscard]] FakeLoginItem& loginItem() { return *loginItem_; }
+  // The network as the tunnel's on-demand rule sees it.
+  [[nodiscard]] FakePhysicalPathSource& networkReturns() { return *networkReturns_; }
   [[nodiscard]] CapturingLog& log() { return *log_; }
 
   ControlConnection& connect() {
@@ -318,6 +323,7 @@ class AgentHost {
   ScriptedBackend* backend_ = nullptr;
   SimulatedTunnelService* tunnels_ = nullptr;
   FakeLoginItem* loginItem_ = nullptr;
+  FakePhysicalPathSource* networkReturns_ = nullptr;
   std::unique_ptr<Application> app_;
   std::unique_ptr<ControlCommands> commands_;
   std::unique_ptr<ControlServer> server_;
