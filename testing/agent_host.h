@@ -224,6 +224,9 @@ class AgentHost {
     auto processes = std::make_unique<ScriptedProcessRunner>(loop_);
     processes_ = processes.get();
     platform.processes = std::move(processes);
+    auto networkReturns = std::make_unique<FakePhysicalPathSource>();
+    networkReturns_ = networkReturns.get();
+    platform.networkReturns = std::move(networkReturns);
     auto loginItem = std::make_unique<FakeLoginItem>();
     loginItem_ = loginItem.get();
     platform.loginItem = std::move(loginItem);
@@ -299,6 +302,8 @@ class AgentHost {
   [[nodiscard]] FakeClockChangeSource& clockChanges() { return *clockChanges_; }
   [[nodiscard]] FakeFileDownloader& downloads() { return *downloads_; }
   [[nodiscard]] ScriptedProcessRunner& processes() { return *processes_; }
+  // The network as the tunnel's on-demand rule sees it.
+  [[nodiscard]] FakePhysicalPathSource& networkReturns() { return *networkReturns_; }
   [[nodiscard]] CapturingLog& log() { return *log_; }
 
   ControlConnection& connect() {
@@ -347,6 +352,7 @@ class AgentHost {
   FakeClockChangeSource* clockChanges_ = nullptr;
   FakeFileDownloader* downloads_ = nullptr;
   ScriptedProcessRunner* processes_ = nullptr;
+  FakePhysicalPathSource* networkReturns_ = nullptr;
   std::unique_ptr<Application> app_;
   std::unique_ptr<ControlCommands> commands_;
   std::unique_ptr<ControlServer> server_;
