@@ -26,6 +26,7 @@
 #include "platform/files.h"
 #include "testing/background_process.h"
 #include "testing/env_setting.h"
+#include "testing/intent_log.h"
 #include "testing/subprocess.h"
 #include "testing/temp_dir.h"
 
@@ -35,27 +36,11 @@ namespace {
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
 using testing::BackgroundProcess;
+using testing::lastIntent;
 using testing::waitFor;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kDefaultSeconds = 25;
-
-// What the agent's log says it took from the clients, in its order: the last word about the tunnel
-// decides what it must look like. A toggle is logged as what it turned into.
-std::optional<std::string> lastIntent(std::string_view log) {
-  std::optional<std::string> last;
-  std::size_t at = 0;
-  while ((at = log.find("[Intent] ", at)) != std::string_view::npos) {
-    const std::string_view rest = log.substr(at + 9, 64);
-    if (rest.starts_with("подключить")) last = "on";
-    if (rest.starts_with("отключить")) last = "off";
-    if (rest.starts_with("сменить сервер")) last = "on";
-    // A refused server change leaves the word before it standing; it is logged right after.
-    if (rest.starts_with("смена сервера отклонена")) last = std::nullopt;
-    at += 9;
-  }
-  return last;
-}
 
 class AgentStressTest : public ::testing::Test {
  protected:

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "app/network_return_watch.h"
 #include "app/wake_detector.h"
 #include "platform/linux/inotify_notification_center.h"
 #include "platform/linux/linux_platform.h"
@@ -94,6 +95,12 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::asse
         if (raw->health_) raw->health_->systemDidWake();
         if (raw->home_) raw->home_->machine().networkAvailable("пробуждение после сна");
       });
+  if (p.networkReturns) {
+    app->networkReturn_ =
+        std::make_unique<NetworkReturnWatch>(loop, *p.networkReturns, *p.log, [raw = app.get()](std::string_view why) {
+          if (raw->home_) raw->home_->machine().networkAvailable(why);
+        });
+  }
   app->network_ = std::make_unique<NetworkService>(loop, *p.http, *app->security_, *p.standardDefaults, *p.clock,
                                                    *p.log, std::move(networkConfig));
 
@@ -157,6 +164,7 @@ void Application::start() {
   const VendorID id = security_->vendorID();
   p.log->format("[VendorID] запуск: trusted={} id={}…", id.trusted, id.identifier.substr(0, 8));
   wake_->start();
+  if (networkReturn_) (void)networkReturn_->start();
   clockCheck_->watchSystemClock(*p.clockChanges);
 
   // The user's intent comes back once the tunnel manager knows the configurations.
@@ -225,6 +233,7 @@ void Application::createUpdater(const ApplicationOptions& options, const std::op
 void Application::shutDown() {
   stopSurfaces();
   if (wake_) wake_->stop();
+  if (networkReturn_) networkReturn_->stop();
   if (clockCheck_) clockCheck_->stopWatchingSystemClock();
   if (pathMonitor_) pathMonitor_->stop();
 }

@@ -41,6 +41,7 @@
 
 namespace norvik {
 
+class NetworkReturnWatch;
 class WakeDetector;
 
 struct ApplicationOptions {
@@ -153,6 +154,7 @@ class Application {
   std::unique_ptr<SecurityManager> security_;
   std::unique_ptr<VendorIDWarmUp> warmUp_;
   std::unique_ptr<WakeDetector> wake_;
+  std::unique_ptr<NetworkReturnWatch> networkReturn_;
   std::unique_ptr<NetworkService> network_;
   std::unique_ptr<TunnelService> tunnels_;
   std::string tunnelServiceName_;

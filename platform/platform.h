@@ -33,6 +33,8 @@ struct Platform {
   std::unique_ptr<FileDownloader> downloads;
   std::unique_ptr<ProcessRunner> processes;
   std::unique_ptr<PhysicalPathSource> physicalPaths;
+  // A second watch of the same network, for the tunnel's on-demand rule; may be absent.
+  std::unique_ptr<PhysicalPathSource> networkReturns;
   std::unique_ptr<ClockChangeSource> clockChanges;
   std::unique_ptr<DnsResolver> dnsResolver;
   std::unique_ptr<LoginItem> loginItem;  // may be absent: the switch then only logs

@@ -214,6 +214,9 @@ class AgentHost {
     platform.groupDefaults = std::make_unique<MemoryDefaults>();
     platform.secureItems = std::make_unique<FakeSecureItemStore>();
     platform.physicalPaths = std::make_unique<FakePhysicalPathSource>();
+    auto networkReturns = std::make_unique<FakePhysicalPathSource>();
+    networkReturns_ = networkReturns.get();
+    platform.networkReturns = std::move(networkReturns);
     auto clockChanges = std::make_unique<FakeClockChangeSource>();
     clockChanges_ = clockChanges.get();
     platform.clockChanges = std::move(clockChanges);
@@ -299,6 +302,8 @@ class AgentHost {
   [[nodiscard]] FakeClockChangeSource& clockChanges() { return *clockChanges_; }
   [[nodiscard]] FakeFileDownloader& downloads() { return *downloads_; }
   [[nodiscard]] ScriptedProcessRunner& processes() { return *processes_; }
+  // The network as the tunnel's on-demand rule sees it.
+  [[nodiscard]] FakePhysicalPathSource& networkReturns() { return *networkReturns_; }
   [[nodiscard]] CapturingLog& log() { return *log_; }
 
   ControlConnection& connect() {
@@ -347,6 +352,7 @@ class AgentHost {
   FakeClockChangeSource* clockChanges_ = nullptr;
   FakeFileDownloader* downloads_ = nullptr;
   ScriptedProcessRunner* processes_ = nullptr;
+  FakePhysicalPathSource* networkReturns_ = nullptr;
   std::unique_ptr<Application> app_;
   std::unique_ptr<ControlCommands> commands_;
   std::unique_ptr<ControlServer> server_;

@@ -438,12 +438,12 @@ testing::ProcessResult TunnelLabTest::norvikWhileAdmitting(std::vector<std::stri
   return testing::ProcessResult{status, command.output(), ""};
 }
 
-void TunnelLabTest::startAgent() {
+void TunnelLabTest::startAgent(const std::string& logName) {
   // The saved resolv.conf of the tunnel stays in the test's directory.
   agent_ = std::make_unique<BackgroundProcess>(
-      norvikArgv({"agent"}), dir_ / "agent.log",
+      norvikArgv({"agent"}), dir_ / logName,
       std::map<std::string, std::string>{{"NORVIK_TUNNEL_STATE_DIR", (dir_ / "tunnel-state").string()}});
-  ASSERT_TRUE(waitFor([&] { return std::filesystem::exists(dir_ / "home" / "run" / "agent.sock"); }))
+  ASSERT_TRUE(waitFor([&] { return agent_->output().find("[Agent] запущен, управление") != std::string::npos; }))
       << agent_->output();
 }
 

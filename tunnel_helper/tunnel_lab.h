@@ -137,7 +137,9 @@ class TunnelLabTest : public ::testing::Test {
   // A command that needs the server to take a new key while it runs (connect, change-server).
   testing::ProcessResult norvikWhileAdmitting(std::vector<std::string> args, const std::string& server,
                                               const std::string& interface, std::string* clientAddress);
-  void startAgent();
+  // Starts the agent and waits until it serves its socket (a socket left by a killed agent does not
+  // count). Each start writes its own log.
+  void startAgent(const std::string& logName = "agent.log");
   std::string routingState();
   // The client's /etc/resolv.conf (what `ip netns exec` mounts over it).
   std::string clientResolvConf();

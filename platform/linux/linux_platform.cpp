@@ -85,6 +85,7 @@ std::expected<Platform, Error> makeLinuxPlatform(EventLoop& loop, const LinuxPla
   platform.downloads = std::move(*downloads);
   platform.processes = std::make_unique<PosixProcessRunner>(loop);
   platform.physicalPaths = std::make_unique<NetlinkPathSource>(*platform.log);
+  platform.networkReturns = std::make_unique<NetlinkPathSource>(*platform.log);
   platform.clockChanges = std::make_unique<TimerfdClockChangeSource>();
   platform.dnsResolver = std::make_unique<GlibcDnsResolver>(loop);
   platform.loginItem =
