@@ -73,6 +73,12 @@ CommandResult runAgent(const GlobalOptions& global, const AgentOptions& agentOpt
                              global.provisioning,
                              /*logToStderr=*/true,
                              agentOptions.simulatedConnectDelay};
+  // An installed update has put the new program in place: this run ends so that it takes over
+  // (the service manager starts it again; by hand, the user does).
+  options.quit = [&loop, &log] {
+    if (log) log->write("[Agent] обновление установлено — агент завершается, новая версия запустится вместо него");
+    loop.stop();
+  };
   // A simulated connect time asks for the simulated tunnel, unless a tunnel is named.
   if (global.tunnel) {
     options.tunnel = tunnelServiceKindNamed(*global.tunnel).value_or(TunnelServiceKind::automatic);

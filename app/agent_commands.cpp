@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -12,7 +13,7 @@
 #include <fmt/format.h>
 
 #include "app/agent.h"
-#include "app/control_client.h"
+#include "app/agent_exchange.h"
 #include "platform/app_paths.h"
 #include "platform/files.h"
 
@@ -22,11 +23,6 @@ namespace {
 using Json = nlohmann::json;
 using namespace std::chrono_literals;
 
-std::string text(const Json& object, const char* key) {
-  auto it = object.find(key);
-  return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
-}
-
 // A store the status reports as reset, in the user's words.
 std::string storeLabel(const std::string& store) {
   if (store == "standard settings") return "настройки приложения";
@@ -34,6 +30,23 @@ std::string storeLabel(const std::string& store) {
   if (store == "secure items") return "защищённое хранилище";
   if (store == "tunnel preferences") return "настройки туннеля";
   return store;
+}
+
+// A dialog or update prompt that waits for the user's answer, with the command that gives it; a
+// toast in one line.
+std::string describeWaiting(const Json& item) {
+  if (!item.is_object()) return {};
+  if (text(item, "kind") == "toast") return fmt::format("Уведомление: {}\n", text(item, "message"));
+  std::string out = fmt::format("Ждёт ответа — norvik answer {} КНОПКА\n", text(item, "id"));
+  if (!text(item, "title").empty()) out += fmt::format("  {}\n", text(item, "title"));
+  if (!text(item, "message").empty()) out += fmt::format("  {}\n", text(item, "message"));
+  if (!text(item, "textAfterButton").empty()) out += fmt::format("  {}\n", text(item, "textAfterButton"));
+  for (const auto& button : item.value("buttons", Json::array())) {
+    if (button.is_object()) out += fmt::format("  [{}] {}\n", button.value("index", 0), text(button, "title"));
+  }
+  const Json choice = item.value("choice", Json());
+  if (choice.is_object()) out += fmt::format("  [ ] {} (--dont-show-again)\n", text(choice, "title"));
+  return out;
 }
 
 // The state in the words the user knows from the menu bar and the home screen.
@@ -63,49 +76,10 @@ std::string describe(const Json& status) {
       line("Сброшено:", fmt::format("{} — {}", storeLabel(text(reset, "store")), text(reset, "reason")));
     }
   }
+  out += describeWaiting(status.value("overlay", Json()));
+  out += describeWaiting(status.value("prompt", Json()));
   return out;
 }
-
-std::string errorText(const Json& answer) {
-  const Json error = answer.value("error", Json::object());
-  const std::string title = text(error, "title");
-  const std::string message = text(error, "message");
-  return title.empty() ? message : title + ": " + message;
-}
-
-// Sends one request to the agent of this home and maps the answer to an exit status. Progress
-// lines are shown as they come. Requests the agent answers at once get a few seconds: an agent
-// that does not answer them in that time is stuck or stopped, and the user hears so. Ctrl-C ends
-// the process, which closes the connection; the agent takes that as the request's cancellation.
-struct Exchange {
-  static constexpr std::chrono::milliseconds kAtOnce = 5s;
-  const GlobalOptions& global;
-  std::chrono::milliseconds limit = 150s;
-
-  std::expected<Json, CommandError> run(const Json& request,
-                                        const std::function<void(const Json&)>& onEvent = nullptr) const {
-    const auto socket = AppPaths::resolve(global.home).runtime() / "agent.sock";
-    auto client = ControlClient::connect(socket, std::min(limit, kAtOnce));
-    if (!client) {
-      if (client.error().failure == ControlClient::Failure::timedOut) {
-        return failure(ExitCode::failed, "Агент Norvik не ответил вовремя.");
-      }
-      if (client.error().failure == ControlClient::Failure::noAgent) {
-        return failure(ExitCode::noAgent,
-                       "Агент Norvik не запущен. Запустите его командой «norvik agent» "
-                       "(или «systemctl --user start norvik-agent») и повторите.");
-      }
-      return failure(ExitCode::failed, fmt::format("Нет связи с агентом Norvik: {}", client.error().detail));
-    }
-    auto answer = client->request(request, onEvent, limit);
-    if (!answer) {
-      return failure(ExitCode::failed, answer.error().failure == ControlClient::Failure::timedOut
-                                           ? "Агент Norvik не ответил вовремя."
-                                           : fmt::format("Нет связи с агентом Norvik: {}", answer.error().detail));
-    }
-    return *answer;
-  }
-};
 
 CommandResult finishWith(const std::expected<Json, CommandError>& answer,
                          const std::function<void(const Json&)>& onOk) {
@@ -201,16 +175,147 @@ CommandResult runSites(const GlobalOptions& global, const SitesOptions& options)
   });
 }
 
-CommandResult runWatch(const GlobalOptions& global) {
+// One event of the subscription in the user's words.
+std::string describeEvent(const Json& line) {
+  const std::string event = text(line, "event");
+  const std::string topic = text(line, "topic");
+  const Json value = line.value("value", Json());
+  if (event == "open-window") return "Открыть окно Norvik\n";
+  if (topic == "home" && value.is_object()) {
+    // The status without what waits for an answer: that has its own topics.
+    Json home = value;
+    home.erase("overlay");
+    home.erase("prompt");
+    return describe(home);
+  }
+  if (topic == "overlay" || topic == "prompt") {
+    if (!value.is_object()) return event == "snapshot" ? std::string() : fmt::format("Окно закрыто ({})\n", topic);
+    return describeWaiting(value);
+  }
+  if (!value.is_object()) return {};
+  if (topic == "updater") {
+    if (text(value, "text").empty()) return {};  // idle: nothing to tell
+    std::string out = fmt::format("Обновление: {}", text(value, "text"));
+    if (value.contains("received")) {
+      out += value["total"].is_number() ? fmt::format(" {} / {} байт", value["received"].dump(), value["total"].dump())
+                                        : fmt::format(" {} байт", value["received"].dump());
+    }
+    if (!text(value, "failure").empty()) out += fmt::format(" — {}", text(value, "failure"));
+    return out + "\n";
+  }
+  if (topic == "extension") {
+    const Json banner = value.value("banner", Json());
+    if (!banner.is_object()) return fmt::format("Расширение: {}\n", text(value, "state"));
+    return fmt::format("Расширение: {} — {}: {}\n", text(value, "state"), text(banner, "title"),
+                       text(banner, "message"));
+  }
+  if (topic == "menu") {
+    std::string out = fmt::format("Меню: {}\n", text(value, "title"));
+    for (const auto& item : value.value("items", Json::array())) {
+      const bool checked = item.value("checked", Json()).is_boolean() && item["checked"].get<bool>();
+      out += fmt::format("  [{}] {}{}{}\n", item.value("index", 0), checked ? "✓ " : "", text(item, "title"),
+                         item.value("enabled", true) ? "" : " (недоступно)");
+    }
+    return out;
+  }
+  if (topic == "mode") {
+    std::string out = fmt::format("Режим: {}", text(value, "label"));
+    if (!text(value, "notice").empty()) out += fmt::format(" — {}", text(value, "notice"));
+    return out + "\n";
+  }
+  if (topic == "sites") {
+    std::string on;
+    for (const auto& service : value.value("services", Json::array())) {
+      if (service.value("on", false)) on += (on.empty() ? "" : ", ") + text(service, "title");
+    }
+    for (const auto& domain : value.value("domains", Json::array())) {
+      if (domain.value("on", false)) on += (on.empty() ? "" : ", ") + text(domain, "domain");
+    }
+    return fmt::format("Сайты через VPN: {}\n", on.empty() ? "ни одного" : on);
+  }
+  if (topic == "links") {
+    auto link = [&](const char* key) {
+      const std::string url = text(value, key);
+      return url.empty() ? std::string("—") : url;
+    };
+    return fmt::format("Ссылки: поддержка {}, канал {}, поделиться {}\n", link("support"), link("supportChannel"),
+                       link("share"));
+  }
+  return {};
+}
+
+CommandResult runWatch(const GlobalOptions& global, bool asJson) {
   Exchange exchange{global};
   exchange.limit = std::chrono::hours(24 * 365);
-  auto answer = exchange.run(Json{{"command", "watch"}}, [](const Json& line) {
-    if (text(line, "event") != "status") return;
-    fmt::print("{}\n", describe(line["status"]));
+  // A topic whose change does not show in words (a field the text leaves out) prints nothing new.
+  std::map<std::string, std::string> lastShown;
+  auto answer = exchange.run(Json{{"command", "subscribe"}}, [asJson, &lastShown](const Json& line) {
+    if (asJson) {
+      fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
+    } else {
+      const std::string shown = describeEvent(line);
+      std::string& last = lastShown[text(line, "topic")];
+      if (!shown.empty() && (shown != last || text(line, "event") == "open-window")) fmt::print("{}\n", shown);
+      last = shown;
+    }
     (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
   });
   if (!answer) return std::unexpected(answer.error());
-  return {};
+  return finishWith(answer, [](const Json&) {});
+}
+
+struct AnswerOptions {
+  std::string id;
+  std::string button;
+  bool dontShowAgain = false;
+};
+
+CommandResult runAnswer(const GlobalOptions& global, const AnswerOptions& options) {
+  // A button is named by its number or its title.
+  Json button = options.button;
+  std::uint64_t index = 0;
+  const auto [end, error] =
+      std::from_chars(options.button.data(), options.button.data() + options.button.size(), index);
+  if (error == std::errc() && end == options.button.data() + options.button.size()) button = index;
+  const Json request = {
+      {"command", "answer"}, {"id", options.id}, {"button", button}, {"dontShowAgain", options.dontShowAgain}};
+  return finishWith(Exchange{global}.run(request), [](const Json& answer) {
+    const std::string page = text(answer, "openURL");
+    if (!page.empty()) fmt::print("Откройте страницу: {}\n", page);
+    fmt::print("{}", describe(answer["status"]));
+  });
+}
+
+CommandResult runOpenURL(const GlobalOptions& global, const std::string& url) {
+  return finishWith(Exchange{global, Exchange::kAtOnce}.run(Json{{"command", "open-url"}, {"url", url}}),
+                    [](const Json& answer) { fmt::print("{}", describe(answer["status"])); });
+}
+
+struct SmartModeOptions {
+  std::string state;
+  bool yes = false;
+  bool dontShowAgain = false;
+};
+
+CommandResult runSmartMode(const GlobalOptions& global, const SmartModeOptions& options) {
+  Exchange exchange{global, Exchange::kAtOnce};
+  Json request = {{"command", "smart-mode"},
+                  {"enabled", options.state == "on"},
+                  {"confirmed", options.yes},
+                  {"dontShowAgain", options.dontShowAgain}};
+  auto answer = exchange.run(request);
+  if (answer && text(*answer, "code") == "confirm") {
+    const Json dialog = (*answer)["confirm"];
+    fmt::print("{}\n{}\n", text(dialog, "title"), text(dialog, "message"));
+    if (!askYesNo(fmt::format("{}?", text(dialog, "confirm")))) {
+      fmt::print("{}\n", text(dialog, "keep"));
+      return {};
+    }
+    request["confirmed"] = true;
+    request["dontShowAgain"] = options.dontShowAgain || askYesNo(fmt::format("{}?", text(dialog, "dontShowAgain")));
+    answer = exchange.run(request);
+  }
+  return finishWith(answer, [](const Json& reply) { fmt::print("Режим: {}\n", text(reply["status"], "modeLabel")); });
 }
 
 struct LogsOptions {
@@ -300,9 +405,29 @@ void addAgentCommands(CLI::App& app, const GlobalOptions& global, CommandResult&
   sitesCommand->add_option("value", sites->value, "Сервис (youtube …) или домен");
   sitesCommand->callback([&global, &result, sites] { result = runSites(global, *sites); });
 
-  app.add_subcommand("watch", "Показывать каждое изменение состояния, пока не прервут")->callback([&global, &result] {
-    result = runWatch(global);
-  });
+  auto watchJson = std::make_shared<bool>(false);
+  auto* watch = app.add_subcommand("watch", "Показывать каждое изменение состояния, пока не прервут");
+  watch->add_flag("--json", *watchJson, "События как их присылает агент, по одному JSON в строке");
+  watch->callback([&global, &result, watchJson] { result = runWatch(global, *watchJson); });
+
+  auto answer = std::make_shared<AnswerOptions>();
+  auto* answerCommand = app.add_subcommand("answer", "Ответить на окно или предложение обновления кнопкой");
+  answerCommand->add_option("id", answer->id, "Окно: overlay-N или prompt-N (см. norvik status)")->required();
+  answerCommand->add_option("button", answer->button, "Номер кнопки или её текст")->required();
+  answerCommand->add_flag("--dont-show-again", answer->dontShowAgain, "Отметить «Больше не показывать»");
+  answerCommand->callback([&global, &result, answer] { result = runAnswer(global, *answer); });
+
+  auto url = std::make_shared<std::string>();
+  auto* openURL = app.add_subcommand("open-url", "Передать агенту ссылку norvikvpn://");
+  openURL->add_option("url", *url, "norvikvpn://widget/connect, disconnect, change-server или open")->required();
+  openURL->callback([&global, &result, url] { result = runOpenURL(global, *url); });
+
+  auto smart = std::make_shared<SmartModeOptions>();
+  auto* smartCommand = app.add_subcommand("smart-mode", "Умный режим в настройках: включить или выключить");
+  smartCommand->add_option("state", smart->state, "on или off")->required()->check(CLI::IsMember({"on", "off"}));
+  smartCommand->add_flag("--yes", smart->yes, "Выключить без вопроса");
+  smartCommand->add_flag("--dont-show-again", smart->dontShowAgain, "Больше не спрашивать при выключении");
+  smartCommand->callback([&global, &result, smart] { result = runSmartMode(global, *smart); });
 
   auto logs = std::make_shared<LogsOptions>();
   auto* logsCommand = app.add_subcommand("logs", "Журнал агента");

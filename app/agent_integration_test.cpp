@@ -10,9 +10,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fmt/chrono.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -176,6 +179,117 @@ TEST_F(AgentIntegrationTest, ArgumentsOfTheWrongTypeAreAnsweredAndTheAgentCarrie
   }
   EXPECT_TRUE(agent_->running());
   EXPECT_EQ(norvik({"status"}).exitStatus, 0);
+}
+
+TEST_F(AgentIntegrationTest, TheSmartModeOffConfirmationsDontShowAgainSurvivesARestart) {
+  startAgent();
+  const auto socketPath = home_ / "run" / "agent.sock";
+  const std::string off = R"({"command":"smart-mode","enabled":false})"
+                          "\n";
+  // The command line's way, without the box: the question stays.
+  auto once = norvik({"smart-mode", "off", "--yes"});
+  ASSERT_EQ(once.exitStatus, 0) << once.err;
+  EXPECT_EQ(status()["mode"], "full");
+  ASSERT_EQ(norvik({"smart-mode", "on"}).exitStatus, 0);
+  EXPECT_EQ(Json::parse(askAgentRaw(socketPath, off), nullptr, false).value("code", ""), "confirm");
+
+  // The desktop application's way: the question waits in the agent's overlay queue, and the
+  // user answers it with the box ticked.
+  const Json asked = Json::parse(askAgentRaw(socketPath, R"({"command":"smart-mode","enabled":false,"dialog":true})"
+                                                         "\n"),
+                                 nullptr, false);
+  ASSERT_EQ(asked.value("code", ""), "confirm") << asked;
+  EXPECT_EQ(asked["confirm"]["dontShowAgain"], "Больше не показывать");
+  const std::string id = asked["confirm"].value("id", "");
+  ASSERT_FALSE(id.empty()) << asked;
+
+  auto confirmed = norvik({"answer", id, "Выключить", "--dont-show-again"});
+  ASSERT_EQ(confirmed.exitStatus, 0) << confirmed.err;
+  EXPECT_EQ(status()["mode"], "full");
+  ASSERT_EQ(agent_->stop(), 0);
+
+  startAgent();
+  ASSERT_EQ(norvik({"smart-mode", "on"}).exitStatus, 0);
+  EXPECT_EQ(status()["mode"], "smart");
+  const Json again = Json::parse(askAgentRaw(socketPath, off), nullptr, false);
+  EXPECT_EQ(again.value("ok", false), true) << "asked again after a restart: " << again;
+  EXPECT_EQ(status()["mode"], "full");
+}
+
+TEST_F(AgentIntegrationTest, AnUpdatePromptIsShownByStatusAndAnsweredFromTheCommandLine) {
+  admin("POST", "/admin/app-update",
+        Json{{"update", {{"update_type", "soft_screen"}, {"update_title", "Вышла версия 9"}, {"cooldown_hours", 5}}}});
+  startAgent();
+  std::string id;
+  ASSERT_TRUE(waitFor([&] {
+    const Json prompt = status().value("prompt", Json());
+    if (prompt.is_object()) id = prompt.value("id", "");
+    return !id.empty();
+  })) << agent_->output();
+  auto shown = norvik({"status"});
+  EXPECT_NE(shown.out.find("Ждёт ответа — norvik answer " + id + " КНОПКА"), std::string::npos) << shown.out;
+  EXPECT_NE(shown.out.find("Вышла версия 9"), std::string::npos) << shown.out;
+  EXPECT_NE(shown.out.find("[1] Не сейчас"), std::string::npos) << shown.out;
+
+  EXPECT_EQ(norvik({"answer", "overlay-77", "0"}).exitStatus, 1);
+  auto later = norvik({"answer", id, "Не сейчас"});
+  ASSERT_EQ(later.exitStatus, 0) << later.err;
+  EXPECT_TRUE(status().value("prompt", Json()).is_null());
+  EXPECT_NE(agent_->output().find("[Version] Soft_screen cooldown started (5h)"), std::string::npos);
+}
+
+TEST_F(AgentIntegrationTest, LinksReachTheAgentFromTheCommandLine) {
+  auto noAgent = norvik({"open-url", "norvikvpn://widget/connect"});
+  EXPECT_EQ(noAgent.exitStatus, 3);
+  EXPECT_NE(noAgent.err.find("Агент Norvik не запущен"), std::string::npos) << noAgent.err;
+
+  startAgent();
+  ASSERT_EQ(norvik({"open-url", "norvikvpn://widget/connect"}).exitStatus, 0);
+  ASSERT_TRUE(waitFor([&] { return status().value("tunnel", "") == "connected"; })) << agent_->output();
+  auto unknown = norvik({"open-url", "https://example.org/"});
+  EXPECT_EQ(unknown.exitStatus, 2);
+  EXPECT_NE(unknown.err.find("неизвестная ссылка"), std::string::npos) << unknown.err;
+}
+
+TEST_F(AgentIntegrationTest, UpdateCommandsGoThroughTheRunningAgent) {
+  startAgent();
+  const int before = received("appcast");
+  auto checked = norvik({"update", "check"});
+  ASSERT_EQ(checked.exitStatus, 0) << checked.err << agent_->output();
+  EXPECT_EQ(received("appcast"), before + 1);
+  // The agent, not the command, read the feed: the line is in the agent's log.
+  EXPECT_NE(agent_->output().find("[Update] appcast загружен: 1 элементов"), std::string::npos) << agent_->output();
+  EXPECT_TRUE(checked.out.find("Доступна версия") != std::string::npos ||
+              checked.out.find("У вас последняя версия") != std::string::npos)
+      << checked.out;
+}
+
+TEST_F(AgentIntegrationTest, WatchPrintsEveryTopicAndItsChangesAsJsonLines) {
+  startAgent();
+  auto argv = global();
+  argv.insert(argv.end(), {"watch", "--json"});
+  BackgroundProcess watch(argv, dir_ / "watch.log");
+  auto lines = [&] {
+    std::vector<Json> out;
+    std::istringstream text(watch.output());
+    for (std::string line; std::getline(text, line);) {
+      Json event = Json::parse(line, nullptr, false);
+      if (event.is_object()) out.push_back(std::move(event));
+    }
+    return out;
+  };
+  ASSERT_TRUE(waitFor([&] { return lines().size() >= 9; })) << watch.output();
+  EXPECT_EQ(lines()[0].value("event", ""), "snapshot");
+  EXPECT_EQ(lines()[0].value("topic", ""), "home");
+
+  ASSERT_EQ(norvik({"connect"}).exitStatus, 0);
+  EXPECT_TRUE(waitFor([&] {
+    return std::ranges::any_of(lines(), [](const Json& e) {
+      return e.value("event", "") == "changed" && e.value("topic", "") == "home" &&
+             e["value"].value("tunnel", "") == "connected";
+    });
+  })) << watch.output();
+  (void)watch.stop();
 }
 
 TEST_F(AgentIntegrationTest, ASecondAgentIsRefusedAndTheFirstCarriesOn) {

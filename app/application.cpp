@@ -7,8 +7,33 @@
 #include "platform/linux/inotify_notification_center.h"
 #include "platform/linux/linux_platform.h"
 #include "routing/routing_texts.h"
+#include "update/file_signature.h"
+#include "update/platform_update_installer.h"
 
 namespace norvik {
+
+AppUpdaterConfig updaterConfigFor(const ApplicationOptions& options) {
+  if (options.updater) return *options.updater;
+  AppUpdaterConfig config = platformUpdaterConfig();
+  if (!options.backend) return config;
+  // A backend of one's own (the local one, a staging host) serves the feed beside its API; the
+  // built-in hosts serve other builds.
+  auto location = BackendLocation::fromURL(*options.backend);
+  if (!location) return config;
+  // Scheme and authority of one URL, the path of the other.
+  auto pathStart = [](const std::string& url) {
+    const auto scheme = url.find("://");
+    return scheme == std::string::npos ? std::string::npos : url.find('/', scheme + 3);
+  };
+  const std::string& base = location->baseURL();
+  const std::string& feed = config.feedURL;
+  const auto feedPath = pathStart(feed);
+  std::string origin = base.substr(0, pathStart(base));
+  if (origin.starts_with("http://")) origin = "https://" + origin.substr(7);
+  config.feedURL = origin + (feedPath == std::string::npos ? "" : feed.substr(feedPath));
+  config.mirrorFeedURL.clear();
+  return config;
+}
 
 Application::Application(EventLoop& loop, AppPaths paths) : loop_(loop), paths_(std::move(paths)) {}
 
@@ -115,13 +140,20 @@ std::expected<std::unique_ptr<Application>, cli::CommandError> Application::asse
   app->healthPolicy_->follow(responses);
   app->clockCheck_ = std::make_unique<DeviceClockCheck>(loop, *p.log);
   app->clockCheck_->feedFrom(*app->network_);
-  // The in-app install of a forced update needs the update feed, which runs on request
-  // (norvik update); the agent leaves the prompt's link to the browser.
+  // The main button of a forced update installs through the in-app updater; other prompts open
+  // their page in a front-end.
   app->versionChecker_ = std::make_unique<AppVersionChecker>(
       loop, *app->network_, *p.standardDefaults, *p.clock, *p.log, *p.analytics,
-      AppVersionChecker::Hooks{nullptr, [log = p.log.get()](const std::string& url) {
-                                 log->format("[Version] открываем страницу обновления: {}", url);
+      AppVersionChecker::Hooks{[raw = app.get()](const MandatoryUpdate& update) {
+                                 if (raw->updater_) return raw->updater_->installMandatoryUpdate(update);
+                                 raw->platform_.log->write("[Version] установка в приложении недоступна — сайт");
+                                 if (!update.webLink.empty()) raw->pageToOpen_.emit(update.webLink);
+                               },
+                               [raw = app.get()](const std::string& url) {
+                                 raw->platform_.log->format("[Version] открываем страницу обновления: {}", url);
+                                 raw->pageToOpen_.emit(url);
                                }});
+  app->createUpdater(options, provisioning->updateEd25519PublicKey);
   app->createSurfaces();
   return app;
 }
@@ -171,6 +203,31 @@ void Application::start() {
   network_->loadCachedMainConfiguration();
   network_->loadMainConfiguration();
   versionChecker_->check();
+  if (updater_) updater_->start();
+}
+
+void Application::createUpdater(const ApplicationOptions& options, const std::optional<std::string>& feedKey) {
+  Platform& p = platform_;
+  if (!p.downloads || !p.processes) return;
+  std::optional<Bytes> key;
+  if (feedKey) {
+    // A provisioning key that does not read is no key: the feed's releases are then refused
+    // unless signed, which the installer reports; nothing unsigned slips through.
+    auto parsed = parseEd25519PublicKey(*feedKey);
+    if (parsed) key = std::move(*parsed);
+    if (!parsed) p.log->format("[Update] ключ подписи обновлений не читается: {}", parsed.error());
+  }
+  updateInstaller_ = makeUpdateInstaller(loop_, *p.downloads, *p.processes, *p.log, std::move(key));
+  updater_ = std::make_unique<AppUpdater>(
+      loop_, *p.http, std::make_unique<FeedAppcastUpdater>(*p.http), *updateInstaller_, *p.log,
+      updaterConfigFor(options),
+      AppUpdater::Hooks{[weak = weakFactory_.weak(), quit = options.quit] {
+                          auto* self = weak.lock();
+                          if (!self) return;
+                          self->platform_.log->write("[Update] обновление установлено — перезапуск");
+                          if (quit) quit();
+                        },
+                        nullptr});
 }
 
 void Application::shutDown() {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <expected>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,7 +35,9 @@
 #include "tunnel/system_extension_manager.h"
 #include "tunnel/vpn_manager.h"
 #include "tunnel/widget_command_center.h"
+#include "update/app_updater.h"
 #include "update/app_version_checker.h"
+#include "update/update_installer.h"
 
 namespace norvik {
 
@@ -51,7 +54,18 @@ struct ApplicationOptions {
   std::chrono::milliseconds simulatedConnectDelay{300};
   // Which tunnel service runs the sessions (platform/linux/linux_tunnel_service.h).
   TunnelServiceKind tunnel = TunnelServiceKind::automatic;
+  // The in-app updater's feed; unset: the built-in hosts, or the backend's own host when
+  // `backend` names one (updaterConfigFor).
+  std::optional<AppUpdaterConfig> updater{};
+  // Called when an installed update has put the new application in place: the host ends the run
+  // so that the new one takes over.
+  std::function<void()> quit{};
 };
+
+// The updater settings of an application: the options' own, else the feed of the backend host
+// the application was pointed at (its "/linux/appcast.xml", no mirror), else this system's
+// built-in feed and mirror.
+[[nodiscard]] AppUpdaterConfig updaterConfigFor(const ApplicationOptions& options);
 
 // The application: every part of the client, wired in the order the product starts. It owns
 // them all and lends them to one another; the main loop it is given runs them.
@@ -105,6 +119,16 @@ class Application {
   [[nodiscard]] SmartStatusEngine& health() { return *health_; }
   [[nodiscard]] WidgetCommandCenter& widget() { return *widget_; }
   [[nodiscard]] MenuBarModel& menuBar() { return *menuBar_; }
+  [[nodiscard]] AppVersionChecker& versionChecker() { return *versionChecker_; }
+  // Null when this platform cannot download or run an installer.
+  [[nodiscard]] AppUpdater* updater() { return updater_.get(); }
+  // A page the user asked to open (the update prompt's main button, a link): a front-end opens it.
+  [[nodiscard]] Signal<std::string>& pageToOpen() { return pageToOpen_; }
+  // "norvikvpn://widget/open", "Открыть Norvik": the front-ends bring the main window forward.
+  [[nodiscard]] Signal<>& windowRequested() { return windowRequested_; }
+  // The menu's "Обновить …": a forced update's release, else the feed's offer (looked for first
+  // when nothing is offered yet).
+  void installOfferedUpdate();
   // Null with the simulated tunnel, which has no helper program to activate.
   [[nodiscard]] SystemExtensionManager* extensions() { return extensions_.get(); }
 
@@ -119,6 +143,9 @@ class Application {
   void startSurfaces();
   void stopSurfaces();
   void pollTraffic();
+  void refreshMenuUpdateFacts();
+  // The in-app updater and its ties to the version check and the menu bar (application.cpp).
+  void createUpdater(const ApplicationOptions& options, const std::optional<std::string>& feedKey);
 
   EventLoop& loop_;
   AppPaths paths_;
@@ -143,6 +170,10 @@ class Application {
   std::unique_ptr<SmartStatusPolicyStore> healthPolicy_;
   std::unique_ptr<DeviceClockCheck> clockCheck_;
   std::unique_ptr<AppVersionChecker> versionChecker_;
+  std::unique_ptr<UpdateInstaller> updateInstaller_;
+  std::unique_ptr<AppUpdater> updater_;
+  Signal<std::string> pageToOpen_;
+  Signal<> windowRequested_;
   std::unique_ptr<HttpHealthProbes> probes_;
   std::unique_ptr<SmartStatusEngine> health_;
   std::unique_ptr<SystemExtensionRequests> extensionRequests_;

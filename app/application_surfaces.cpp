@@ -37,7 +37,12 @@ void Application::createSurfaces() {
 
   // The widget and the menu bar ask the tunnel state machine, like every front-end.
   TunnelStateMachine& machine = home_->machine();
-  auto openWindow = [log = p.log.get()] { log->write("[App] открыть окно Norvik"); };
+  auto openWindow = [weak = weakFactory_.weak()] {
+    auto* self = weak.lock();
+    if (!self) return;
+    self->platform_.log->write("[App] открыть окно Norvik");
+    self->windowRequested_.emit();
+  };
   widget_ = std::make_unique<WidgetCommandCenter>(WidgetCommandCenter::Dependencies{
       loop_, *p.clock, *p.log, *notifications_, *vpn_, *tunnels_, machine, paths_.groupContainer(), openWindow});
   // "Запускать при входе в систему" switches the system's login item; the menu shows what the system says.
@@ -52,7 +57,9 @@ void Application::createSurfaces() {
       *vpn_, MenuBarModel::Handlers{[&machine] { machine.connect(IntentOrigin::menuBar, nullptr); },
                                     [&machine] { machine.disconnect(IntentOrigin::menuBar, nullptr); },
                                     setLaunchAtLogin, openWindow,
-                                    [log = p.log.get()] { log->write("[App] обновление: norvik update install"); }});
+                                    [weak = weakFactory_.weak()] {
+                                      if (auto* self = weak.lock()) self->installOfferedUpdate();
+                                    }});
   if (p.loginItem) menuBar_->setLaunchAtLogin(p.loginItem->isEnabled());
 
   // The simulated tunnel has no program to activate; the real one activates norvik-tunnel.
@@ -68,8 +75,45 @@ void Application::createSurfaces() {
   }
 }
 
+void Application::installOfferedUpdate() {
+  // A forced update's prompt installs its own release; otherwise the feed's offer.
+  if (versionChecker_->installsInApp()) return versionChecker_->pressMainButton();
+  if (!updater_) return platform_.log->write("[Update] установка недоступна: нет модуля обновлений");
+  if (!updater_->offeredItem()) return updater_->checkForUpdates();
+  updater_->installUpdate();
+}
+
+void Application::refreshMenuUpdateFacts() {
+  MenuBarUpdateFacts facts;
+  facts.available = versionChecker_->prompt().get().showUpdateAlert && versionChecker_->installsInApp();
+  if (updater_) {
+    const AppUpdateState& state = updater_->state().get();
+    if (const auto* available = state.as<AppUpdateState::Available>()) {
+      facts.available = true;
+      facts.version = available->version;
+    } else if (const auto* downloading = state.as<AppUpdateState::Downloading>()) {
+      facts = {true, downloading->version, true};
+    } else if (const auto* extracting = state.as<AppUpdateState::Extracting>()) {
+      facts = {true, extracting->version, true};
+    } else if (state.is<AppUpdateState::Installing>() || state.is<AppUpdateState::ReadyToInstall>()) {
+      facts = {true, std::nullopt, true};
+    }
+  }
+  menuBar_->setUpdateFacts(facts);
+}
+
 void Application::startSurfaces() {
   auto weak = weakFactory_.weak();
+  // The menu's update items follow the updater and a forced update's prompt.
+  refreshMenuUpdateFacts();
+  if (updater_) {
+    surfaceSubscriptions_.push_back(updater_->state().subscribe([weak](const AppUpdateState&) {
+      if (auto* self = weak.lock()) self->refreshMenuUpdateFacts();
+    }));
+  }
+  surfaceSubscriptions_.push_back(versionChecker_->prompt().subscribe([weak](const UpdatePrompt&) {
+    if (auto* self = weak.lock()) self->refreshMenuUpdateFacts();
+  }));
   if (extensions_) {
     surfaceSubscriptions_.push_back(extensions_->updateNotice().subscribe([weak](const std::string& text) {
       if (auto* self = weak.lock()) self->overlays_->showToast("sysext_update", text);

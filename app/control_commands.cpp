@@ -1,13 +1,12 @@
 #include "app/control_commands.h"
+#include "app/control_commands_wait.h"
 
 #include <algorithm>
 #include <optional>
 #include <string>
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include "platform/weak_ptr_factory.h"
 #include "routing/routing_texts.h"
 #include "tunnel/menu_bar_model.h"
 
@@ -15,25 +14,6 @@ namespace norvik {
 namespace {
 
 using Json = nlohmann::json;
-
-// An optional argument of a request: `fallback` when absent, nothing when it has another type
-// (a local client's mistake is answered, never trusted).
-std::optional<bool> boolArgument(const Json& request, std::string_view key, bool fallback) {
-  const auto found = request.find(key);
-  if (found == request.end()) return fallback;
-  return found->is_boolean() ? std::optional<bool>(found->get<bool>()) : std::nullopt;
-}
-std::optional<std::string> textArgument(const Json& request, std::string_view key, std::string fallback) {
-  const auto found = request.find(key);
-  if (found == request.end()) return fallback;
-  return found->is_string() ? std::optional<std::string>(found->get<std::string>()) : std::nullopt;
-}
-
-std::string isoTime(Clock::TimePoint moment) {
-  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(moment.time_since_epoch()) % 1000;
-  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(moment)),
-                     ms.count());
-}
 
 std::optional<VPNRoutingMode> modeNamed(std::string_view name) {
   for (auto mode : {VPNRoutingMode::full, VPNRoutingMode::smart, VPNRoutingMode::services}) {
@@ -44,67 +24,7 @@ std::optional<VPNRoutingMode> modeNamed(std::string_view name) {
 
 }  // namespace
 
-// One request waiting for the application to reach an outcome: it watches published values,
-// answers at most once, and ends with its time limit or when the client hangs up.
-class ControlCommands::Wait {
- public:
-  Wait(EventLoop& loop, ControlReply reply, std::chrono::seconds limit,
-       std::function<void(const ControlReply&)> onTimeout)
-      : reply_(std::move(reply)) {
-    timer_.start(loop, limit, [this, onTimeout = std::move(onTimeout)] {
-      if (done_) return;
-      done_ = true;
-      subscriptions_.clear();
-      // Last, and with a copy: the answer starts the connection's next request, which lets go of
-      // this wait.
-      const ControlReply reply = reply_;
-      onTimeout(reply);
-    });
-    // The connection outlives a wait that has answered (the next request lets go of it). A client
-    // that hangs up before its answer gave the request up (Ctrl-C on the command line).
-    reply_.onClosed([weak = weakFactory_.weak()] {
-      auto* self = weak.lock();
-      if (!self || self->done_) return;
-      self->end();
-      if (self->onHangUp_) std::exchange(self->onHangUp_, nullptr)();
-    });
-  }
-
-  // What giving the request up means; runs once, only while the answer is still to come.
-  void onHangUp(std::function<void()> handler) { onHangUp_ = std::move(handler); }
-
-  // Runs `decide` on every change; it answers (and returns true) when the outcome is known.
-  template <class T>
-  void watch(Published<T>& value, std::function<bool(const T&)> decide) {
-    subscriptions_.push_back(value.subscribe([this, decide = std::move(decide)](const T& v) {
-      if (!done_ && decide(v)) end();
-    }));
-  }
-  template <class... Args>
-  void listen(Signal<Args...>& signal, std::type_identity_t<std::function<bool(const Args&...)>> decide) {
-    subscriptions_.push_back(signal.subscribe([this, decide = std::move(decide)](const Args&... args) {
-      if (!done_ && decide(args...)) end();
-    }));
-  }
-
-  [[nodiscard]] bool finished() const { return done_; }
-  [[nodiscard]] WeakPtr<Wait> weak() const { return weakFactory_.weak(); }
-  [[nodiscard]] const ControlReply& reply() const { return reply_; }
-  void end() {
-    done_ = true;
-    timer_.stop();
-  }
-
- private:
-  ControlReply reply_;
-  bool done_ = false;
-  std::function<void()> onHangUp_;
-  std::vector<Subscription> subscriptions_;
-  OneShotTimer timer_;
-  WeakPtrFactory<Wait> weakFactory_{this};
-};
-
-ControlCommands::ControlCommands(Application& app) : app_(app) {}
+ControlCommands::ControlCommands(Application& app) : app_(app), feed_(std::make_unique<ManagementFeed>(app)) {}
 ControlCommands::~ControlCommands() = default;
 
 void ControlCommands::track(std::unique_ptr<Wait> wait) {
@@ -117,43 +37,9 @@ std::size_t ControlCommands::waitingCount() const {
 }
 
 Json ControlCommands::status() {
-  VPNManager& vpn = app_.vpn();
-  VPNViewModel& home = app_.home();
-  const TunnelStatus state = vpn.connectionState().get();
-  const auto& manager = vpn.tunnelManager();
-  const VPNRoutingMode mode = app_.modes().currentMode().get();
-
-  Json out = {{"tunnel", toString(state)},
-              {"tunnelText", tunnelStateText(state)},
-              {"intent", home.machine().target().get() == TunnelStateMachine::Target::on ? "on" : "off"},
-              {"state", toString(home.machine().state().get())},
-              {"tunnelService", app_.tunnelServiceName()},
-              {"configured", vpn.isConfigured().get()},
-              {"mode", rawText(mode)},
-              {"modeLabel", routing_texts::label(mode)},
-              {"extension", toString(vpn.systemExtensionState().get().kind)},
-              {"switchLocked", home.switchBlock().get().locked}};
-  out["server"] = manager && manager->protocolConfiguration && manager->protocolConfiguration->serverAddress
-                      ? Json(*manager->protocolConfiguration->serverAddress)
-                      : Json(nullptr);
-  out["connectedSince"] = vpn.connectionStartTime() ? Json(isoTime(*vpn.connectionStartTime())) : Json(nullptr);
-  out["busy"] = home.busyText().get() ? Json(home.busyText().get()->text) : Json(nullptr);
-  // The health check's verdict while it has one for this connection.
-  SmartStatusEngine& health = app_.health();
-  const bool verdict =
-      health.health().get().kind() != SmartStatusHealth::Case::none && !health.statusText().get().empty();
-  out["health"] = verdict ? Json(health.statusText().get()) : Json(nullptr);
-  out["healthRaw"] = health.healthRaw().get() ? Json(*health.healthRaw().get()) : Json(nullptr);
-  if (const auto& error = home.lastError().get()) {
-    out["lastError"] = {{"title", error->title}, {"message", error->message}};
-  } else {
-    out["lastError"] = nullptr;
-  }
-  if (auto notice = app_.modes().modeControlNotice()) {
-    out["modeNotice"] = std::string(*notice);
-  } else {
-    out["modeNotice"] = nullptr;
-  }
+  Json out = topicValue(app_, ManagementTopic::home);
+  out["protocol"] = kManagementProtocol;
+  out["extension"] = toString(app_.vpn().systemExtensionState().get().kind);
   // Stores found damaged at start-up and started afresh: the user should know what was reset.
   Json resets = Json::array();
   for (const StoreReset& reset : app_.platform().storeResets) {
@@ -163,10 +49,9 @@ Json ControlCommands::status() {
                       {"recovered", reset.recovered}});
   }
   out["storeResets"] = std::move(resets);
-  if (const auto& overlay = app_.overlays().current().get()) {
-    out["overlay"] = {{"identifier", overlay->identifier}, {"title", overlay->title}, {"message", overlay->message}};
-  } else {
-    out["overlay"] = nullptr;
+  // What waits for the user's answer.
+  for (ManagementTopic topic : {ManagementTopic::overlay, ManagementTopic::prompt}) {
+    out[std::string(toString(topic))] = topicValue(app_, topic);
   }
   return out;
 }
@@ -187,7 +72,12 @@ void ControlCommands::finishError(const ControlReply& reply, std::string_view co
 
 void ControlCommands::handle(const Json& request, const ControlReply& reply) {
   const std::string command = request["command"].get<std::string>();
-  if (command == "status") return finishOk(reply);
+  if (command == "status") {
+    // Whoever asked for the status shows what it carries: an update prompt in it counts as shown.
+    Json line = {{"ok", true}, {"status", status()}};
+    feed_->delivered(ManagementTopic::prompt, line["status"]["prompt"]);
+    return reply.finish(line);
+  }
   if (command == "connect") return intent(reply, Intent::connect);
   if (command == "disconnect") return intent(reply, Intent::disconnect);
   if (command == "toggle") return intent(reply, Intent::toggle);
@@ -195,6 +85,13 @@ void ControlCommands::handle(const Json& request, const ControlReply& reply) {
   if (command == "mode") return mode(request, reply);
   if (command == "sites") return sites(request, reply);
   if (command == "watch") return watch(reply);
+  if (command == "hello") return hello(reply);
+  if (command == "subscribe") return subscribe(request, reply);
+  if (command == "answer") return answer(request, reply);
+  if (command == "open-url") return openURL(request, reply);
+  if (command == "update") return update(request, reply);
+  if (command == "menu") return menu(request, reply);
+  if (command == "smart-mode") return smartMode(request, reply);
   finishError(reply, "usage", "", fmt::format("unknown command \"{}\"", command));
 }
 
@@ -259,18 +156,26 @@ void ControlCommands::mode(const Json& request, const ControlReply& reply) {
   const auto confirmedArgument = boolArgument(request, "confirmed", false);
   if (!confirmedArgument) return finishError(reply, "usage", "", "\"confirmed\" is true or false");
   const bool confirmed = *confirmedArgument;
+  const auto asDialog = boolArgument(request, "dialog", false);
+  if (!asDialog) return finishError(reply, "usage", "", "\"dialog\" is true or false");
+  const FullModeConfirmation dialog = modes.fullModeConfirmation();
   if (*wanted == VPNRoutingMode::full && !confirmed && modes.currentMode().get() != VPNRoutingMode::full) {
-    const FullModeConfirmation dialog = modes.fullModeConfirmation();
-    return reply.finish(Json{{"ok", false},
-                             {"code", "confirm"},
-                             {"confirm",
-                              {{"identifier", dialog.identifier},
-                               {"title", dialog.title},
-                               {"message", dialog.message},
-                               {"confirm", dialog.confirm},
-                               {"cancel", dialog.cancel}}},
-                             {"status", status()}});
+    Json confirm = {{"identifier", dialog.identifier},
+                    {"title", dialog.title},
+                    {"message", dialog.message},
+                    {"confirm", dialog.confirm},
+                    {"cancel", dialog.cancel}};
+    // A front-end that shows the overlay queue asks for the dialog there and answers it like any.
+    if (*asDialog) {
+      OverlayItem item{OverlayItem::Kind::dialog, dialog.identifier, dialog.title, dialog.message, {}};
+      item.buttons = {OverlayButton{dialog.confirm, [&modes] { (void)modes.select(VPNRoutingMode::full); }},
+                      OverlayButton{dialog.cancel, {}}};
+      if (const std::uint64_t id = app_.overlays().enqueue(std::move(item))) confirm["id"] = overlayAnswerId(id);
+    }
+    return reply.finish(Json{{"ok", false}, {"code", "confirm"}, {"confirm", confirm}, {"status", status()}});
   }
+  // Settled here: the same question on screen is no longer asked.
+  if (*wanted == VPNRoutingMode::full) app_.overlays().withdraw(dialog.identifier);
   if (auto saved = modes.select(*wanted); !saved) {
     return finishError(reply, "failed", std::string(routing_texts::label(*wanted)), writeFailureText(saved.error()));
   }

@@ -9,6 +9,7 @@
 #include "app/app_context.h"
 #include "app/main_summary.h"
 #include "platform/files.h"
+#include "routing/geoip_payload.h"
 
 namespace norvik::cli {
 namespace {
@@ -53,11 +54,23 @@ CommandResult runApi(const GlobalOptions& global, const ApiOptions& options) {
   }
   const std::string& body = **answer;
   fmt::print("{}\n", body);
+  // Each answer is read as the product reads it, so a body the product would refuse shows the
+  // same error here.
+  if (endpoint->name == endpoints::kGeoIP.name) {
+    auto list = acceptGeoIPPayload(body);
+    if (!list) {
+      return failure(ExitCode::failed,
+                     fmt::format("GeoIP payload rejected ({} bytes, {})", list.error().bytes,
+                                 list.error().reason == GeoIPRejection::tooSmall ? "too small" : "JSON without CIDRs"));
+    }
+    fmt::print("GeoIP: {} CIDRs\n", list->cidrCount);
+    return {};
+  }
+  if (auto error = endpointDecodeError(endpoint->name, body)) {
+    return failure(ExitCode::failed, fmt::format("{}: {}", error->code, error->message));
+  }
   if (endpoint->name == endpoints::kMain.name) {
-    auto decoded = decodeAPIResponse(body);
-    if (!decoded)
-      return failure(ExitCode::failed, fmt::format("DECODE_ERROR: Failed to decode response ({})", decoded.error()));
-    fmt::print("{}", summarizeMainResponse(*decoded, body));
+    if (auto decoded = decodeAPIResponse(body)) fmt::print("{}", summarizeMainResponse(*decoded, body));
   }
   return {};
 }

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "app/agent_exchange.h"
 #include "app/app_context.h"
 #include "backend/provisioning.h"
 #include "update/app_updater.h"
@@ -118,7 +119,64 @@ void printOffer(const AppcastItem& item, const std::optional<std::string>& notes
   }
 }
 
+// Feed options describe another feed than the agent's: such a command runs on its own.
+bool agentMayRun(const FeedOptions& options) {
+  return !options.feed && !options.mirror && !options.currentVersion && !options.beta;
+}
+
+// The updater's state as the agent sends it ("updater" topic), for the printer.
+AppUpdateState stateFromAgent(const Json& value) {
+  const std::string state = text(value, "state");
+  const std::string version = text(value, "version");
+  if (state == "downloading") {
+    const Json total = value.value("total", Json());
+    return {AppUpdateState::Downloading{
+        version, value.value("received", std::uint64_t{0}),
+        total.is_number_unsigned() ? std::optional(total.get<std::uint64_t>()) : std::nullopt}};
+  }
+  if (state == "checking") return {AppUpdateState::Checking{}};
+  if (state == "upToDate") return {AppUpdateState::UpToDate{}};
+  if (state == "available") {
+    return {AppUpdateState::Available{version, text(value, "title"), text(value, "message"), text(value, "button"),
+                                      value.value("dismissible", true)}};
+  }
+  if (state == "extracting") return {AppUpdateState::Extracting{version, value.value("progress", 0.0)}};
+  if (state == "readyToInstall") return {AppUpdateState::ReadyToInstall{version}};
+  if (state == "installing") return {AppUpdateState::Installing{}};
+  if (state == "failed") return {AppUpdateState::Failed{text(value, "failure")}};
+  return {AppUpdateState::Idle{}};
+}
+
+// Runs the request in the agent of this home; nothing when none runs (the command then does the
+// work itself).
+std::optional<std::expected<Json, CommandError>> askAgent(const GlobalOptions& global, const Json& request,
+                                                          const std::function<void(const Json&)>& onEvent) {
+  Exchange exchange{global, std::chrono::hours(2)};
+  auto answer = exchange.run(request, onEvent);
+  if (!answer && answer.error().code == ExitCode::noAgent) return std::nullopt;
+  return answer;
+}
+
 CommandResult runCheck(const GlobalOptions& global, const FeedOptions& options) {
+  if (agentMayRun(options)) {
+    fmt::print("{}\n", update_texts::kConnecting);
+    (void)std::fflush(stdout);  // nothing to do when the terminal or pipe has gone
+    if (auto answer = askAgent(global, Json{{"command", "update"}, {"action", "check"}}, nullptr)) {
+      if (!*answer) return std::unexpected(answer->error());
+      const Json value = (*answer)->value("updater", Json::object());
+      if (!(*answer)->value("ok", false)) return failure(ExitCode::failed, errorText(**answer));
+      if (text(value, "state") == "upToDate") {
+        fmt::print("{} ({})\n", update_texts::kUpToDate, kAppVersion);
+        return {};
+      }
+      if (text(value, "state") != "available") return failure(ExitCode::failed, text(value, "text"));
+      fmt::print("{} {}\n  title: {}\n", update_texts::kVersionAvailable, text(value, "version"),
+                 text(value, "message"));
+      const std::string notes = text(value, "releaseNotes");
+      if (!notes.empty()) fmt::print("  release notes:\n    {}\n", notes);
+      return {};
+    }
+  }
   auto context = AppContext::open(global);
   if (!context) return std::unexpected(context.error());
   auto session = openSession(**context, global, options);
@@ -202,6 +260,27 @@ class ProgressPrinter {
 };
 
 CommandResult runInstall(const GlobalOptions& global, const InstallOptions& options) {
+  if (agentMayRun(options.feed)) {
+    ProgressPrinter printer(::isatty(STDOUT_FILENO) == 1);
+    Json request = {{"command", "update"}, {"action", "install"}};
+    if (options.msiURL) {
+      request["msiURL"] = *options.msiURL;
+      request["msiVersion"] = options.msiVersion;
+    } else {
+      fmt::print("{}\n", update_texts::kConnecting);
+    }
+    auto answer = askAgent(global, request, [&printer](const Json& line) {
+      if (text(line, "topic") == "updater") printer.show(stateFromAgent(line.value("value", Json::object())));
+    });
+    if (answer) {
+      printer.endBar();
+      if (!*answer) return std::unexpected(answer->error());
+      if (!(*answer)->value("ok", false)) return failure(ExitCode::failed, errorText(**answer));
+      const std::string message = text(**answer, "message");
+      if (!message.empty()) fmt::print("{}\n", message);
+      return {};
+    }
+  }
   auto context = AppContext::open(global);
   if (!context) return std::unexpected(context.error());
   auto session = openSession(**context, global, options.feed);

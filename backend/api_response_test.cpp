@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "backend/endpoint_responses.h"
+#include "backend/endpoints.h"
 #include "testing/test_data.h"
 
 namespace norvik {
@@ -122,6 +123,29 @@ TEST(DecodeEndpointResponses, EachTypeReadsItsOwnKeys) {
   EXPECT_FALSE(decodeServiceListsResponse(R"({"services": {"youtube": [1]}})").has_value());
   auto version = decodeAppVersionResponse(R"({"update": {"update_type": "soft_screen", "cooldown_hours": 0.5}})");
   EXPECT_EQ(version->update->cooldownHours, 0.5);
+}
+
+}  // namespace
+}  // namespace norvik
+
+namespace norvik {
+namespace {
+
+TEST(EndpointDecodeErrorTest, EveryTypedAnswerIsReadAsTheProductReadsIt) {
+  EXPECT_FALSE(endpointDecodeError("getkey", R"({"result": 1, "keyData": "[Interface]"})").has_value());
+  EXPECT_FALSE(endpointDecodeError("check_app_version", "{}").has_value());
+  for (const Endpoint& endpoint : endpoints::kAll) {
+    if (endpoint.name == endpoints::kGeoIP.name) continue;  // the GeoIP cache reads that body
+    const auto error = endpointDecodeError(endpoint.name, "[1, 2");
+    ASSERT_TRUE(error.has_value()) << endpoint.name;
+    EXPECT_EQ(error->code, "DECODE_ERROR") << endpoint.name;
+    if (endpoint.name == endpoints::kMain.name) {
+      EXPECT_EQ(error->message, "Failed to decode response");
+    } else {
+      EXPECT_TRUE(error->message.starts_with("Decoding error: ")) << endpoint.name << ": " << error->message;
+    }
+  }
+  EXPECT_FALSE(endpointDecodeError("geoip", "[1, 2").has_value());
 }
 
 }  // namespace

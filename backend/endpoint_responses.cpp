@@ -1,5 +1,6 @@
 #include "backend/endpoint_responses.h"
 
+#include "backend/endpoints.h"
 #include "backend/json_fields.h"
 
 namespace norvik {
@@ -150,6 +151,28 @@ std::expected<SupportChatResponse, std::string> decodeSupportChatResponse(std::s
 }
 std::expected<ServiceListsResponse, std::string> decodeServiceListsResponse(std::string_view body) {
   return decodeDocument(body, &decodeServiceLists);
+}
+
+std::optional<APIError> endpointDecodeError(std::string_view endpoint, std::string_view body) {
+  auto check = [](const auto& decoded) -> std::optional<APIError> {
+    if (decoded) return std::nullopt;
+    return api_error::decodeError(decoded.error());
+  };
+  if (endpoint == endpoints::kMain.name) {
+    if (decodeAPIResponse(body)) return std::nullopt;
+    return APIError{std::string(api_error::kDecodeError), "Failed to decode response"};
+  }
+  if (endpoint == endpoints::kGetKey.name || endpoint == endpoints::kChangeServer.name) {
+    return check(decodeVPNKeyResponse(body));
+  }
+  if (endpoint == endpoints::kCheckAppVersion.name) return check(decodeAppVersionResponse(body));
+  if (endpoint == endpoints::kServiceLists.name) return check(decodeServiceListsResponse(body));
+  if (endpoint == endpoints::kAddPush.name) return check(decodePushTokenResponse(body));
+  if (endpoint == endpoints::kStoreOpen.name) return check(decodeStoreOpenResponse(body));
+  if (endpoint == endpoints::kCancelSubscription.name) return check(decodeCancelServiceResponse(body));
+  if (endpoint == endpoints::kRequestMoveCode.name) return check(decodeMoveCodeResponse(body));
+  if (endpoint == endpoints::kMoveSubscription.name) return check(decodeTransferResponse(body));
+  return std::nullopt;
 }
 
 }  // namespace norvik

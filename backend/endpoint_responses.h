@@ -2,10 +2,12 @@
 
 #include <expected>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "backend/api_error.h"
 #include "backend/api_response.h"
 
 namespace norvik {
@@ -107,5 +109,10 @@ struct ServiceListsResponse {
 [[nodiscard]] std::expected<ActivationResponse, std::string> decodeActivationResponse(std::string_view body);
 [[nodiscard]] std::expected<SupportChatResponse, std::string> decodeSupportChatResponse(std::string_view body);
 [[nodiscard]] std::expected<ServiceListsResponse, std::string> decodeServiceListsResponse(std::string_view body);
+
+// Decodes `body` as the typed answer of `endpoint` the way the product does: nothing when it
+// decodes (or the endpoint has no typed answer here: "geoip" is read by the GeoIP cache), else the
+// "DECODE_ERROR" the product would raise for it.
+[[nodiscard]] std::optional<APIError> endpointDecodeError(std::string_view endpoint, std::string_view body);
 
 }  // namespace norvik

@@ -54,7 +54,16 @@ VendorID SecurityManager::vendorID() {
     return {*mirror, true};
   }
   if (stored.status == errSecItemNotFound) {
-    std::string fresh = makeUUID();
+    auto made = makeUUID();
+    if (!made) {
+      // An identifier not drawn from the random source would be the same on every device that
+      // failed alike: nothing is stored, and the read fails as a locked store's does.
+      log_.write(
+          "[VendorID] источник случайных чисел недоступен — идентификатор не создан, запросы к бэкенду "
+          "заблокированы");
+      return {std::string(), false};
+    }
+    std::string fresh = std::move(*made);
     // The add's status is not checked: should it fail, the mirror still carries the identifier.
     (void)secureItems_.add(
         {std::string(kKeychainAccount), std::nullopt, std::string(kSecAttrAccessibleAfterFirstUnlock)}, toBytes(fresh));
@@ -82,7 +91,7 @@ VendorID SecurityManager::vendorID() {
   log_.format(
       "[VendorID] Keychain недоступен (OSStatus {}) и зеркала нет — запасной ID, запросы к бэкенду заблокированы",
       stored.status);
-  return {makeUUID(), false};
+  return {makeUUID().value_or(std::string()), false};
 }
 
 void SecurityManager::migrateAccessibility(std::string_view account) {
@@ -158,10 +167,11 @@ std::string SecurityManager::paymentSignature(std::optional<std::string_view> me
   return hexLower(crypto_.hmacSha256(paymentHMACSecretKey_, asBytes(text)));
 }
 
-std::string SecurityManager::makeUUID() {
+std::optional<std::string> SecurityManager::makeUUID() {
   // A version 4 UUID from the secure random source, upper case as the platform formats it.
-  Bytes bytes(16, 0);
-  if (auto random = crypto_.randomBytes(16)) bytes = std::move(*random);
+  auto random = crypto_.randomBytes(16);
+  if (!random || random->size() != 16) return std::nullopt;
+  Bytes bytes = std::move(*random);
   bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);
   std::string hex = hexLower(bytes);

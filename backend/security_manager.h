@@ -77,7 +77,8 @@ class SecurityManager {
   [[nodiscard]] bool canEncrypt() const { return aesEncryptionKey_.has_value(); }
 
  private:
-  [[nodiscard]] std::string makeUUID();
+  // Nothing when the random source fails.
+  [[nodiscard]] std::optional<std::string> makeUUID();
 
   SecureItemStore& secureItems_;
   Defaults& defaults_;

@@ -155,6 +155,23 @@ TEST_F(SecurityManagerTest, SignRequestTakesWholeSecondsAndA32ByteNonce) {
   EXPECT_FALSE(security.signRequest(asBytes("{}")).has_value());
 }
 
+TEST_F(SecurityManagerTest, AFailedRandomSourceNeverBecomesTheDevicesIdentity) {
+  crypto.failRandom(true);
+  const VendorID failed = security.vendorID();
+  EXPECT_FALSE(failed.trusted);
+  EXPECT_TRUE(failed.identifier.empty()) << failed.identifier;
+  EXPECT_EQ(store.itemCount(), 0u);
+  EXPECT_FALSE(defaults.contains(SecurityManager::kMirrorKey));
+  EXPECT_TRUE(log.contains("[VendorID] источник случайных чисел недоступен"));
+
+  // Once the source works, the first read makes and keeps a real identifier.
+  crypto.failRandom(false);
+  const VendorID made = security.vendorID();
+  EXPECT_TRUE(made.trusted);
+  EXPECT_NE(made.identifier, "00000000-0000-4000-8000-000000000000");
+  EXPECT_EQ(defaults.stringValue(SecurityManager::kMirrorKey), made.identifier);
+}
+
 TEST_F(SecurityManagerTest, PaymentSignatureDefaultsToTheProvisionedMessage) {
   const OpenSslCrypto reference;
   const Bytes key = toBytes("test-payment-key");

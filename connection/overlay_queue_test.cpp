@@ -63,5 +63,46 @@ TEST(OverlayQueue, AToastClosesByItselfAfterThreeSeconds) {
   EXPECT_EQ(queue.current().get()->identifier, "next") << "a dialog waits for its answer";
 }
 
+TEST(OverlayQueue, EachShowingHasItsOwnIdAndAnAnswerByIdRunsTheButtonAndTheChoice) {
+  testing::VirtualEventLoop loop;
+  OverlayQueue queue(loop);
+  std::vector<std::string> happened;
+  OverlayItem confirm = dialog("settings_smart_mode_disable", [&] { happened.emplace_back("confirm"); });
+  confirm.buttons.push_back({"Оставить", [&] { happened.emplace_back("keep"); }});
+  confirm.choice = OverlayChoice{"Больше не показывать",
+                                 [&](bool checked) { happened.emplace_back(checked ? "hide" : "ask again"); }};
+  const std::uint64_t first = queue.enqueue(confirm);
+  const std::uint64_t second = queue.enqueue(dialog("connection_error"));
+  ASSERT_NE(first, 0u);
+  EXPECT_GT(second, first);
+  EXPECT_EQ(queue.current().get()->id, first);
+
+  EXPECT_FALSE(queue.respond(second, 0)) << "not the one showing";
+  EXPECT_FALSE(queue.respond(first, 2)) << "no such button";
+  EXPECT_TRUE(happened.empty());
+  EXPECT_TRUE(queue.respond(first, 1, /*choice=*/true));
+  EXPECT_EQ(happened, (std::vector<std::string>{"hide", "keep"}));
+  EXPECT_EQ(queue.current().get()->id, second);
+  EXPECT_FALSE(queue.respond(first, 0)) << "answered once";
+
+  // The same dialog queued again is a new showing with a new id.
+  queue.respond(second, 0);
+  EXPECT_GT(queue.enqueue(confirm), second);
+}
+
+TEST(OverlayQueue, AWithdrawnDialogLeavesTheQueueWithoutAnAnswer) {
+  testing::VirtualEventLoop loop;
+  OverlayQueue queue(loop);
+  bool answered = false;
+  queue.enqueue(dialog("first"));
+  queue.enqueue(dialog("modes_full_mode_confirm", [&] { answered = true; }));
+  EXPECT_TRUE(queue.withdraw("modes_full_mode_confirm"));
+  EXPECT_EQ(queue.waitingCount(), 0u);
+  EXPECT_TRUE(queue.withdraw("first"));
+  EXPECT_FALSE(queue.current().get().has_value());
+  EXPECT_FALSE(queue.withdraw("first"));
+  EXPECT_FALSE(answered);
+}
+
 }  // namespace
 }  // namespace norvik

@@ -41,10 +41,16 @@ void TunnelStateMachine::ChangeServerJob::onResponse(std::expected<VPNKeyRespons
       return failChange(texts::kServerChangeRequestErrorTitle, std::string(texts::kChangeTimedOut));
     }
     log().format("[changeServer] Ошибка API: {}: {}", e.code, e.message);
-    return failChange(texts::kServerChangeRequestErrorTitle, serverChangeMessage(e));
+    // The server's own title heads the dialog when it gave one.
+    return failChange(e.title && !e.title->empty() ? std::string_view(*e.title) : texts::kServerChangeRequestErrorTitle,
+                      serverChangeMessage(e));
   }
   const VPNKeyResponse& r = *response;
   log().format("[changeServer] Получен ответ от API: result={}", resultText(r.result));
+  // A success without the configuration is the server's omission, whatever else the body says.
+  if (r.result && *r.result > 0 && !(r.keyData && !r.keyData->empty())) {
+    return failChange(texts::kServerChangeRequestErrorTitle, std::string(texts::kNoNewConfiguration));
+  }
   bool legacy = false;
   if (auto error = serverError(r, legacy)) {
     log().format("[changeServer] Серверная ошибка{}: {}", legacy ? " (legacy)" : "", *error);

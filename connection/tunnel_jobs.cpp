@@ -86,28 +86,35 @@ void TunnelStateMachine::Job::installKey(const std::string& keyText, bool fresh,
 
 // --- Getting a key: shared by the connect and getVPNKey ---
 
-std::expected<std::string, std::string> TunnelStateMachine::acceptKey(
+std::expected<std::string, TunnelStateMachine::ShownError> TunnelStateMachine::acceptKey(
     std::expected<VPNKeyResponse, APIError> response) {
+  auto failed = [](std::string message, const std::optional<std::string>& title = std::nullopt) {
+    return std::unexpected(
+        ShownError{title && !title->empty() ? *title : std::string(texts::kKeyErrorTitle), std::move(message)});
+  };
   if (!response) {
     log_.format("[getVPNKey] Ошибка API: {}: {}", response.error().code, response.error().message);
-    return std::unexpected(keyFetchMessage(response.error()));
+    return failed(keyFetchMessage(response.error()), response.error().title);
   }
   const VPNKeyResponse& r = *response;
   log_.format("[getVPNKey] Получен ответ от API: result={}", Job::resultText(r.result));
+  const bool hasKey = r.keyData && !r.keyData->empty();
+  // A success without the key is the server's omission, whatever else the body says.
+  if (r.result && *r.result > 0 && !hasKey) return failed(std::string(texts::kNoKeyConfiguration));
   bool legacy = false;
   if (auto error = Job::serverError(r, legacy)) {
     log_.format("[getVPNKey] Серверная ошибка{}: {}", legacy ? " (legacy)" : "", *error);
-    return std::unexpected(std::string(texts::kGenericKeyError));
+    return failed(std::string(texts::kGenericKeyError));
   }
-  if (!r.keyData || r.keyData->empty()) return std::unexpected(std::string(texts::kNoKeyConfiguration));
+  if (!hasKey) return failed(std::string(texts::kNoKeyConfiguration));
   return *r.keyData;
 }
 
-std::string TunnelStateMachine::keyInstallFailure(const Error& error) {
+std::optional<std::string> TunnelStateMachine::keyInstallFailure(const Error& error) {
   if (isVPNPermissionDenied(error)) {
     analytics_.record("permission_denied");
     screen_.permissionCardShown().set(true);
-    return std::string(texts::kAllowVPN);
+    return std::nullopt;
   }
   return withWriteCause(texts::kInstallFailed, error);
 }
@@ -153,12 +160,16 @@ void TunnelStateMachine::ConnectJob::fetchKeyThenStart() {
     if (!key) {
       fetchingKey_ = false;
       screen().endOperation();
-      return fail(texts::kKeyErrorTitle, std::move(key.error()));
+      return fail(key.error().title, std::move(key.error().message));
     }
     installKey(*key, /*fresh=*/true, [this](std::expected<void, Error> installed) {
       fetchingKey_ = false;
       screen().endOperation();
-      if (!installed) return fail(texts::kKeyErrorTitle, machine_.keyInstallFailure(installed.error()));
+      if (!installed) {
+        if (auto message = machine_.keyInstallFailure(installed.error())) return fail(texts::kKeyErrorTitle, *message);
+        // The permission card asks; the request that led here fails with its words.
+        return finish(ShownError{std::string(texts::kKeyErrorTitle), std::string(texts::kAllowVPN)});
+      }
       screen().permissionCardShown().set(false);
       startTunnel();
     });
@@ -295,7 +306,7 @@ void TunnelStateMachine::FetchKeyJob::start() {
     auto key = machine_.acceptKey(std::move(response));
     if (!key) {
       screen().endOperation();
-      screen().showError(texts::kKeyErrorTitle, std::move(key.error()));
+      screen().showError(key.error().title, std::move(key.error().message));
       return end(false);
     }
     install(*key);
@@ -306,7 +317,9 @@ void TunnelStateMachine::FetchKeyJob::install(const std::string& key) {
   installKey(key, /*fresh=*/true, [this](std::expected<void, Error> installed) {
     screen().endOperation();
     if (!installed) {
-      screen().showError(texts::kKeyErrorTitle, machine_.keyInstallFailure(installed.error()));
+      if (auto message = machine_.keyInstallFailure(installed.error())) {
+        screen().showError(texts::kKeyErrorTitle, std::move(*message));
+      }
       return end(false);
     }
     screen().permissionCardShown().set(false);

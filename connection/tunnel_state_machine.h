@@ -190,9 +190,12 @@ class TunnelStateMachine final : public TunnelIntents {
 
   // Shared steps of the jobs (tunnel_jobs.cpp).
   // The key text of a "getkey" answer, or the message the user sees; logged as the flow defines.
-  [[nodiscard]] std::expected<std::string, std::string> acceptKey(std::expected<VPNKeyResponse, APIError> response);
+  // The key text, or the error to show: the server's own title heads it when the server gave one.
+  [[nodiscard]] std::expected<std::string, ShownError> acceptKey(std::expected<VPNKeyResponse, APIError> response);
   // The message for a failed install of a fetched key; a refused VPN permission shows its card.
-  [[nodiscard]] std::string keyInstallFailure(const Error& error);
+  // The message of a failed install; nothing for a refused VPN permission, which the
+  // permission card shows instead of a dialog.
+  [[nodiscard]] std::optional<std::string> keyInstallFailure(const Error& error);
 
   EventLoop& loop_;
   NetworkService& network_;

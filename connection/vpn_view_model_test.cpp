@@ -192,9 +192,11 @@ TEST_F(VPNViewModelTest, KeyFetchErrorsBecomeTheKeyTableTexts) {
        std::string(connection_texts::kCertificateProblem)},
       {std::unexpected(outOfDate), std::string(connection_texts::kClockWrong)},
       {FakeHttpTransport::json(200, "[1, 2]"), "Ошибка обработки данных от сервера"},
-      {FakeHttpTransport::json(200, R"({"result": 1, "error": "quota"})"),
+      {FakeHttpTransport::json(200, R"({"result": 0, "error": "quota"})"),
        "Не удалось получить ключ. Попробуйте позже."},
       {FakeHttpTransport::json(200, R"({"result": 1})"), "Сервер не предоставил конфигурацию VPN"},
+      // A success without the key is the server's omission before anything else the body says.
+      {FakeHttpTransport::json(200, R"({"result": 1, "error": "quota"})"), "Сервер не предоставил конфигурацию VPN"},
   };
   for (const auto& [result, message] : cases) {
     answer("getkey", result);
@@ -396,7 +398,19 @@ TEST_F(VPNViewModelTest, ARefusedVPNPermissionShowsThePermissionCard) {
   settle();
   EXPECT_TRUE(model_->permissionCardShown().get());
   EXPECT_EQ(analytics_.count("permission_denied"), 1u);
-  EXPECT_EQ(error().message, "Разрешите VPN-подключение");
+  // The card asks; no dialog repeats it.
+  EXPECT_FALSE(model_->lastError().get().has_value());
+  EXPECT_FALSE(overlays_.current().get().has_value());
+}
+
+TEST_F(VPNViewModelTest, TheServersOwnTitleHeadsTheErrorDialog) {
+  answer("getkey", FakeHttpTransport::json(429, R"({"title": "Подождите минуту", "message": "rate limited"})"));
+  model_->toggleVPN(record());
+  settle();
+  EXPECT_EQ(error().title, "Подождите минуту");
+  EXPECT_EQ(error().message, "Слишком много запросов. Пожалуйста, подождите немного и попробуйте снова.");
+  ASSERT_TRUE(overlays_.current().get().has_value());
+  EXPECT_EQ(overlays_.current().get()->title, "Подождите минуту");
 }
 
 TEST_F(VPNViewModelTest, ATunnelThatDropsIsReportedAsInterrupted) {

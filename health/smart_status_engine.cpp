@@ -14,9 +14,10 @@ using std::chrono::milliseconds;
 using Case = SmartStatusHealth::Case;
 
 std::string_view reasonText(int reason) {
-  static constexpr std::string_view kTexts[] = {"connect",      "cold_start",   "monitor",     "problem_recheck",
-                                                "user_recheck", "user_refresh", "path_change", "resume"};
-  return reason >= 0 && reason < 8 ? kTexts[reason] : "unknown";
+  static constexpr std::string_view kTexts[] = {"connect",         "cold_start",   "monitor",
+                                                "problem_recheck", "user_recheck", "user_refresh",
+                                                "path_change",     "resume",       "clock_change"};
+  return reason >= 0 && reason < 9 ? kTexts[reason] : "unknown";
 }
 
 std::string_view snakeName(SmartStatusDiagnosis diagnosis) {
@@ -127,8 +128,11 @@ void SmartStatusEngine::start() {
   });
   policySubscription_ = policyStore_.policy().subscribe([this](const SmartStatusPolicy& p) { onPolicy(p); });
   stateSubscription_ = vpn_.connectionState().subscribe([this](const TunnelStatus& s) { onTunnelState(s); });
-  if (clockCheck_)
+  if (clockCheck_) {
     clockSubscription_ = clockCheck_->wrong().subscribe([this](const bool& wrong) { onClockVerdict(wrong); });
+    clockChangeSubscription_ =
+        clockCheck_->systemClockChanges().subscribe([this](const std::uint64_t&) { onSystemClockChanged(); });
+  }
   if (enabled()) onPolicy(policy());
 }
 
@@ -140,6 +144,7 @@ void SmartStatusEngine::stop() {
   policySubscription_.reset();
   stateSubscription_.reset();
   clockSubscription_.reset();
+  clockChangeSubscription_.reset();
   started_ = false;
 }
 
@@ -220,6 +225,17 @@ void SmartStatusEngine::onClockVerdict(bool wrong) {
   if (health_.get().kind() != Case::problem) return;
   clockBlamed_.set(wrong);
   publishTexts();
+}
+
+void SmartStatusEngine::onSystemClockChanged() {
+  if (!enabled() || !tunnelConnected()) return;
+  if (cycle_ && cycle_->repairing) {
+    // The restart's own window measures again on the new time.
+    pathCheckPending_ = true;
+    return;
+  }
+  log_.write("[SmartStatus] время изменено в системе — перепроверка");
+  beginCycle(Reason::clockChange);
 }
 
 // --- What the user does ---

@@ -85,7 +85,9 @@ inline constexpr std::string_view kPreConnectIdentifier = "smart_status_pre_conn
 // `monitorIntervalMs` while protected (refreshing); `recheckAfterProblemMs` after a problem
 // (rechecking, no restarts); `netChangeGraceMs` after a change of the physical path; `resumeBeatMs`
 // after a return to the foreground or a wake, when the app was away at least
-// `resumeVisibleAfterMs` (restarts only with `resumeRepair`); on recheck() and refresh(). A
+// `resumeVisibleAfterMs` (restarts only with `resumeRepair`); at once when the system clock is set
+// (a verdict reached on the old time, the wrong-clock diagnosis above all, no longer holds); on
+// recheck() and refresh(). A
 // connection the engine did not see come up (a cold start) counts as protected at once when the
 // stored last verification is recent (`coldStartProofMaxAgeMs`) and the tunnel shook hands within
 // `hsProofAgeMs`.
@@ -165,7 +167,17 @@ class SmartStatusEngine {
   [[nodiscard]] bool isCheckRunning() const { return cycle_ != nullptr; }
 
  private:
-  enum class Reason { connect, coldStart, monitor, problemRecheck, userRecheck, userRefresh, pathChange, resume };
+  enum class Reason {
+    connect,
+    coldStart,
+    monitor,
+    problemRecheck,
+    userRecheck,
+    userRefresh,
+    pathChange,
+    resume,
+    clockChange
+  };
   struct Cycle;
   struct Window;
 
@@ -177,6 +189,7 @@ class SmartStatusEngine {
   void onTunnelState(TunnelStatus status);
   void onPathChange(const PhysicalPath& path);
   void onClockVerdict(bool wrong);
+  void onSystemClockChanged();
   void startPathMonitor();
   void reset(std::string_view reason);
   void cancelCycle();
@@ -251,6 +264,7 @@ class SmartStatusEngine {
   Subscription policySubscription_;
   Subscription stateSubscription_;
   Subscription clockSubscription_;
+  Subscription clockChangeSubscription_;
   WeakPtrFactory<SmartStatusEngine> weakFactory_{this};
 };
 

@@ -30,13 +30,18 @@ std::string cidrList(std::size_t count, int firstOctet = 1) {
   return text;
 }
 
+// A comment line that brings a body past the size gate; the reader skips it.
+std::string padding() { return "# " + std::string(kGeoIPMinimumPayloadBytes, '-') + "\n"; }
+// `count` CIDRs as the backend serves a list: with the rest of the body a full list has.
+std::string servedList(std::size_t count, int firstOctet = 1) { return cidrList(count, firstOctet) + padding(); }
+
 std::string readBack(const std::filesystem::path& path) { return readFile(path).value_or("<unreadable>"); }
 
 TEST(GeoIPPayloadTest, PlainTextKeepsTheCidrsAndLeavesOutWhatIsNot) {
   const std::string body =
       "# Russian ranges\r\n2.56.88.0/22\r\n\r\n  5.8.0.0/19  \n999.1.1.1/8\n10.0.0.0/33\n"
       "2a00:1fa0::/29\nexample.com\n" +
-      cidrList(1000, 20);
+      servedList(1000, 20);
   auto list = acceptGeoIPPayload(body);
   ASSERT_TRUE(list.has_value());
   EXPECT_EQ(list->format, GeoIPPayloadFormat::plainText);
@@ -51,22 +56,22 @@ TEST(GeoIPPayloadTest, AJsonEnvelopeCarriesTheListAsCidrsOrAsData) {
   nlohmann::json cidrs = nlohmann::json::array();
   for (int i = 0; i < 1000; ++i) cidrs.push_back(fmt::format("31.{}.{}.0/24", i / 256, i % 256));
   cidrs.push_back(42);
-  auto asArray = acceptGeoIPPayload(nlohmann::json{{"version", "v9"}, {"cidrs", cidrs}}.dump());
+  auto asArray = acceptGeoIPPayload(nlohmann::json{{"version", "v9"}, {"cidrs", cidrs}, {"comment", padding()}}.dump());
   ASSERT_TRUE(asArray.has_value());
   EXPECT_EQ(asArray->format, GeoIPPayloadFormat::jsonEnvelope);
   EXPECT_EQ(asArray->cidrCount, 1000u);
   EXPECT_EQ(asArray->malformedCount, 1u);
 
-  auto asText = acceptGeoIPPayload(nlohmann::json{{"data", cidrList(1200)}}.dump());
+  auto asText = acceptGeoIPPayload(nlohmann::json{{"data", servedList(1200)}}.dump());
   ASSERT_TRUE(asText.has_value());
   EXPECT_EQ(asText->cidrCount, 1200u);
   EXPECT_EQ(asText->text, cidrList(1200));
 }
 
 TEST(GeoIPPayloadTest, RefusesJsonWithoutTheListAndBodiesTooSmallForIt) {
-  const std::string padding(20000, ' ');
-  for (const std::string& body : {std::string(R"({"error":"maintenance"})"), R"({"cidrs":[]})" + padding,
-                                  R"({"data":"   "})" + padding, "[\"1.0.0.0/8\"]" + padding, "{broken" + padding}) {
+  const std::string spaces(kGeoIPMinimumPayloadBytes, ' ');
+  for (const std::string& body : {std::string(R"({"error":"maintenance"})"), R"({"cidrs":[]})" + spaces,
+                                  R"({"data":"   "})" + spaces, "[\"1.0.0.0/8\"]" + spaces, "{broken" + spaces}) {
     auto refused = acceptGeoIPPayload(body);
     ASSERT_FALSE(refused.has_value()) << body.substr(0, 30);
     EXPECT_EQ(refused.error().reason, GeoIPRejection::jsonWithoutCidrs) << body.substr(0, 30);
@@ -78,12 +83,18 @@ TEST(GeoIPPayloadTest, RefusesJsonWithoutTheListAndBodiesTooSmallForIt) {
   EXPECT_EQ(small.error().bytes, cidrList(100).size());
 }
 
-TEST(GeoIPPayloadTest, TheShortestListOfAThousandEntriesIsWritten) {
+TEST(GeoIPPayloadTest, ACutOffBodyWithAThousandRangesIsTooSmallToBeTheList) {
+  // Enough entries for the cache, far too few bytes for the list the backend serves.
+  const std::string truncated = cidrList(5000);
+  ASSERT_LT(truncated.size(), kGeoIPMinimumPayloadBytes);
+  auto refused = acceptGeoIPPayload(truncated);
+  ASSERT_FALSE(refused.has_value());
+  EXPECT_EQ(refused.error().reason, GeoIPRejection::tooSmall);
+
+  // The shortest lines of a thousand entries, in a body of the list's size, are written.
   std::string shortest;
   for (int i = 0; i < 1000; ++i) shortest += "1.0.0.0/8\n";
-  shortest.pop_back();
-  ASSERT_EQ(shortest.size(), 9999u);
-  auto list = acceptGeoIPPayload(shortest);
+  auto list = acceptGeoIPPayload(shortest + padding());
   ASSERT_TRUE(list.has_value());
   testing::TempDir dir;
   EXPECT_EQ(writeGeoIPCacheFile(dir.path(), *list).status, GeoIPWriteStatus::written);
@@ -106,7 +117,7 @@ TEST(GeoIPPayloadTest, KeepsExactlyTheLinesThatAreCidrsWhateverTheirForm) {
       "1.2.3/8",     "1.2.3.4.5/8", "1.2.3.4/",    "1234.1.1.1/8",       "0.0.0.0/0",    "00.1.1.1/8",  "1.2.3.4/3a",
       "1..3.4/8",    "9.9.9.9/100", "2a00::/16",   " 7.7.7.0/24",        "8.8.8.0/24\r", "1.2.3.4/32 ", "",
       "# 5.5.5.0/24"};
-  std::string body;
+  std::string body = padding();  // a comment, past the size gate
   std::string expected;
   for (const std::string& line : lines) {
     body += line + "\n";
@@ -141,7 +152,7 @@ class GeoIPCacheTest : public ::testing::Test, protected testing::RoutingEnviron
 };
 
 TEST_F(GeoIPCacheTest, TheSameVersionIsDownloadedOnce) {
-  serve(cidrList(1500));
+  serve(servedList(1500));
   announce("2025-06-01");
   EXPECT_TRUE(log.hasLine("[GeoIP] backend response: geo_bypass_enabled=true, geoip_version=2025-06-01"));
   EXPECT_TRUE(log.hasLine("[GeoIP] version changed (stored=none, new=2025-06-01) — downloading /geoip"));
@@ -163,13 +174,13 @@ TEST_F(GeoIPCacheTest, TheSameVersionIsDownloadedOnce) {
 }
 
 TEST_F(GeoIPCacheTest, ListsOf999AreRefusedAndOf1000Written) {
-  serve(cidrList(999));
+  serve(servedList(999));
   announce("v999");
   EXPECT_TRUE(log.hasLine("[GeoIP][cache] reject: only 999 CIDRs (backendVersion=v999) — keeping old cache"));
   EXPECT_FALSE(std::filesystem::exists(cache.cacheFile()));
   EXPECT_FALSE(group.contains(GeoIPCache::kBackendVersionKey));
 
-  serve(cidrList(1000));
+  serve(servedList(1000));
   announce("v1000");
   EXPECT_EQ(cached(), cidrList(1000));
   EXPECT_EQ(group.stringValue(GeoIPCache::kBackendVersionKey), "v1000");
@@ -187,14 +198,14 @@ TEST_F(GeoIPCacheTest, AFailedVersionIsSkippedForTheRunWhileANewOneIsTried) {
   EXPECT_TRUE(log.hasLine("[GeoIP] version v1 already failed this session — skip"));
   EXPECT_EQ(sends["geoip"], 4);
 
-  serve(cidrList(1200));
+  serve(servedList(1200));
   announce("v2");
   EXPECT_EQ(sends["geoip"], 5);
   EXPECT_EQ(group.stringValue(GeoIPCache::kBackendVersionKey), "v2");
 }
 
 TEST_F(GeoIPCacheTest, AVersionAnnouncedDuringADownloadIsCheckedAfterIt) {
-  serve(cidrList(1000));
+  serve(servedList(1000));
   transport.setLatency(1s);
   auto response = std::make_shared<APIResponse>();
   response->main.geoipVersion = "v1";
@@ -232,7 +243,7 @@ TEST_F(GeoIPCacheTest, AJsonBodyWithoutTheListIsDumpedAndFails) {
 
 TEST_F(GeoIPCacheTest, TheLogNamesTheAttemptThatBroughtTheList) {
   int calls = 0;
-  const std::string body = cidrList(2000);
+  const std::string body = servedList(2000);
   endpoints["geoip"] = [&](const HttpRequest&) -> HttpResult {
     if (++calls == 1) return std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::timedOut));
     return ok(body);
@@ -245,7 +256,7 @@ TEST_F(GeoIPCacheTest, TheLogNamesTheAttemptThatBroughtTheList) {
 
 TEST_F(GeoIPCacheTest, AFailedRenameLeavesNoTemporaryFileAndStoresNoVersion) {
   ASSERT_TRUE(makeDirectories(cache.cacheFile() / "in-the-way"));
-  serve(cidrList(1000));
+  serve(servedList(1000));
   announce("v1");
   EXPECT_TRUE(log.contains("[GeoIP][cache] atomic write failed: "));
   EXPECT_FALSE(std::filesystem::exists(geodata() / "geoip_cache.tmp"));
@@ -256,9 +267,10 @@ TEST_F(GeoIPCacheTest, AFailedRenameLeavesNoTemporaryFileAndStoresNoVersion) {
 TEST(GeoIPCacheFileTest, AFullDiskLeavesThePreviousFileWhole) {
   testing::TempDir dir;
   const std::string previous = cidrList(1000);
-  ASSERT_EQ(writeGeoIPCacheFile(dir.path(), *acceptGeoIPPayload(previous)).status, GeoIPWriteStatus::written);
+  ASSERT_EQ(writeGeoIPCacheFile(dir.path(), *acceptGeoIPPayload(previous + padding())).status,
+            GeoIPWriteStatus::written);
 
-  auto next = acceptGeoIPPayload(cidrList(5000, 100));
+  auto next = acceptGeoIPPayload(servedList(5000, 100));
   ASSERT_TRUE(next.has_value());
   // A file-size limit makes the kernel stop the write part-way, as a full disk does.
   rlimit saved{};
@@ -282,7 +294,7 @@ TEST(GeoIPCacheFileTest, AProcessKilledMidWriteLeavesOneWholeFile) {
   testing::TempDir dir;
   const std::string first = cidrList(1000);
   const std::string second = cidrList(40000, 100);
-  const auto firstList = *acceptGeoIPPayload(first);
+  const auto firstList = *acceptGeoIPPayload(first + padding());
   const auto secondList = *acceptGeoIPPayload(second);
   ASSERT_EQ(writeGeoIPCacheFile(dir.path(), firstList).status, GeoIPWriteStatus::written);
 

@@ -16,6 +16,7 @@ std::string backendTextOr(const OptText& backend, std::string_view builtIn) {
 ModesStore::ModesStore(EventLoop& loop, Defaults& groupDefaults, Published<NetworkService::MainResponse>& responses,
                        Log& log)
     : loop_(loop), defaults_(groupDefaults), log_(log) {
+  smartDisableConfirmHidden_.set(defaults_.boolValue(kSmartDisableConfirmHidden).value_or(false));
   migrateUserSelectedMode();
   currentMode_.set(modeFromStoredCode(readStoredCode()));
   // A response published before the store existed (the cached one at start-up) counts as the
@@ -162,6 +163,26 @@ FullModeConfirmation ModesStore::fullModeConfirmation() const {
       .confirm = backendTextOr(routing_.fullModeAlertConfirm, routing_texts::kFullModeConfirmButton),
       .cancel = backendTextOr(routing_.fullModeAlertCancel, routing_texts::kFullModeCancelButton),
   };
+}
+
+SmartModeDisableConfirmation ModesStore::smartModeDisableConfirmation() {
+  return SmartModeDisableConfirmation{
+      .identifier = std::string(routing_texts::kSmartDisableIdentifier),
+      .title = std::string(routing_texts::kSmartDisableTitle),
+      .message = std::string(routing_texts::kSmartDisableMessage),
+      .confirm = std::string(routing_texts::kSmartDisableConfirm),
+      .keep = std::string(routing_texts::kSmartDisableKeep),
+      .dontShowAgain = std::string(routing_texts::kSmartDisableDontShowAgain),
+  };
+}
+
+Defaults::WriteResult ModesStore::hideSmartDisableConfirm() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
+  auto saved = defaults_.setBool(kSmartDisableConfirmHidden, true);
+  if (!saved) return saved;
+  log_.write("[Routing] подтверждение выключения Умного режима больше не показывается");
+  smartDisableConfirmHidden_.set(true);
+  return saved;
 }
 
 }  // namespace norvik

@@ -28,6 +28,18 @@ struct FullModeConfirmation {
   bool operator==(const FullModeConfirmation&) const = default;
 };
 
+// The dialog the settings screen puts up before the smart mode is switched off, with its
+// "Больше не показывать" check box. Confirm switches to the full mode; keep changes nothing.
+struct SmartModeDisableConfirmation {
+  std::string identifier;
+  std::string title;
+  std::string message;
+  std::string confirm;
+  std::string keep;
+  std::string dontShowAgain;
+  bool operator==(const SmartModeDisableConfirmation&) const = default;
+};
+
 // Keeps the routing mode: the user's own choice ("routing.userSelectedMode") apart from the mode
 // in force ("routing.modeServicesActive"), which follows from the choice and the backend's
 // routing section (kill switch, forced, allowed and default modes). The mode in force is
@@ -48,6 +60,8 @@ class ModesStore {
   static constexpr std::string_view kRelayHarden = "routing.relayHarden";
   static constexpr std::string_view kExtMemLimitMb = "routing.extMemLimitMb";
   static constexpr std::string_view kGeoBypassAllowedByBackend = "geoBypassAllowedByBackend";
+  // The user ticked "Больше не показывать" under the smart-mode-off confirmation.
+  static constexpr std::string_view kSmartDisableConfirmHidden = "settings.smartModeDisableConfirmHidden";
 
   // Called on the loop, after the new mode is persisted and published, with (old, new).
   using ModeChangeHandler = std::function<void(VPNRoutingMode from, VPNRoutingMode to)>;
@@ -89,6 +103,11 @@ class ModesStore {
   // under the kill switch, "Режим настроен провайдером" under a forced mode, else nothing.
   [[nodiscard]] std::optional<std::string_view> modeControlNotice() const;
   [[nodiscard]] FullModeConfirmation fullModeConfirmation() const;
+  [[nodiscard]] static SmartModeDisableConfirmation smartModeDisableConfirmation();
+  // Whether switching the smart mode off in the settings asks first (false once the user ticked
+  // "Больше не показывать"; kept in the group suite across runs).
+  [[nodiscard]] Published<bool>& smartDisableConfirmHidden() { return smartDisableConfirmHidden_; }
+  Defaults::WriteResult hideSmartDisableConfirm();
 
   // The hand-over of a mode change to the tunnel side; the application wires it.
   void setModeChangeHandler(ModeChangeHandler handler) { modeChangeHandler_ = std::move(handler); }
@@ -112,6 +131,7 @@ class ModesStore {
   RoutingConfig routing_;
   std::optional<RoutingConfig> lastRouting_;
   Published<VPNRoutingMode> currentMode_;
+  Published<bool> smartDisableConfirmHidden_{false};
   ModeChangeHandler modeChangeHandler_;
   Subscription responseSubscription_;
 

@@ -27,10 +27,12 @@
 #include "platform/linux/asio_event_loop.h"
 #include "platform/simulated_tunnel_service.h"
 #include "testing/fake_clock_change_source.h"
+#include "testing/fake_file_downloader.h"
 #include "testing/fake_login_item.h"
 #include "testing/fake_named_notifications.h"
 #include "testing/fake_physical_path_source.h"
 #include "testing/fakes.h"
+#include "testing/scripted_process_runner.h"
 #include "testing/temp_dir.h"
 #include "testing/test_provisioning.h"
 #include "testing/virtual_event_loop.h"
@@ -47,6 +49,7 @@ class ScriptedBackend final : public HttpTransport {
   void send(HttpRequest request, HttpCompletion completion) override {
     const std::string endpoint = request.url.substr(request.url.rfind('/') + 1);
     ++counts_[endpoint];
+    urls_.push_back(request.url);
     HttpResult result = HttpResponse{404, {}, R"({"message":"not found"})"};
     if (auto found = answers_.find(endpoint); found != answers_.end()) result = found->second;
     loop_.postAfter(latency_, [completion = std::move(completion), result = std::move(result)]() mutable {
@@ -63,6 +66,8 @@ class ScriptedBackend final : public HttpTransport {
     auto found = counts_.find(endpoint);
     return found == counts_.end() ? 0 : found->second;
   }
+  // Every address asked, in order.
+  [[nodiscard]] const std::vector<std::string>& urls() const { return urls_; }
 
   // A WireGuard key text that names `server` as its endpoint, and the key endpoints' answer with it.
   static std::string keyText(const std::string& server) {
@@ -78,6 +83,7 @@ class ScriptedBackend final : public HttpTransport {
   EventLoop& loop_;
   std::map<std::string, HttpResult> answers_;
   std::map<std::string, int> counts_;
+  std::vector<std::string> urls_;
   EventLoop::Duration latency_{std::chrono::milliseconds(100)};
 };
 
@@ -182,8 +188,15 @@ class AgentHost {
   static constexpr std::string_view kFirstServer = "203.0.113.10";
   static constexpr std::string_view kSecondServer = "198.51.100.7";
 
-  explicit AgentHost(ControlLimits limits = {}) : asio_(1) {
-    (void)writeProvisioning(home_ / "provisioning.json", testProvisioning());
+  // `beforeStart` runs once everything is assembled and before the application starts: a test
+  // scripts there what the agent must meet at launch (the backend's answers, stored settings).
+  explicit AgentHost(ControlLimits limits = {}, const std::function<void(AgentHost&)>& beforeStart = nullptr)
+      : asio_(1) {
+    // A release key, so that the updater may download a release (the packages of the tests carry
+    // no signature of it and are refused after the download).
+    Provisioning provisioning = testProvisioning();
+    provisioning.updateEd25519PublicKey = "AQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQE=";
+    (void)writeProvisioning(home_ / "provisioning.json", provisioning);
 
     Platform platform;
     auto log = std::make_unique<CapturingLog>();
@@ -204,7 +217,16 @@ class AgentHost {
     auto networkReturns = std::make_unique<FakePhysicalPathSource>();
     networkReturns_ = networkReturns.get();
     platform.networkReturns = std::move(networkReturns);
-    platform.clockChanges = std::make_unique<FakeClockChangeSource>();
+    auto clockChanges = std::make_unique<FakeClockChangeSource>();
+    clockChanges_ = clockChanges.get();
+    platform.clockChanges = std::move(clockChanges);
+    // The in-app updater downloads and installs through these.
+    auto downloads = std::make_unique<FakeFileDownloader>(loop_);
+    downloads_ = downloads.get();
+    platform.downloads = std::move(downloads);
+    auto processes = std::make_unique<ScriptedProcessRunner>(loop_);
+    processes_ = processes.get();
+    platform.processes = std::move(processes);
     auto loginItem = std::make_unique<FakeLoginItem>();
     loginItem_ = loginItem.get();
     platform.loginItem = std::move(loginItem);
@@ -232,6 +254,7 @@ class AgentHost {
         [this](const nlohmann::json& request, const ControlReply& r) { commands_->handle(request, r); }, limits);
     if (!server) throw std::runtime_error("the control socket did not open: " + server.error().message);
     server_ = std::move(*server);
+    if (beforeStart) beforeStart(*this);
     app_->start();
     advance(std::chrono::seconds(1));
   }
@@ -276,6 +299,9 @@ class AgentHost {
   [[nodiscard]] ScriptedBackend& backend() { return *backend_; }
   [[nodiscard]] SimulatedTunnelService& tunnels() { return *tunnels_; }
   [[nodiscard]] FakeLoginItem& loginItem() { return *loginItem_; }
+  [[nodiscard]] FakeClockChangeSource& clockChanges() { return *clockChanges_; }
+  [[nodiscard]] FakeFileDownloader& downloads() { return *downloads_; }
+  [[nodiscard]] ScriptedProcessRunner& processes() { return *processes_; }
   // The network as the tunnel's on-demand rule sees it.
   [[nodiscard]] FakePhysicalPathSource& networkReturns() { return *networkReturns_; }
   [[nodiscard]] CapturingLog& log() { return *log_; }
@@ -323,6 +349,9 @@ class AgentHost {
   ScriptedBackend* backend_ = nullptr;
   SimulatedTunnelService* tunnels_ = nullptr;
   FakeLoginItem* loginItem_ = nullptr;
+  FakeClockChangeSource* clockChanges_ = nullptr;
+  FakeFileDownloader* downloads_ = nullptr;
+  ScriptedProcessRunner* processes_ = nullptr;
   FakePhysicalPathSource* networkReturns_ = nullptr;
   std::unique_ptr<Application> app_;
   std::unique_ptr<ControlCommands> commands_;

@@ -163,10 +163,17 @@ void AppVersionChecker::show(const UpdateInfo& info) {
   next.isSoftScreen = kind_ == UpdatePromptKind::softScreen;
 
   // The same prompt again after a later check is not news: no events, no new "shown" date.
+  next.id = prompt_.get().id;
   if (next == prompt_.get()) return;
-  const bool wasShowing = prompt_.get().showUpdateAlert;
+  next.id = ++lastPromptId_;
+  seen_ = false;
   prompt_.set(std::move(next));
-  if (wasShowing) return;
+}
+
+void AppVersionChecker::markSeen() {
+  NORVIK_ASSERT_ON_LOOP(loop_);
+  if (!prompt_.get().showUpdateAlert || seen_) return;
+  seen_ = true;
   analytics_.record("update_available");
   if (kind_ == UpdatePromptKind::oneTime) {
     defaults_.setDouble(kOntimeUpdateLastShownKey, now());
@@ -178,15 +185,20 @@ void AppVersionChecker::show(const UpdateInfo& info) {
 
 void AppVersionChecker::clearPrompt() {
   kind_ = UpdatePromptKind::none;
+  seen_ = false;
   prompt_.set(UpdatePrompt{});
 }
 
-void AppVersionChecker::dismiss() {
+bool AppVersionChecker::dismiss() {
   NORVIK_ASSERT_ON_LOOP(loop_);
-  if (!prompt_.get().showUpdateAlert) return;
+  if (!prompt_.get().showUpdateAlert) return false;
+  if (!seen_) {
+    log_.write("[Version] «Не сейчас» для подсказки, которую никто не видел, — пропущено");
+    return false;
+  }
   switch (kind_) {
     case UpdatePromptKind::forced:
-      return;  // a forced update has no "later"
+      return false;  // a forced update has no "later"
     case UpdatePromptKind::oneTime:
       if (!releaseHash_.empty()) {
         defaults_.setDouble(std::string(kOntimeHashLastShownPrefix) + releaseHash_, now());
@@ -207,6 +219,7 @@ void AppVersionChecker::dismiss() {
       break;
   }
   clearPrompt();
+  return true;
 }
 
 void AppVersionChecker::pressMainButton() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -28,6 +29,8 @@ struct UpdatePrompt {
   std::string updateTextAfterButton;
   bool isForceUpdate = false;
   bool isSoftScreen = false;
+  // Unique within the run for each prompt put up; an answer names it.
+  std::uint64_t id = 0;
   bool operator==(const UpdatePrompt&) const = default;
 };
 
@@ -51,6 +54,10 @@ enum class UpdatePromptKind { none, oneTime, softScreen, forced, ordinary };
 // The release hash of a one-time prompt: the backend's update info carries no identifier of the
 // release, so the hash is taken from its content — the first 16 hex digits of SHA-256 over the
 // title, message, link and disk-image URL (see releaseHash). A new release changes at least one.
+//
+// A prompt counts as shown only once a front-end has it on screen (markSeen): that is when
+// "update_available" is recorded and a one-time prompt's "ontimeUpdateLastShown" is written. A
+// prompt nobody saw starts no cooldown and cannot be put off.
 //
 // Threading: main loop. Ownership: borrows everything; hooks are called on the loop.
 class AppVersionChecker {
@@ -80,8 +87,11 @@ class AppVersionChecker {
 
   // A trigger: start, return to the foreground, a push.
   void check();
-  // "Later": starts the prompt's cooldown and hides it. A forced prompt cannot be put off.
-  void dismiss();
+  // A front-end has the prompt on screen; the first call for each prompt records the showing.
+  void markSeen();
+  // "Later": starts the prompt's cooldown and hides it. A forced prompt cannot be put off, nor can
+  // one no front-end has seen. False when nothing was put off.
+  bool dismiss();
   // The main button: installs in the app for a forced update that can, else opens the page.
   void pressMainButton();
 
@@ -89,6 +99,10 @@ class AppVersionChecker {
   [[nodiscard]] bool isChecking() const { return isChecking_; }
   [[nodiscard]] int retryCount() const { return retryCount_; }
   [[nodiscard]] UpdatePromptKind promptKind() const { return kind_; }
+  [[nodiscard]] bool promptSeen() const { return seen_; }
+  // The main button installs in the app (a forced update with in-app install) rather than opening
+  // the page.
+  [[nodiscard]] bool installsInApp() const { return kind_ == UpdatePromptKind::forced && inAppUpdate_; }
   [[nodiscard]] const std::string& releaseHash() const { return releaseHash_; }
 
   [[nodiscard]] static std::string releaseHash(const UpdateInfo& info);
@@ -125,6 +139,8 @@ class AppVersionChecker {
   std::string releaseHash_;
   bool inAppUpdate_ = false;
   std::optional<std::string> msiURL_;
+  bool seen_ = false;
+  std::uint64_t lastPromptId_ = 0;
 
   WeakPtrFactory<AppVersionChecker> weakFactory_{this};
 };

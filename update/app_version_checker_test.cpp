@@ -26,11 +26,13 @@ class AppVersionCheckerTest : public ::testing::Test, protected testing::Backend
     });
   }
 
-  // One trigger, at least 30 s after the previous one, run to its end.
-  const UpdatePrompt& checkLater() {
+  // One trigger, at least 30 s after the previous one, run to its end; a front-end shows the
+  // prompt unless `seen` is false.
+  const UpdatePrompt& checkLater(bool seen = true) {
     loop.advance(31s);
     checker_.check();
     loop.runUntil([&] { return !checker_.isChecking(); });
+    if (seen) checker_.markSeen();
     return checker_.prompt().get();
   }
   std::size_t sends() const { return transport_.sent().size(); }
@@ -234,6 +236,28 @@ TEST_F(AppVersionCheckerTest, TheSamePromptAgainIsNotNewsAndNoUpdateClearsIt) {
 
   transport_.setHandler([](const HttpRequest&) { return FakeHttpTransport::json(200, "{}"); });
   EXPECT_FALSE(checkLater().showUpdateAlert);
+}
+
+TEST_F(AppVersionCheckerTest, APromptNobodySawRecordsNothingAndCannotBePutOff) {
+  update_ = {{"update_type", "ontime_hash"}, {"update_title", "Версия A"}};
+  const UpdatePrompt unseen = checkLater(/*seen=*/false);
+  ASSERT_TRUE(unseen.showUpdateAlert);
+  EXPECT_NE(unseen.id, 0u);
+  EXPECT_TRUE(analytics_.tags().empty());
+  EXPECT_FALSE(defaults.contains(Checker::kOntimeUpdateLastShownKey));
+  EXPECT_FALSE(checker_.dismiss());
+  EXPECT_TRUE(checker_.prompt().get().showUpdateAlert);
+  EXPECT_FALSE(defaults.contains("ontimeHashLastShown_" + checker_.releaseHash()));
+
+  // Seen twice is shown once; the same prompt keeps its id, another prompt gets a new one.
+  checker_.markSeen();
+  checker_.markSeen();
+  EXPECT_EQ(analytics_.count("update_available"), 1u);
+  EXPECT_EQ(defaults.doubleValue(Checker::kOntimeUpdateLastShownKey), clock.secondsSince1970());
+  EXPECT_EQ(checkLater().id, unseen.id);
+  update_["update_title"] = "Версия B";
+  EXPECT_GT(checkLater().id, unseen.id);
+  EXPECT_TRUE(checker_.dismiss());
 }
 
 }  // namespace

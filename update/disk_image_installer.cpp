@@ -300,11 +300,33 @@ void DiskImageInstaller::replaceAsAdministrator(std::string reason) {
         if (!succeeded(result)) {
           const std::string detail = toolFailure(result);
           self.log_.format("[Update] msi: замена с правами администратора не прошла: {}", detail);
-          return self.finish(std::unexpected(InstallFailure{str(texts::kCouldNotFinish), detail}));
+          return self.restoreIfRemoved(InstallFailure{str(texts::kCouldNotFinish), detail});
         }
         self.relaunch();
       },
       std::chrono::milliseconds(0));
+}
+
+void DiskImageInstaller::restoreIfRemoved(InstallFailure failure) {
+  // The installed application may already be gone (removed as the user before the move failed,
+  // or by half the administrator's script): the staging copy takes its place, so that the user
+  // is never left without the application.
+  std::error_code ec;
+  const std::filesystem::path app = config_.installedApp();
+  if (std::filesystem::exists(app, ec) || !std::filesystem::exists(staging_, ec)) {
+    return finish(std::unexpected(std::move(failure)));
+  }
+  log_.format("[Update] msi: приложения нет на месте — ставим копию из {}", staging_.string());
+  runTool({str(tools::kDitto), staging_.string(), app.string()},
+          [failure = std::move(failure)](DiskImageInstaller& self, ProcessRunResult copied) mutable {
+            if (succeeded(copied)) {
+              self.log_.write("[Update] msi: приложение восстановлено из копии обновления");
+            } else {
+              self.log_.format("[Update] msi: восстановить приложение не удалось: {}", toolFailure(copied));
+              failure.detail += "; restore: " + toolFailure(copied);
+            }
+            self.finish(std::unexpected(std::move(failure)));
+          });
 }
 
 void DiskImageInstaller::relaunch() {

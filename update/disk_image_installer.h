@@ -101,6 +101,8 @@ class DiskImageInstaller final : public UpdateInstaller {
   void stageOutsideApplications(std::string reason);
   void detachAfterStaging();
   void replace();
+  // Ends a failed replacement; puts the staging copy in place first when the installed app is gone.
+  void restoreIfRemoved(InstallFailure failure);
   void replaceAsAdministrator(std::string reason);
   void relaunch();
   void cleanUp();

@@ -216,6 +216,20 @@ TEST_F(DiskImageInstallerTest, ARefusedAdministratorPromptEndsTheInstallWithItsM
   EXPECT_EQ(installedVersion(), "1.0");
 }
 
+TEST_F(DiskImageInstallerTest, AFailedReplacementAfterTheAppWasRemovedPutsTheStagingCopyInItsPlace) {
+  // Removed as the user, then neither the move nor the administrator manages to put the new one in.
+  runner_.on("/bin/mv", [](const std::vector<std::string>& argv) {
+    return testing::ScriptedProcessRunner::exited(1, "", "mv: " + argv.at(2) + ": Operation not permitted");
+  });
+  tools_.adminApproves = false;
+  auto result = install(source());
+  ASSERT_FALSE(result.has_value());
+  EXPECT_EQ(result.error().userMessage, texts::kCouldNotFinish);
+  EXPECT_EQ(installedVersion(), "2.0") << "never left without the application";
+  EXPECT_TRUE(log_.hasLine("[Update] msi: приложение восстановлено из копии обновления"));
+  EXPECT_TRUE(runner_.launched().empty());
+}
+
 // A path with spaces, quotes or shell syntax in it stays one word in both shell texts.
 class HostilePathInstallTest : public DiskImageInstallerTest {
  protected:

@@ -48,7 +48,7 @@ struct DevBackendOptions {
   std::optional<std::string> linkDomain;
   nlohmann::json mainPatch;  // null: none
   nlohmann::json appUpdate;  // null: no update offered
-  int geoIPCount = 3000;
+  int geoIPCount = 10000;
   bool geoIPCountry = false;  // a country-sized list instead (countryGeoIPList)
   std::string feedVersion = "1.0.0";
   std::optional<std::filesystem::path> feedFile;  // the disk image offered; else a stand-in

@@ -67,7 +67,7 @@ struct DevBackendConfig {
   std::optional<std::string> linkDomain;
   nlohmann::json mainPatch;  // JSON merge patch over every main document; null: none
   nlohmann::json appUpdate;  // the "update" object of check_app_version; null: no update
-  int geoIPCount = 3000;
+  int geoIPCount = 10000;
   bool geoIPCountry = false;  // serve countryGeoIPList() instead of geoIPCount ranges
   FeedRelease feed;
   // This server's clock against the real one: moves "server_time", "Date" and the signature window.

@@ -296,7 +296,7 @@ TEST_F(DevBackendServiceTest, MainCarriesEverySectionTheClientReadsAndNoLinkDoma
   admin("POST", "/admin/geoip", {{"count", 1500}});
   const auto changed = (*loadMain())->main.geoipVersion.value_or("");
   EXPECT_NE(changed, version);
-  admin("POST", "/admin/geoip", {{"count", 3000}});
+  admin("POST", "/admin/geoip", {{"count", 10000}});
   EXPECT_EQ((*loadMain())->main.geoipVersion, version);
 
   // The service lists' version is the one routing announces.

@@ -109,7 +109,7 @@ TEST_F(DevBackendTest, TheGeoIPListPassesTheClientsOwnReader) {
   auto list = acceptGeoIPPayload(download->body);
   ASSERT_TRUE(list.has_value());
   EXPECT_EQ(list->format, GeoIPPayloadFormat::plainText);
-  EXPECT_EQ(list->cidrCount, 3000u);
+  EXPECT_EQ(list->cidrCount, 10000u);
   EXPECT_EQ(list->malformedCount, 0u) << list->firstMalformed;
 }
 
