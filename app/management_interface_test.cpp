@@ -251,6 +251,29 @@ TEST_F(ManagementInterfaceTest, AnEmptySelectionOfSitesCountsAsSeenOnlyWhenAFron
   EXPECT_EQ(analytics.count("empty_sites_off_screen"), 2u);
 }
 
+TEST_F(ManagementInterfaceTest, TheLinksAndTheirFlagsFollowTheMainConfiguration) {
+  Subscriber links = subscribe(Json::array({"links"}));
+  ASSERT_EQ(links.events.size(), 1u);
+  EXPECT_TRUE(links.events[0]["value"]["support"].is_null());
+  EXPECT_FALSE(links.events[0]["value"]["share"].get<std::string>().empty()) << "the built-in link";
+  EXPECT_EQ(links.events[0]["value"]["moveButton"], false);
+
+  Json main = AgentHost::mainAnswer();
+  main["main"].update({{"link_support", "https://t.me/norvik_support"},
+                       {"link_tg", "https://t.me/norvik"},
+                       {"link_share", "https://norvik.app/invite/42"},
+                       {"show_company", true},
+                       {"move_button", true}});
+  host_.backend().answerJson("main", main);
+  host_.app().network().loadMainConfiguration();
+  const Json value = waitFor(links, "links", [](const Json& v) { return !v["support"].is_null(); })["value"];
+  EXPECT_EQ(value, (Json{{"support", "https://t.me/norvik_support"},
+                         {"supportChannel", "https://t.me/norvik"},
+                         {"share", "https://norvik.app/invite/42"},
+                         {"showCompany", true},
+                         {"moveButton", true}}));
+}
+
 TEST_F(ManagementInterfaceTest, TheAgentChecksItsFeedAtLaunchAndOnItsIntervalAndFallsBackToTheMirror) {
   const AppUpdaterConfig config = platformUpdaterConfig();
   auto feedRequests = [&] {

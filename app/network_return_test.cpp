@@ -27,9 +27,9 @@ NetworkPath path(NetworkPathStatus status, std::vector<NetworkInterface> interfa
   return p;
 }
 
-const NetworkInterface kWifi{"wlan0", NetworkInterfaceType::wifi, 3};
-const NetworkInterface kCable{"eth0", NetworkInterfaceType::wiredEthernet, 2};
-const NetworkInterface kTunnel{"norvik0", NetworkInterfaceType::other, 9};
+NetworkInterface wifi() { return {"wlan0", NetworkInterfaceType::wifi, 3}; }
+NetworkInterface cable() { return {"eth0", NetworkInterfaceType::wiredEthernet, 2}; }
+NetworkInterface tunnelInterface() { return {"norvik0", NetworkInterfaceType::other, 9}; }
 
 TEST(NetworkReturnWatch, ReportsAReturnOrAMoveToAnotherNetworkButNeverTheFirstPathOrTheTunnelItself) {
   testing::VirtualEventLoop loop;
@@ -38,30 +38,30 @@ TEST(NetworkReturnWatch, ReportsAReturnOrAMoveToAnotherNetworkButNeverTheFirstPa
   std::vector<std::string> returns;
   NetworkReturnWatch watch(loop, source, log, [&](std::string_view why) { returns.emplace_back(why); });
 
-  source.setPath(path(NetworkPathStatus::satisfied, {kWifi}, {"192.168.1.1"}));
+  source.setPath(path(NetworkPathStatus::satisfied, {wifi()}, {"192.168.1.1"}));
   ASSERT_TRUE(watch.start());
   loop.runUntilIdle();
   EXPECT_TRUE(returns.empty()) << "the network as found at start is no return";
 
   // The tunnel's own interface coming up changes nothing the watch sees.
-  source.setPath(path(NetworkPathStatus::satisfied, {kWifi, kTunnel}, {"192.168.1.1"}));
+  source.setPath(path(NetworkPathStatus::satisfied, {wifi(), tunnelInterface()}, {"192.168.1.1"}));
   loop.runUntilIdle();
   EXPECT_TRUE(returns.empty());
 
   source.setPath(path(NetworkPathStatus::unsatisfied));
   loop.runUntilIdle();
   EXPECT_TRUE(returns.empty()) << "losing the network is not a return";
-  source.setPath(path(NetworkPathStatus::satisfied, {kWifi}, {"192.168.1.1"}));
+  source.setPath(path(NetworkPathStatus::satisfied, {wifi()}, {"192.168.1.1"}));
   loop.runUntilIdle();
   EXPECT_EQ(returns, (std::vector<std::string>{"сеть вернулась"}));
 
-  source.setPath(path(NetworkPathStatus::satisfied, {kCable, kWifi}, {"10.0.0.1", "192.168.1.1"}));
+  source.setPath(path(NetworkPathStatus::satisfied, {cable(), wifi()}, {"10.0.0.1", "192.168.1.1"}));
   loop.runUntilIdle();
   EXPECT_EQ(returns.back(), "сеть сменилась");
 
   // A path on its way when the watch stops is dropped; a stopped watch reports nothing.
   source.setPath(path(NetworkPathStatus::unsatisfied));
-  source.setPath(path(NetworkPathStatus::satisfied, {kWifi}, {"192.168.1.1"}));
+  source.setPath(path(NetworkPathStatus::satisfied, {wifi()}, {"192.168.1.1"}));
   watch.stop();
   loop.runUntilIdle();
   EXPECT_EQ(returns.size(), 2u);
@@ -106,7 +106,7 @@ class OnDemandAgentTest : public ::testing::Test {
     host_.advance(5s);
   }
   void networkComesBack() {
-    host_.networkReturns().setPath(path(NetworkPathStatus::satisfied, {kWifi}, {"192.168.1.1"}));
+    host_.networkReturns().setPath(path(NetworkPathStatus::satisfied, {wifi()}, {"192.168.1.1"}));
     host_.advance(5s);
   }
 
@@ -117,7 +117,7 @@ TEST_F(OnDemandAgentTest, WithOnDemandATunnelLostWithTheNetworkComesBackWhenTheN
   Defaults& group = *host_.app().platform().groupDefaults;
   group.setBool("routing.onDemandEnabled", true);
   group.setInteger("iosFixes.selfHealMaxPerDay", 0);  // no repair of its own: only the network brings it back
-  host_.networkReturns().setPath(path(NetworkPathStatus::satisfied, {kWifi}, {"192.168.1.1"}));
+  host_.networkReturns().setPath(path(NetworkPathStatus::satisfied, {wifi()}, {"192.168.1.1"}));
   ASSERT_EQ(ask({{"command", "connect"}})["status"]["tunnel"], "connected");
 
   loseTheNetworkAndTheTunnel();
@@ -137,7 +137,7 @@ TEST_F(OnDemandAgentTest, WithoutOnDemandTheLostTunnelWaitsForTheUser) {
   Defaults& group = *host_.app().platform().groupDefaults;
   group.setBool("routing.onDemandEnabled", false);
   group.setInteger("iosFixes.selfHealMaxPerDay", 0);
-  host_.networkReturns().setPath(path(NetworkPathStatus::satisfied, {kWifi}, {"192.168.1.1"}));
+  host_.networkReturns().setPath(path(NetworkPathStatus::satisfied, {wifi()}, {"192.168.1.1"}));
   ASSERT_EQ(ask({{"command", "connect"}})["status"]["tunnel"], "connected");
   loseTheNetworkAndTheTunnel();
   networkComesBack();

@@ -214,6 +214,9 @@ class AgentHost {
     platform.groupDefaults = std::make_unique<MemoryDefaults>();
     platform.secureItems = std::make_unique<FakeSecureItemStore>();
     platform.physicalPaths = std::make_unique<FakePhysicalPathSource>();
+    auto networkReturns = std::make_unique<FakePhysicalPathSource>();
+    networkReturns_ = networkReturns.get();
+    platform.networkReturns = std::move(networkReturns);
     auto clockChanges = std::make_unique<FakeClockChangeSource>();
     clockChanges_ = clockChanges.get();
     platform.clockChanges = std::move(clockChanges);
@@ -224,9 +227,6 @@ class AgentHost {
     auto processes = std::make_unique<ScriptedProcessRunner>(loop_);
     processes_ = processes.get();
     platform.processes = std::move(processes);
-    auto networkReturns = std::make_unique<FakePhysicalPathSource>();
-    networkReturns_ = networkReturns.get();
-    platform.networkReturns = std::move(networkReturns);
     auto loginItem = std::make_unique<FakeLoginItem>();
     loginItem_ = loginItem.get();
     platform.loginItem = std::move(loginItem);

@@ -50,7 +50,7 @@ TEST_F(TunnelEndToEndTest, ConnectCarriesTrafficSmartModeBypassesChangeServerMov
   EXPECT_NE(agent_->output().find("[Tunnel] режим smart: 2 маршрутов в туннель, 0 в обход и список GeoIP после "
                                   "подключения"),
             std::string::npos);
-  ASSERT_TRUE(waitFor([&] { return agent_->output().find("[Tunnel] 3000 маршрутов в обход") != std::string::npos; }))
+  ASSERT_TRUE(waitFor([&] { return agent_->output().find("[Tunnel] 10000 маршрутов в обход") != std::string::npos; }))
       << agent_->output();
   EXPECT_EQ(arrivesFrom(client_, kGeoAddress, geo), "198.18.0.2") << "smart mode: the GeoIP range goes direct\n"
                                                                   << agent_->output();
