@@ -22,6 +22,7 @@
 #include "platform/app_paths.h"
 #include "platform/files.h"
 #include "testing/background_process.h"
+#include "testing/sanitizer.h"
 #include "testing/subprocess.h"
 #include "testing/temp_dir.h"
 #include "testing/test_provisioning.h"
@@ -139,11 +140,13 @@ TEST_F(AgentRobustnessTest, ClientsThatNeverReadAreDisconnectedAndTheMemoryComes
   for (int fd : clients) ::close(fd);
   EXPECT_EQ(disconnected, 5) << "every client that does not read is disconnected";
   EXPECT_NE(agent_->output().find("клиент не читает ответы"), std::string::npos) << agent_->output();
-  EXPECT_LT(peak - before, 64 * 1024) << "kB over the start: " << before << " → " << peak;
-
   ASSERT_EQ(norvik({"status"}).exitStatus, 0);
   const long after = procStatusKb(agent_->pid(), "VmRSS");
-  EXPECT_LT(after - before, 16 * 1024) << "kB before " << before << ", peak " << peak << ", after " << after;
+  // Under AddressSanitizer the freed answers sit in its quarantine: the bounds hold in the default build.
+  if (!testing::kUnderAddressSanitizer) {
+    EXPECT_LT(peak - before, 64 * 1024) << "kB over the start: " << before << " → " << peak;
+    EXPECT_LT(after - before, 16 * 1024) << "kB before " << before << ", peak " << peak << ", after " << after;
+  }
   RecordProperty("rss_kb_before", static_cast<int>(before));
   RecordProperty("rss_kb_peak", static_cast<int>(peak));
   RecordProperty("rss_kb_after", static_cast<int>(after));

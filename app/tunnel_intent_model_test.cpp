@@ -20,6 +20,7 @@
 
 #include "testing/agent_host.h"
 #include "testing/env_setting.h"
+#include "testing/sanitizer.h"
 #include "tunnel/widget_files.h"
 
 namespace norvik {
@@ -32,19 +33,7 @@ using testing::ControlConnection;
 using Target = TunnelStateMachine::Target;
 
 // Sanitizer builds run the same sequences several times slower, so they run fewer of them.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define NORVIK_MODEL_UNDER_SANITIZER 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define NORVIK_MODEL_UNDER_SANITIZER 1
-#endif
-#ifdef NORVIK_MODEL_UNDER_SANITIZER
-constexpr int kDefaultSequences = 300;
-#else
-constexpr int kDefaultSequences = 1500;
-#endif
+constexpr int kDefaultSequences = testing::kUnderAddressSanitizer ? 300 : 1500;
 constexpr int kStepsPerSequence = 24;
 
 class IntentModel {
