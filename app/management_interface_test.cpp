@@ -36,23 +36,7 @@ class ManagementInterfaceTest : public ::testing::Test {
   explicit ManagementInterfaceTest(const std::function<void(AgentHost&)>& beforeStart = nullptr)
       : host_({}, beforeStart) {}
 
-  // One request on a connection of its own; its last line.
-  Json ask(const Json& request) {
-    ControlConnection& connection = host_.connect();
-    connection.write(request.dump() + "\n");
-    Json answer;
-    host_.runUntil(
-        [&] {
-          for (Json& line : connection.takeAnswers()) {
-            if (line.contains("ok")) answer = std::move(line);
-          }
-          return !answer.is_null();
-        },
-        5min);
-    host_.hangUp(connection);
-    host_.settle();
-    return answer;
-  }
+  Json ask(const Json& request) { return host_.ask(request); }
 
   // A subscriber: its connection and every event it has received so far.
   struct Subscriber {

@@ -16,7 +16,6 @@ namespace {
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
 using testing::AgentHost;
-using testing::ControlConnection;
 
 NetworkPath path(NetworkPathStatus status, std::vector<NetworkInterface> interfaces = {},
                  std::vector<std::string> gateways = {}) {
@@ -80,22 +79,7 @@ TEST(NetworkReturnWatch, ASystemThatRefusesToWatchIsLoggedAndLeavesTheAgentToWak
 
 class OnDemandAgentTest : public ::testing::Test {
  protected:
-  Json ask(const Json& request) {
-    ControlConnection& connection = host_.connect();
-    connection.write(request.dump() + "\n");
-    Json answer;
-    host_.runUntil(
-        [&] {
-          for (Json& line : connection.takeAnswers()) {
-            if (line.contains("ok")) answer = std::move(line);
-          }
-          return !answer.is_null();
-        },
-        5min);
-    host_.hangUp(connection);
-    host_.settle();
-    return answer;
-  }
+  Json ask(const Json& request) { return host_.ask(request); }
   std::string tunnel() { return ask({{"command", "status"}})["status"].value("tunnel", ""); }
 
   // The network drops and the tunnel with it; the tunnel cannot come back by itself.

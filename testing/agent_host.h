@@ -315,6 +315,25 @@ class AgentHost {
     std::erase_if(connections_, [&](const auto& c) { return c.get() == &connection; });
   }
 
+  // One request on a connection of its own, as the command line sends it: its answer (the line
+  // with "ok"), or null when none came within five virtual minutes.
+  nlohmann::json ask(const nlohmann::json& request) {
+    ControlConnection& connection = connect();
+    connection.write(request.dump() + "\n");
+    nlohmann::json answer;
+    runUntil(
+        [&] {
+          for (nlohmann::json& line : connection.takeAnswers()) {
+            if (line.contains("ok")) answer = std::move(line);
+          }
+          return !answer.is_null();
+        },
+        std::chrono::minutes(5));
+    hangUp(connection);
+    settle();
+    return answer;
+  }
+
   // Carries bytes and runs what they cause until nothing moves at this moment.
   void settle() {
     for (;;) {
