@@ -33,6 +33,7 @@ void ManagementFeed::follow() {
   follow(home.switchBlock(), {T::home});
   follow(home.permissionCardShown(), {T::home});
   follow(home.extensionApprovalCardShown(), {T::home});
+  follow(home.serverPlace(), {T::home});
   follow(app_.health().health(), {T::home});
   follow(app_.health().statusText(), {T::home});
   follow(app_.health().healthRaw(), {T::home});

@@ -59,9 +59,14 @@ Json homeValue(Application& app) {
               {"modeLabel", routing_texts::label(mode)},
               {"operation", operationName(home.operation().get())},
               {"switchLocked", home.switchBlock().get().locked}};
-  out["server"] = manager && manager->protocolConfiguration && manager->protocolConfiguration->serverAddress
-                      ? Json(*manager->protocolConfiguration->serverAddress)
-                      : Json(nullptr);
+  const std::optional<std::string> address =
+      manager && manager->protocolConfiguration ? manager->protocolConfiguration->serverAddress : std::nullopt;
+  out["server"] = address ? Json(*address) : Json(nullptr);
+  // The backend's names for the server, while the installed key still leads to it.
+  const auto& place = home.serverPlace().get();
+  const bool named = address && place && place->address == *address;
+  out["serverName"] = named && !place->name.empty() ? Json(place->name) : Json(nullptr);
+  out["location"] = named && !place->location.empty() ? Json(place->location) : Json(nullptr);
   out["connectedSince"] = vpn.connectionStartTime() ? Json(isoTime(*vpn.connectionStartTime())) : Json(nullptr);
   out["busy"] = home.busyText().get() ? Json(home.busyText().get()->text) : Json(nullptr);
   // The health check's verdict while it has one for this connection.

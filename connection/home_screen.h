@@ -26,6 +26,16 @@ class HomeScreen {
     bool operator==(const ShownError&) const = default;
   };
 
+  // Where the installed key leads, as the backend named it when it gave the key ("serverName",
+  // "location"). It belongs to one server address: a key from elsewhere (a refresh from the main
+  // configuration names no place) leaves it describing a server the tunnel no longer uses.
+  struct ServerPlace {
+    std::string address;
+    std::string name;
+    std::string location;
+    bool operator==(const ServerPlace&) const = default;
+  };
+
   // Whether the toggle is locked because the last main-configuration load failed.
   struct SwitchBlock {
     bool locked = false;
@@ -43,6 +53,7 @@ class HomeScreen {
   [[nodiscard]] Published<bool>& permissionCardShown() { return permissionCard_; }
   [[nodiscard]] Published<bool>& extensionApprovalCardShown() { return approvalCard_; }
   [[nodiscard]] Published<SwitchBlock>& switchBlock() { return switchBlock_; }
+  [[nodiscard]] Published<std::optional<ServerPlace>>& serverPlace() { return serverPlace_; }
   [[nodiscard]] OverlayQueue& overlays() { return overlays_; }
 
   void setBusy(std::optional<BusyText> text) {
@@ -86,6 +97,7 @@ class HomeScreen {
   Published<bool> permissionCard_{false};
   Published<bool> approvalCard_{false};
   Published<SwitchBlock> switchBlock_;
+  Published<std::optional<ServerPlace>> serverPlace_;
   bool loadingBusy_ = false;
 };
 

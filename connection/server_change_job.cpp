@@ -59,17 +59,22 @@ void TunnelStateMachine::ChangeServerJob::onResponse(std::expected<VPNKeyRespons
   if (!r.keyData || r.keyData->empty()) {
     return failChange(texts::kServerChangeRequestErrorTitle, std::string(texts::kNoNewConfiguration));
   }
-  installKey(*r.keyData, /*fresh=*/true, [this](std::expected<void, Error> installed) {
-    if (installed) return connectToNewServer();
-    if (vpn().systemExtensionState().get().kind == SystemExtensionState::Kind::needsApproval) {
-      machine_.analytics_.record("fail sysext_approval");
-      screen().extensionApprovalCardShown().set(true);
-    } else if (isVPNPermissionDenied(installed.error())) {
-      machine_.analytics_.record("fail permission_denied");
-      screen().permissionCardShown().set(true);
-    }
-    failChange(texts::kServerChangeInstallErrorTitle, withWriteCause(texts::kNewInstallFailed, installed.error()));
-  });
+  installKey(*r.keyData, /*fresh=*/true,
+             [this, name = r.serverName, location = r.location](std::expected<void, Error> installed) {
+               if (installed) {
+                 machine_.rememberServer(name, location);
+                 return connectToNewServer();
+               }
+               if (vpn().systemExtensionState().get().kind == SystemExtensionState::Kind::needsApproval) {
+                 machine_.analytics_.record("fail sysext_approval");
+                 screen().extensionApprovalCardShown().set(true);
+               } else if (isVPNPermissionDenied(installed.error())) {
+                 machine_.analytics_.record("fail permission_denied");
+                 screen().permissionCardShown().set(true);
+               }
+               failChange(texts::kServerChangeInstallErrorTitle,
+                          withWriteCause(texts::kNewInstallFailed, installed.error()));
+             });
 }
 
 void TunnelStateMachine::ChangeServerJob::connectToNewServer() {

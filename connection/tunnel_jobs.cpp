@@ -86,7 +86,7 @@ void TunnelStateMachine::Job::installKey(const std::string& keyText, bool fresh,
 
 // --- Getting a key: shared by the connect and getVPNKey ---
 
-std::expected<std::string, TunnelStateMachine::ShownError> TunnelStateMachine::acceptKey(
+std::expected<TunnelStateMachine::FetchedKey, TunnelStateMachine::ShownError> TunnelStateMachine::acceptKey(
     std::expected<VPNKeyResponse, APIError> response) {
   auto failed = [](std::string message, const std::optional<std::string>& title = std::nullopt) {
     return std::unexpected(
@@ -107,7 +107,29 @@ std::expected<std::string, TunnelStateMachine::ShownError> TunnelStateMachine::a
     return failed(std::string(texts::kGenericKeyError));
   }
   if (!hasKey) return failed(std::string(texts::kNoKeyConfiguration));
-  return *r.keyData;
+  return FetchedKey{*r.keyData, r.serverName.value_or(""), r.location.value_or("")};
+}
+
+void TunnelStateMachine::rememberServer(const std::optional<std::string>& serverName,
+                                        const std::optional<std::string>& location) {
+  const auto& manager = vpn_.tunnelManager();
+  const std::optional<std::string> address =
+      manager && manager->protocolConfiguration ? manager->protocolConfiguration->serverAddress : std::nullopt;
+  const std::string name = serverName.value_or("");
+  const std::string place = location.value_or("");
+  if (!address || (name.empty() && place.empty())) {
+    screen_.serverPlace().set(std::nullopt);
+    (void)standard_.remove(kServerPlaceKey);  // a lost write only costs the name after a restart
+    return;
+  }
+  screen_.serverPlace().set(HomeScreen::ServerPlace{*address, name, place});
+  (void)standard_.setStringArray(kServerPlaceKey, {*address, name, place});
+}
+
+void TunnelStateMachine::restoreServer() {
+  const auto stored = standard_.stringArrayValue(kServerPlaceKey);
+  if (!stored || stored->size() != 3 || (*stored)[0].empty()) return;
+  screen_.serverPlace().set(HomeScreen::ServerPlace{(*stored)[0], (*stored)[1], (*stored)[2]});
 }
 
 std::optional<std::string> TunnelStateMachine::keyInstallFailure(const Error& error) {
@@ -162,9 +184,11 @@ void TunnelStateMachine::ConnectJob::fetchKeyThenStart() {
       screen().endOperation();
       return fail(key.error().title, std::move(key.error().message));
     }
-    installKey(*key, /*fresh=*/true, [this](std::expected<void, Error> installed) {
+    const std::string text = key->text;
+    installKey(text, /*fresh=*/true, [this, named = std::move(*key)](std::expected<void, Error> installed) {
       fetchingKey_ = false;
       screen().endOperation();
+      if (installed) machine_.rememberServer(named.serverName, named.location);
       if (!installed) {
         if (auto message = machine_.keyInstallFailure(installed.error())) return fail(texts::kKeyErrorTitle, *message);
         // The permission card asks; the request that led here fails with its words.
@@ -301,7 +325,7 @@ void TunnelStateMachine::ApplyKeyJob::abandon() {
 
 void TunnelStateMachine::FetchKeyJob::start() {
   screen().beginOperation(HomeScreen::Operation::keyInstallation, busy_texts::fetchingKey());
-  if (key_) return install(*key_);
+  if (key_) return install(FetchedKey{*key_, {}, {}});
   machine_.network_.getKey(whileAlive([this](std::expected<VPNKeyResponse, APIError> response) {
     auto key = machine_.acceptKey(std::move(response));
     if (!key) {
@@ -309,13 +333,15 @@ void TunnelStateMachine::FetchKeyJob::start() {
       screen().showError(key.error().title, std::move(key.error().message));
       return end(false);
     }
-    install(*key);
+    install(std::move(*key));
   }));
 }
 
-void TunnelStateMachine::FetchKeyJob::install(const std::string& key) {
-  installKey(key, /*fresh=*/true, [this](std::expected<void, Error> installed) {
+void TunnelStateMachine::FetchKeyJob::install(FetchedKey key) {
+  const std::string text = key.text;
+  installKey(text, /*fresh=*/true, [this, named = std::move(key)](std::expected<void, Error> installed) {
     screen().endOperation();
+    if (installed) machine_.rememberServer(named.serverName, named.location);
     if (!installed) {
       if (auto message = machine_.keyInstallFailure(installed.error())) {
         screen().showError(texts::kKeyErrorTitle, std::move(*message));

@@ -201,7 +201,7 @@ class TunnelStateMachine::FetchKeyJob final : public Job {
   void abandon() override;
 
  private:
-  void install(const std::string& key);
+  void install(FetchedKey key);
   void end(bool installed);
   std::optional<std::string> key_;
   std::move_only_function<void(bool)> done_;

@@ -71,6 +71,7 @@ TunnelStateMachine::TunnelStateMachine(Dependencies d)
       vpn_.disconnectRequested().subscribe([this] { disconnect(IntentOrigin::widget, nullptr); });
   systemStopSubscription_ =
       vpn_.stoppedFromSystemControls().subscribe([this] { disconnect(IntentOrigin::systemControls, nullptr); });
+  restoreServer();
 }
 
 TunnelStateMachine::~TunnelStateMachine() = default;

@@ -54,6 +54,9 @@ class TunnelStateMachine final : public TunnelIntents {
     failed,         // not as the user asked and nothing more is tried: the error was shown
   };
 
+  // Where the installed key leads ([address, serverName, location]), kept for the next start.
+  static constexpr std::string_view kServerPlaceKey = "app.serverPlace";
+
   // How long a start may take to reach connected before it counts as failed and is stopped.
   static constexpr std::chrono::seconds kConnectLimit{45};
   // How long a stop may take.
@@ -191,7 +194,17 @@ class TunnelStateMachine final : public TunnelIntents {
   // Shared steps of the jobs (tunnel_jobs.cpp).
   // The key text of a "getkey" answer, or the message the user sees; logged as the flow defines.
   // The key text, or the error to show: the server's own title heads it when the server gave one.
-  [[nodiscard]] std::expected<std::string, ShownError> acceptKey(std::expected<VPNKeyResponse, APIError> response);
+  struct FetchedKey {
+    std::string text;
+    // How the answer named the server ("serverName", "location"); empty when it did not.
+    std::string serverName;
+    std::string location;
+  };
+  [[nodiscard]] std::expected<FetchedKey, ShownError> acceptKey(std::expected<VPNKeyResponse, APIError> response);
+  // A key the backend just gave is installed: the home screen names its server from now on, also
+  // after a restart of the agent.
+  void rememberServer(const std::optional<std::string>& serverName, const std::optional<std::string>& location);
+  void restoreServer();
   // The message for a failed install of a fetched key; a refused VPN permission shows its card.
   // The message of a failed install; nothing for a refused VPN permission, which the
   // permission card shows instead of a dialog.

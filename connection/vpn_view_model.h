@@ -78,6 +78,7 @@ class VPNViewModel {
   [[nodiscard]] Published<std::optional<ShownError>>& lastError() { return screen_.lastError(); }
   [[nodiscard]] Published<bool>& permissionCardShown() { return screen_.permissionCardShown(); }
   [[nodiscard]] Published<bool>& extensionApprovalCardShown() { return screen_.extensionApprovalCardShown(); }
+  [[nodiscard]] Published<std::optional<HomeScreen::ServerPlace>>& serverPlace() { return screen_.serverPlace(); }
   [[nodiscard]] Published<SwitchBlock>& switchBlock() { return screen_.switchBlock(); }
   [[nodiscard]] TunnelStateMachine& machine() { return machine_; }
 

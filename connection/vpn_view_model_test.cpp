@@ -256,6 +256,42 @@ TEST_F(VPNViewModelTest, AServerChangeWalksThroughItsStepsAndConnectsToTheNewSer
   EXPECT_EQ(seen_.back().message, "Сервер сменён");
 }
 
+TEST_F(VPNViewModelTest, TheServerKeepsTheNameTheBackendGaveItsKeyAcrossChangesAndRestarts) {
+  using Place = HomeScreen::ServerPlace;
+  auto named = [](const std::string& server, const std::string& name, const std::string& location) {
+    auto body = nlohmann::json::parse(keyResponse(server));
+    body["serverName"] = name;
+    body["location"] = location;
+    return body.dump();
+  };
+  answerJson("getkey", 200, named("203.0.113.10", "nl-ams-1", "Нидерланды, Амстердам"));
+  model_->toggleVPN(record());
+  settle();
+  EXPECT_EQ(model_->serverPlace().get(), (Place{"203.0.113.10", "nl-ams-1", "Нидерланды, Амстердам"}));
+
+  answerJson("change_server", 200, named("198.51.100.7", "de-fra-1", "Германия, Франкфурт"));
+  model_->changeServerAction(record());
+  settle();
+  const Place frankfurt{"198.51.100.7", "de-fra-1", "Германия, Франкфурт"};
+  EXPECT_EQ(model_->serverPlace().get(), frankfurt);
+
+  // The agent starts again: the name comes back with the installed key.
+  model_.reset();
+  model_ = std::make_unique<VPNViewModel>(
+      VPNViewModel::Dependencies{loop, network_, vpn_, overlays_, defaults, group_, log, analytics_});
+  EXPECT_EQ(model_->serverPlace().get(), frankfurt);
+  model_->machine().restoreIntent();
+  settle();
+
+  // A server the backend did not name is not shown under the last one's name.
+  answerJson("change_server", 200, keyResponse("192.0.2.44"));
+  model_->changeServerAction(record());
+  settle();
+  EXPECT_EQ(installedServer(), "192.0.2.44");
+  EXPECT_EQ(model_->serverPlace().get(), std::nullopt);
+  EXPECT_FALSE(defaults.contains(TunnelStateMachine::kServerPlaceKey));
+}
+
 TEST_F(VPNViewModelTest, AServerChangeTimeOutIsNotRetriedAndSaysSo) {
   connectWithKey("203.0.113.10");
   answer("change_server", std::unexpected(FakeHttpTransport::failure(NetworkErrorKind::timedOut)));
