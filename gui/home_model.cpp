@@ -2,6 +2,7 @@
 
 #include <QJsonObject>
 #include <QPointer>
+#include <QStringList>
 
 namespace norvik::gui {
 namespace {
@@ -37,6 +38,16 @@ QString HomeModel::stateText() const {
 
 QString HomeModel::busyText() const { return home().value("busy").toString(); }
 QString HomeModel::server() const { return home().value("server").toString(); }
+QString HomeModel::location() const { return home().value("location").toString(); }
+
+QString HomeModel::serverDetail() const {
+  QStringList parts;
+  for (const char* field : {"serverName", "server"}) {
+    const QString part = home().value(field).toString();
+    if (!part.isEmpty()) parts << part;
+  }
+  return parts.join(QStringLiteral(" · "));
+}
 
 bool HomeModel::canChangeServer() const {
   return reachable() && home().value("configured").toBool() && home().value("operation").toString() == "none" &&

@@ -35,6 +35,10 @@ class HomeModel : public QObject {
   [[nodiscard]] QString stateText() const;
   [[nodiscard]] QString busyText() const;
   [[nodiscard]] QString server() const;
+  // Where the server is ("Нидерланды, Амстердам") when the backend named it, else empty.
+  [[nodiscard]] QString location() const;
+  // The server's own name and address under its location ("nl-ams-1 · 203.0.113.10").
+  [[nodiscard]] QString serverDetail() const;
   [[nodiscard]] bool canChangeServer() const;
   [[nodiscard]] QString healthText() const;
   [[nodiscard]] Health health() const;

@@ -57,6 +57,8 @@ HomePage::HomePage(HomeModel& model, QWidget* parent) : QWidget(parent), model_(
   serverText->addWidget(makeLabel(tr("Сервер"), "muted", serverCard));
   server_ = makeLabel({}, "serverName", serverCard);
   serverText->addWidget(server_);
+  serverDetail_ = makeLabel({}, "muted", serverCard);
+  serverText->addWidget(serverDetail_);
   mode_ = makeLabel({}, "muted", serverCard);
   serverText->addWidget(mode_);
   serverRow->addLayout(serverText, 1);
@@ -123,7 +125,13 @@ void HomePage::render() {
   agentNote_->setText(model_.agentNote());
   agentNote_->setVisible(!model_.agentNote().isEmpty());
 
-  server_->setText(model_.server().isEmpty() ? tr("Сервер будет выбран при подключении") : model_.server());
+  // The place leads where the backend named one; the address alone otherwise.
+  QString server = model_.location();
+  if (server.isEmpty()) server = model_.server();
+  server_->setText(server.isEmpty() ? tr("Сервер будет выбран при подключении") : server);
+  const QString detail = model_.location().isEmpty() ? QString() : model_.serverDetail();
+  serverDetail_->setText(detail);
+  serverDetail_->setVisible(!detail.isEmpty());
   QString mode = model_.modeLabel().isEmpty() ? QString() : tr("Режим: %1").arg(model_.modeLabel());
   if (!model_.modeNotice().isEmpty()) mode += (mode.isEmpty() ? "" : " · ") + model_.modeNotice();
   mode_->setText(mode);

@@ -36,6 +36,7 @@ class HomePage : public QWidget {
   QLabel* busy_;
   QLabel* agentNote_;
   QLabel* server_;
+  QLabel* serverDetail_;
   QLabel* mode_;
   QPushButton* changeServer_;
   QLabel* healthDot_;

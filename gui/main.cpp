@@ -16,6 +16,7 @@
 #include "gui/home_page.h"
 #include "gui/main_window.h"
 #include "gui/screenshots.h"
+#include "gui/single_instance.h"
 #include "gui/style.h"
 #include "gui/tray.h"
 #include "gui/widget_bridge.h"
@@ -99,6 +100,17 @@ int main(int argc, char** argv) {
   const QString home = resolveHome(parser.value(homeOption));
   if (parser.isSet(widgetOption)) return runWidget(home);
 
+  // A second launch brings the running application forward instead of starting another.
+  norvik::gui::SingleInstance instance(home + "/run");
+  if (!parser.isSet(shotsOption)) {
+    const auto claim = instance.claim(/*raise=*/!parser.isSet(autostartOption));
+    if (claim == norvik::gui::SingleInstance::Claim::handedOver) return 0;
+    if (claim == norvik::gui::SingleInstance::Claim::unanswered) {
+      qWarning("norvik-gui: another instance holds %s but does not answer; starting anyway",
+               qPrintable(instance.socketPath()));
+    }
+  }
+
   norvik::gui::AgentStarter::Options startOptions;
   startOptions.norvik = parser.value(norvikOption);
   startOptions.globalArgs << "--home" << home;
@@ -118,6 +130,7 @@ int main(int argc, char** argv) {
   norvik::gui::MainWindow window(models);
   norvik::gui::Tray tray(models.menu);
   QObject::connect(&tray, &norvik::gui::Tray::quitRequested, &app, &QApplication::quit);
+  QObject::connect(&instance, &norvik::gui::SingleInstance::activated, &window, &norvik::gui::MainWindow::bringForward);
 
   norvik::gui::AgentStarter starter(startOptions);
   bool started = false;

@@ -2,9 +2,12 @@
 
 // The view models against a scripted agent speaking the management interface over a real socket.
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QLockFile>
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
 #include <cstdio>
@@ -14,6 +17,7 @@
 #include "gui/overlay_model.h"
 #include "gui/routing_models.h"
 #include "gui/settings_models.h"
+#include "gui/single_instance.h"
 #include "gui/tests/scripted_agent.h"
 #include "gui/update_model.h"
 #include "gui/widget_bridge.h"
@@ -24,7 +28,9 @@ inline QJsonObject connectedHome() {
                      {"tunnelText", "Защищено"},
                      {"intent", "on"},
                      {"state", "connected"},
-                     {"server", "Амстердам, Нидерланды"},
+                     {"server", "203.0.113.10"},
+                     {"serverName", "nl-ams-1"},
+                     {"location", "Нидерланды, Амстердам"},
                      {"configured", true},
                      {"operation", "none"},
                      {"busy", QJsonValue::Null},
@@ -60,7 +66,8 @@ class ModelsTest : public QObject {
     QTRY_VERIFY(home.reachable());
     QCOMPARE(home.stateText(), QString("Защищено"));
     QCOMPARE(home.toggleState(), HomeModel::Toggle::on);
-    QCOMPARE(home.server(), QString("Амстердам, Нидерланды"));
+    QCOMPARE(home.location(), QString("Нидерланды, Амстердам"));
+    QCOMPARE(home.serverDetail(), QString("nl-ams-1 · 203.0.113.10"));
     QCOMPARE(home.health(), HomeModel::Health::ok);
     QVERIFY(home.canChangeServer());
 
@@ -70,9 +77,14 @@ class ModelsTest : public QObject {
     changing["lastError"] = QJsonObject{{"title", "Ошибка"}, {"message", "Сервер недоступен"}};
     changing["switchLocked"] = true;
     changing["permissionCard"] = QJsonObject{{"title", "Разрешите VPN-подключение"}};
+    // A key the backend did not name: the address alone.
+    changing["serverName"] = QJsonValue::Null;
+    changing["location"] = QJsonValue::Null;
     QSignalSpy changed(&home, &HomeModel::changed);
     agent_->publish("home", changing);
     QTRY_COMPARE(home.busyText(), QString("Меняем сервер…"));
+    QVERIFY(home.location().isEmpty());
+    QCOMPARE(home.serverDetail(), QString("203.0.113.10"));
     QCOMPARE(home.toggleState(), HomeModel::Toggle::busy);
     QVERIFY(!home.canChangeServer());
     QVERIFY(!home.toggleEnabled());
@@ -398,6 +410,53 @@ class ModelsTest : public QObject {
     QTRY_COMPARE(agent_->lastRequest(), (QJsonObject{{"command", "smart-mode"}, {"enabled", false}, {"dialog", true}}));
     QTest::qWait(20);
     QVERIFY(settings.errorText().isEmpty());
+  }
+
+  void singleInstance_aSecondLaunchRaisesTheFirstAndADeadOwnerIsReplaced() {
+    const QString run = agent_->home() + "/run-gui";
+    {
+      // A predecessor that died: its lock names a process that is gone, its socket file is left.
+      QProcess gone;
+      gone.start("true", {});
+      QVERIFY(gone.waitForStarted());
+      const qint64 pid = gone.processId();
+      QVERIFY(gone.waitForFinished());
+      QVERIFY(QDir().mkpath(run));
+      QFile stale(run + "/gui.lock");
+      QVERIFY(stale.open(QIODevice::WriteOnly));
+      stale.write(QByteArray::number(pid) + "\ngui_models_test\n" + QSysInfo::machineHostName().toUtf8() + "\n");
+      QFile leftover(run + "/gui.sock");
+      QVERIFY(leftover.open(QIODevice::WriteOnly));
+    }
+    auto first = std::make_unique<SingleInstance>(run);
+    QCOMPARE(first->claim(true), SingleInstance::Claim::first);
+    QSignalSpy activated(first.get(), &SingleInstance::activated);
+
+    SingleInstance second(run);
+    QCOMPARE(second.claim(true, 1000), SingleInstance::Claim::handedOver);
+    QTRY_COMPARE(activated.count(), 1);
+    // A launch at login finds it running and leaves the window where it is.
+    SingleInstance atLogin(run);
+    QCOMPARE(atLogin.claim(false, 1000), SingleInstance::Claim::handedOver);
+    QTest::qWait(50);
+    QCOMPARE(activated.count(), 1);
+
+    // The first ends: the next launch is the application.
+    first.reset();
+    SingleInstance next(run);
+    QCOMPARE(next.claim(true), SingleInstance::Claim::first);
+  }
+
+  void singleInstance_aLiveOwnerThatDoesNotAnswerIsNotWaitedForLong() {
+    const QString run = agent_->home() + "/run-gui";
+    QVERIFY(QDir().mkpath(run));
+    QLockFile held(run + "/gui.lock");
+    QVERIFY(held.tryLock(0));
+    SingleInstance late(run);
+    QElapsedTimer waited;
+    waited.start();
+    QCOMPARE(late.claim(true, 300), SingleInstance::Claim::unanswered);
+    QVERIFY(waited.elapsed() < 2000);
   }
 
   void widgetBridge_readsOnlyOnAStatePostAndLeavesCommandsThroughFiles() {

@@ -26,8 +26,14 @@
 
 namespace norvik::gui {
 inline QJsonObject home(const QString& tunnel, const QString& text) {
-  return QJsonObject{{"tunnel", tunnel},   {"tunnelText", text},  {"server", "Франкфурт, Германия"},
-                     {"configured", true}, {"operation", "none"}, {"switchLocked", false}};
+  return QJsonObject{{"tunnel", tunnel},
+                     {"tunnelText", text},
+                     {"server", "198.51.100.7"},
+                     {"serverName", "de-fra-1"},
+                     {"location", "Германия, Франкфурт"},
+                     {"configured", true},
+                     {"operation", "none"},
+                     {"switchLocked", false}};
 }
 
 inline QJsonObject dialog(const QString& id) {
@@ -71,7 +77,7 @@ class ViewsTest : public QObject {
   void home_showsTheStateAndTheToggleAsksTheAgent() {
     HomePage* page = window_->homePage();
     QTRY_COMPARE(page->stateText(), QString("Отключено"));
-    QCOMPARE(page->serverText(), QString("Франкфурт, Германия"));
+    QCOMPARE(page->serverText(), QString("Германия, Франкфурт"));
     QCOMPARE(page->toggle()->look(), PowerToggle::Look::off);
     QCOMPARE(page->toggle()->accessibleName(), QString("Подключить VPN"));
     QTest::mouseClick(page->toggle(), Qt::LeftButton);
