@@ -27,8 +27,14 @@ QIcon stateIcon(bool on) {
 
 }  // namespace
 
-Tray::Tray(MenuModel& model, QObject* parent) : QObject(parent), model_(model), menu_(new QMenu()) {
+Tray::Tray(MenuModel& model, QObject* parent)
+    : QObject(parent), model_(model), menu_(new QMenu()), icon_(new QSystemTrayIcon(this)) {
   menu_->setAccessibleName(tr("Меню Norvik"));
+  icon_->setContextMenu(menu_);
+  // A click on the icon opens the window; the menu is the other button's.
+  connect(icon_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+    if (reason == QSystemTrayIcon::Trigger) emit model_.openWindow();
+  });
   connect(&model_, &MenuModel::changed, this, &Tray::render);
   render();
 }
@@ -37,12 +43,6 @@ Tray::~Tray() { delete menu_; }
 
 bool Tray::show() {
   if (!QSystemTrayIcon::isSystemTrayAvailable()) return false;
-  icon_ = new QSystemTrayIcon(this);
-  icon_->setContextMenu(menu_);
-  connect(icon_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-    if (reason == QSystemTrayIcon::Trigger) emit model_.openWindow();
-  });
-  render();
   icon_->show();
   return true;
 }
@@ -63,10 +63,8 @@ void Tray::render() {
   }
   menu_->addSeparator();
   connect(menu_->addAction(tr("Выйти из Norvik")), &QAction::triggered, this, &Tray::quitRequested);
-  if (icon_ != nullptr) {
-    icon_->setIcon(stateIcon(on));
-    icon_->setToolTip(model_.title());
-  }
+  icon_->setIcon(stateIcon(on));
+  icon_->setToolTip(model_.title());
 }
 
 }  // namespace norvik::gui

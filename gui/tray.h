@@ -20,6 +20,9 @@ class Tray : public QObject {
   [[nodiscard]] QMenu* menu() const { return menu_; }
   // Shows the icon where the desktop has a tray; false where it has none.
   bool show();
+  // The icon, kept current whether or not the desktop shows it: protected or not, the menu's title
+  // as its tool tip.
+  [[nodiscard]] QSystemTrayIcon* icon() const { return icon_; }
 
  signals:
   void quitRequested();
@@ -28,7 +31,7 @@ class Tray : public QObject {
   void render();
   MenuModel& model_;
   QMenu* menu_;
-  QSystemTrayIcon* icon_ = nullptr;
+  QSystemTrayIcon* icon_;
 };
 
 }  // namespace norvik::gui

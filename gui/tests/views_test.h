@@ -12,6 +12,7 @@
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSignalSpy>
+#include <QSystemTrayIcon>
 #include <QTest>
 #include <algorithm>
 
@@ -182,6 +183,32 @@ class ViewsTest : public QObject {
     actions.last()->trigger();
     QCOMPARE(quit.count(), 1);
     QVERIFY(agent_->requests().size() == 1);  // quitting tells the agent nothing: the tunnel stays
+  }
+
+  void tray_iconFollowsTheTunnelAndAClickOpensTheWindow() {
+    Tray tray(models_->menu);
+    auto centre = [&tray] { return tray.icon()->icon().pixmap(64, 64).toImage().pixelColor(10, 32); };
+    agent_->publish(
+        "menu",
+        QJsonObject{{"title", "Norvik — Отключено"},
+                    {"items", QJsonArray{QJsonObject{
+                                  {"index", 0}, {"title", "Подключить"}, {"action", "connect"}, {"enabled", true}}}}});
+    QTRY_COMPARE(tray.icon()->toolTip(), QString("Norvik — Отключено"));
+    QCOMPARE(centre(), colors::kIdle);
+    agent_->publish(
+        "menu", QJsonObject{{"title", "Norvik — Защищено"},
+                            {"items",
+                             QJsonArray{QJsonObject{
+                                 {"index", 0}, {"title", "Отключить"}, {"action", "disconnect"}, {"enabled", true}}}}});
+    QTRY_COMPARE(tray.icon()->toolTip(), QString("Norvik — Защищено"));
+    QCOMPARE(centre(), colors::kProtected);
+    QCOMPARE(tray.icon()->contextMenu(), tray.menu());
+
+    QSignalSpy open(&models_->menu, &MenuModel::openWindow);
+    emit tray.icon()->activated(QSystemTrayIcon::Context);
+    QCOMPARE(open.count(), 0);
+    emit tray.icon()->activated(QSystemTrayIcon::Trigger);
+    QCOMPARE(open.count(), 1);
   }
 
   void everyControl_isNamedAndReachableByTab() {
