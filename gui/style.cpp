@@ -53,6 +53,7 @@ QScrollArea { border: none; background: transparent; }
 #dialogTitle { font-size: 18px; font-weight: 700; }
 #toast { background: #1b2133; color: #ffffff; border-radius: 14px; padding: 12px 20px; font-size: 14px; }
 #widgetCard { background: #ffffff; border: 1px solid #e4e8f1; border-radius: 22px; }
+#widgetCard QPushButton { padding: 9px 10px; }
 )");
 }
 

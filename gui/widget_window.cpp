@@ -21,7 +21,7 @@ WidgetWindow::WidgetWindow(WidgetBridge& bridge, QWidget* parent) : QWidget(pare
   auto* outer = new QVBoxLayout(this);
   outer->setContentsMargins(12, 12, 12, 12);
   auto* card = makeCard(this, "widgetCard");
-  card->setFixedWidth(340);
+  card->setFixedWidth(360);
   outer->addWidget(card);
   auto* layout = qobject_cast<QVBoxLayout*>(card->layout());
   layout->setContentsMargins(20, 18, 20, 18);
