@@ -15,7 +15,8 @@ from collections import OrderedDict
 
 command, root, database, work = sys.argv[1:5]
 limit, unity_size = 24, 8
-entry_point = re.compile(r'^\s*(int\s+main\s*\(|BENCHMARK_MAIN\s*\(|extern\s+"C"\s+int\s+LLVMFuzzerTestOneInput\s*\()', re.M)
+entry_point = re.compile(r'^\s*(int\s+main\s*\(|BENCHMARK_MAIN\s*\(|QTEST_(GUILESS_|APPLESS_)?MAIN\s*\(|'
+                         r'extern\s+"C"\s+int\s+LLVMFuzzerTestOneInput\s*\()', re.M)
 
 entries = OrderedDict()  # each target's sources in its own order, as CMake lists them
 for entry in json.load(open(database)):
@@ -37,6 +38,11 @@ def is_entry_point(path):
     return bool(entry_point.search(open(path, errors="replace").read()))
 
 
+# Options whose value is the next argument.
+with_value = {"-o", "-c", "-MF", "-MT", "-MQ", "-isystem", "-I", "-D", "-U", "-include", "-iquote", "-idirafter",
+              "-x", "-Xclang", "-imacros", "-isysroot", "--sysroot", "-target"}
+
+
 def write_round(folder, groups):
     """Writes one run per group: a file alone is checked with the build's database, a batch with
     its own: the union of its members' flags (include paths and definitions)."""
@@ -52,17 +58,22 @@ def write_round(folder, groups):
             out.writelines(f'#include "{path}"  // NOLINT(bugprone-suspicious-include)\n' for path in members)
         with open(f"{source}.members", "w") as out:
             out.writelines(f"{path}\n" for path in members)
-        flags = []
+        flags, seen = [], set()
         for path in members:
-            args = arguments(path)
-            skip = False
-            for arg in args[1:]:
-                if skip:
-                    skip = False
-                elif arg in ("-o", "-c"):
-                    skip = True
-                elif os.path.normpath(os.path.join(entries[path]["directory"], arg)) != path and arg not in flags:
-                    flags.append(arg)
+            args = arguments(path)[1:]
+            at = 0
+            while at < len(args):
+                # An option and its separate value ("-isystem DIR", as Qt's include folders come)
+                # stay one unit: merged apart, the value would be taken for an input file.
+                unit = tuple(args[at:at + 2]) if args[at] in with_value else (args[at],)
+                at += len(unit)
+                if unit[0] in ("-o", "-c", "-MF", "-MT", "-MQ"):
+                    continue
+                if len(unit) == 1 and os.path.normpath(os.path.join(entries[path]["directory"], unit[0])) == path:
+                    continue  # the member itself
+                if unit not in seen:
+                    seen.add(unit)
+                    flags += unit
         compiler = arguments(members[0])[0]
         batches.append({"directory": entries[members[0]]["directory"], "file": source,
                         "arguments": [compiler, *flags, "-c", source]})
@@ -92,15 +103,27 @@ if command == "plan":
             entry_points.append(path)
         else:
             folders.setdefault(os.path.relpath(path, root).split("/")[0], []).append(path)
-    groups = []
-    for paths in folders.values():
+    groups, folder_of = [], []
+    for folder, paths in folders.items():
         size = -(-len(paths) // -(-len(paths) // limit))  # as even as the limit allows
-        groups += [paths[first:first + size] for first in range(0, len(paths), size)]
-    for number, path in enumerate(entry_points):
-        if number < len(groups):
+        for first in range(0, len(paths), size):
+            groups.append(paths[first:first + size])
+            folder_of.append(folder)
+    # One entry point per batch, in a batch of its own folder when one is free (its includes are
+    # that folder's: Qt's headers stay in the batches of gui/), else in any free batch.
+    has_entry = [False] * len(groups)
+    for path in entry_points:
+        folder = os.path.relpath(path, root).split("/")[0]
+        free = [n for n in range(len(groups)) if not has_entry[n]]
+        own = [n for n in free if folder_of[n] == folder]
+        if own or free:
+            number = (own or free)[0]
             groups[number].append(path)
+            has_entry[number] = True
         else:
             groups.append([path])
+            folder_of.append(folder)
+            has_entry.append(True)
     write_round(f"{work}/round1", groups)
 elif command == "split":
     failed, folder = sys.argv[5], sys.argv[6]
