@@ -60,9 +60,10 @@ void TunnelStateMachine::ChangeServerJob::onResponse(std::expected<VPNKeyRespons
     return failChange(texts::kServerChangeRequestErrorTitle, std::string(texts::kNoNewConfiguration));
   }
   installKey(*r.keyData, /*fresh=*/true,
-             [this, name = r.serverName, location = r.location](std::expected<void, Error> installed) {
+             [this, named = FetchedKey{*r.keyData, r.serverName.value_or(""), r.location.value_or("")}](
+                 std::expected<void, Error> installed) {
                if (installed) {
-                 machine_.rememberServer(name, location);
+                 machine_.rememberServer(named);
                  return connectToNewServer();
                }
                if (vpn().systemExtensionState().get().kind == SystemExtensionState::Kind::needsApproval) {

@@ -110,20 +110,18 @@ std::expected<TunnelStateMachine::FetchedKey, TunnelStateMachine::ShownError> Tu
   return FetchedKey{*r.keyData, r.serverName.value_or(""), r.location.value_or("")};
 }
 
-void TunnelStateMachine::rememberServer(const std::optional<std::string>& serverName,
-                                        const std::optional<std::string>& location) {
+void TunnelStateMachine::rememberServer(const FetchedKey& installed) {
   const auto& manager = vpn_.tunnelManager();
   const std::optional<std::string> address =
       manager && manager->protocolConfiguration ? manager->protocolConfiguration->serverAddress : std::nullopt;
-  const std::string name = serverName.value_or("");
-  const std::string place = location.value_or("");
-  if (!address || (name.empty() && place.empty())) {
+  // A lost write only costs the name after a restart of the agent.
+  if (!address || (installed.serverName.empty() && installed.location.empty())) {
     screen_.serverPlace().set(std::nullopt);
-    (void)standard_.remove(kServerPlaceKey);  // a lost write only costs the name after a restart
+    (void)standard_.remove(kServerPlaceKey);
     return;
   }
-  screen_.serverPlace().set(HomeScreen::ServerPlace{*address, name, place});
-  (void)standard_.setStringArray(kServerPlaceKey, {*address, name, place});
+  screen_.serverPlace().set(HomeScreen::ServerPlace{*address, installed.serverName, installed.location});
+  (void)standard_.setStringArray(kServerPlaceKey, {*address, installed.serverName, installed.location});
 }
 
 void TunnelStateMachine::restoreServer() {
@@ -188,12 +186,12 @@ void TunnelStateMachine::ConnectJob::fetchKeyThenStart() {
     installKey(text, /*fresh=*/true, [this, named = std::move(*key)](std::expected<void, Error> installed) {
       fetchingKey_ = false;
       screen().endOperation();
-      if (installed) machine_.rememberServer(named.serverName, named.location);
       if (!installed) {
         if (auto message = machine_.keyInstallFailure(installed.error())) return fail(texts::kKeyErrorTitle, *message);
         // The permission card asks; the request that led here fails with its words.
         return finish(ShownError{std::string(texts::kKeyErrorTitle), std::string(texts::kAllowVPN)});
       }
+      machine_.rememberServer(named);
       screen().permissionCardShown().set(false);
       startTunnel();
     });
@@ -341,13 +339,13 @@ void TunnelStateMachine::FetchKeyJob::install(FetchedKey key) {
   const std::string text = key.text;
   installKey(text, /*fresh=*/true, [this, named = std::move(key)](std::expected<void, Error> installed) {
     screen().endOperation();
-    if (installed) machine_.rememberServer(named.serverName, named.location);
     if (!installed) {
       if (auto message = machine_.keyInstallFailure(installed.error())) {
         screen().showError(texts::kKeyErrorTitle, std::move(*message));
       }
       return end(false);
     }
+    machine_.rememberServer(named);
     screen().permissionCardShown().set(false);
     end(true);
   });

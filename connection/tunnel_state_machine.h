@@ -192,22 +192,22 @@ class TunnelStateMachine final : public TunnelIntents {
   void setState(State state);
 
   // Shared steps of the jobs (tunnel_jobs.cpp).
-  // The key text of a "getkey" answer, or the message the user sees; logged as the flow defines.
-  // The key text, or the error to show: the server's own title heads it when the server gave one.
+  // A key as the backend gave it, with how its answer named the server ("serverName",
+  // "location"; empty when it did not).
   struct FetchedKey {
     std::string text;
-    // How the answer named the server ("serverName", "location"); empty when it did not.
     std::string serverName;
     std::string location;
   };
+  // The key of a "getkey" answer, logged as the flow defines, or the error to show: the server's
+  // own title heads it when the server gave one.
   [[nodiscard]] std::expected<FetchedKey, ShownError> acceptKey(std::expected<VPNKeyResponse, APIError> response);
   // A key the backend just gave is installed: the home screen names its server from now on, also
   // after a restart of the agent.
-  void rememberServer(const std::optional<std::string>& serverName, const std::optional<std::string>& location);
+  void rememberServer(const FetchedKey& installed);
   void restoreServer();
-  // The message for a failed install of a fetched key; a refused VPN permission shows its card.
-  // The message of a failed install; nothing for a refused VPN permission, which the
-  // permission card shows instead of a dialog.
+  // The message of a failed install of a fetched key; nothing for a refused VPN permission, which
+  // the permission card shows instead of a dialog.
   [[nodiscard]] std::optional<std::string> keyInstallFailure(const Error& error);
 
   EventLoop& loop_;
