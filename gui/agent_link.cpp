@@ -2,6 +2,7 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QPointer>
 
 #include <memory>
 
@@ -127,6 +128,16 @@ void AgentLink::request(const QJsonObject& request, const Reply& done, const Pro
     if (socket->state() != QLocalSocket::ConnectedState) finish(unreachable(tr("Агент Norvik не запущен.")));
   });
   socket->connectToServer(socketPath_);
+}
+
+void AgentLink::requestChange(QJsonObject request, QObject* owner, std::function<void(const QString& error)> refused) {
+  request["dialog"] = true;
+  this->request(request, [owner = QPointer(owner), refused = std::move(refused)](const QJsonObject& reply) {
+    if (!owner) return;
+    const QString code = reply.value("code").toString();
+    if (reply.value("ok").toBool() || code == "confirm" || code == "superseded") return;
+    refused(errorText(reply));
+  });
 }
 
 QString AgentLink::errorText(const QJsonObject& reply) {

@@ -41,6 +41,12 @@ class AgentLink : public QObject {
   // cannot be reached or hangs up, {"ok": false, "code": "unreachable", "error": {...}}.
   void request(const QJsonObject& request, const Reply& done = {}, const Progress& progress = {});
 
+  // Sends a change the agent may want confirmed first ("dialog": true): the confirmation then
+  // comes as a dialog of the overlay queue and the topics say what the user chose. `refused` gets
+  // the words of a refusal only — a success, a dialog to answer or a replacement by a later request
+  // needs none — and is not called once `owner` is gone.
+  void requestChange(QJsonObject request, QObject* owner, std::function<void(const QString& error)> refused);
+
   static QString errorText(const QJsonObject& reply);
 
  signals:

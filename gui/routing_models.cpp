@@ -27,14 +27,10 @@ void ModeModel::choose(const QString& mode) {
   emit changed();
   // The full mode's confirmation comes back as a dialog of the overlay queue (code "confirm"):
   // the mode changes when the user answers it, and the topic then says so.
-  link_.request(QJsonObject{{"command", "mode"}, {"set", mode}, {"dialog", true}},
-                [self = QPointer(this)](const QJsonObject& reply) {
-                  if (!self) return;
-                  const QString code = reply.value("code").toString();
-                  if (reply.value("ok").toBool() || code == "confirm" || code == "superseded") return;
-                  self->error_ = AgentLink::errorText(reply);
-                  emit self->changed();
-                });
+  link_.requestChange(QJsonObject{{"command", "mode"}, {"set", mode}}, this, [this](const QString& error) {
+    error_ = error;
+    emit changed();
+  });
 }
 
 SitesModel::SitesModel(AgentLink& link, QObject* parent) : QObject(parent), link_(link) {

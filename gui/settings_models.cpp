@@ -1,7 +1,6 @@
 #include "gui/settings_models.h"
 
 #include <QJsonArray>
-#include <QPointer>
 
 namespace norvik::gui {
 
@@ -78,14 +77,10 @@ void SettingsModel::setLaunchAtLogin(bool on) {
 
 void SettingsModel::setSmartMode(bool on) {
   error_.clear();
-  link_.request(QJsonObject{{"command", "smart-mode"}, {"enabled", on}, {"dialog", true}},
-                [self = QPointer(this)](const QJsonObject& reply) {
-                  if (!self) return;
-                  const QString code = reply.value("code").toString();
-                  if (reply.value("ok").toBool() || code == "confirm" || code == "superseded") return;
-                  self->error_ = AgentLink::errorText(reply);
-                  emit self->changed();
-                });
+  link_.requestChange(QJsonObject{{"command", "smart-mode"}, {"enabled", on}}, this, [this](const QString& error) {
+    error_ = error;
+    emit changed();
+  });
 }
 
 }  // namespace norvik::gui
